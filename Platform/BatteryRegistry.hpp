@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "Platform/PropertyValue.hpp"
+
+namespace quenzel::platform {
+
+/// The internal battery as the system's registry, its list of power sources and its adapter record describe it, under
+/// the registry's own key names and units (mA, mV, mAh, hundredths of a degree Celsius). Thread-safe.
+class BatteryRegistry {
+ public:
+  virtual ~BatteryRegistry() = default;
+
+  /// Properties of the battery's service; none on a machine without a battery.
+  virtual std::optional<PropertyDictionary> batteryProperties() = 0;
+
+  /// Description of the internal battery in the list of power sources; none when it is not listed.
+  virtual std::optional<PropertyDictionary> internalBatteryDescription() = 0;
+
+  /// Details of the connected power adapter; none when there is none or it says nothing.
+  virtual std::optional<PropertyDictionary> externalAdapterDetails() = 0;
+};
+
+std::unique_ptr<BatteryRegistry> makeBatteryRegistry();
+
+}  // namespace quenzel::platform

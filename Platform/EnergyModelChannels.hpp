@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quenzel::platform {
+
+/// One cumulative energy counter.
+struct EnergyModelChannel {
+  std::string group;
+  std::optional<std::string> name;
+  std::optional<std::string> unit;  ///< "mJ", "uJ" or "nJ"
+  std::int64_t value = 0;           ///< energy since some fixed moment; never wraps
+
+  bool operator==(const EnergyModelChannel&) const = default;
+};
+
+/// The machine's energy counters: IOReport's "Energy Model" group on macOS, powercap RAPL zones on Linux. Thread-safe.
+class EnergyModelChannels {
+ public:
+  virtual ~EnergyModelChannels() = default;
+
+  /// All counters now; none when the machine has none or does not let this process read them.
+  virtual std::optional<std::vector<EnergyModelChannel>> sample() = 0;
+};
+
+std::unique_ptr<EnergyModelChannels> makeEnergyModelChannels();
+
+}  // namespace quenzel::platform
