@@ -7,8 +7,8 @@
 
 namespace quenzel {
 
-/// How an attempt to end a process went. A success may carry a message too: that the process was gone already, or that
-/// it took SIGKILL.
+/// How an attempt to end a process went. A success may carry a message too: that the process was gone
+/// already, or that it took SIGKILL.
 struct ProcessTerminationResult {
   bool succeeded = false;
   std::optional<std::string> message;

@@ -35,7 +35,8 @@ class ShellRunnerError final : public std::runtime_error {
   double seconds() const noexcept { return seconds_; }
 
  private:
-  ShellRunnerError(Kind kind, const std::string& description) : std::runtime_error(description), kind_(kind) {}
+  ShellRunnerError(Kind kind, const std::string& description)
+      : std::runtime_error(description), kind_(kind) {}
 
   Kind kind_;
   ShellResult result_;

@@ -7,8 +7,9 @@
 
 namespace quenzel::platform {
 
-/// The internal battery as the system's registry, its list of power sources and its adapter record describe it, under
-/// the registry's own key names and units (mA, mV, mAh, hundredths of a degree Celsius). Thread-safe.
+/// The internal battery as the system's registry, its list of power sources and its adapter record describe
+/// it, under the registry's own key names and units (mA, mV, mAh, hundredths of a degree Celsius).
+/// Thread-safe.
 class BatteryRegistry {
  public:
   virtual ~BatteryRegistry() = default;

@@ -18,7 +18,8 @@ struct EnergyModelChannel {
   bool operator==(const EnergyModelChannel&) const = default;
 };
 
-/// The machine's energy counters: IOReport's "Energy Model" group on macOS, powercap RAPL zones on Linux. Thread-safe.
+/// The machine's energy counters: IOReport's "Energy Model" group on macOS, powercap RAPL zones on Linux.
+/// Thread-safe.
 class EnergyModelChannels {
  public:
   virtual ~EnergyModelChannels() = default;

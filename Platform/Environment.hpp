@@ -8,8 +8,8 @@
 namespace quenzel::platform {
 
 /// The process environment behind one lock. getenv(3) may run beside itself but not beside setenv(3), and the
-/// system reads switches from the environment on any thread at any time; so every read and every change of this
-/// code base goes through here and hands out copies. Thread-safe.
+/// system reads switches from the environment on any thread at any time; so every read and every change of
+/// this code base goes through here and hands out copies. Thread-safe.
 std::optional<std::string> environmentValue(const char* name);
 
 /// Sets the variable, or removes it when the value is absent.

@@ -2,8 +2,8 @@
 
 namespace quenzel::platform {
 
-/// Which hardware is modelled here because the machine has none and the user asked for a model. Figures that come
-/// from it are always labelled as modelled.
+/// Which hardware is modelled here because the machine has none and the user asked for a model. Figures that
+/// come from it are always labelled as modelled.
 struct ModelledHardware {
   bool battery = false;
   bool powerCounters = false;

@@ -5,8 +5,8 @@
 
 namespace quenzel::platform {
 
-/// Folder of the stand-ins for the system's power tools that are installed with this executable; none on a platform
-/// that has the tools themselves.
+/// Folder of the stand-ins for the system's power tools that are installed with this executable; none on a
+/// platform that has the tools themselves.
 std::optional<std::string> installedToolRoot();
 
 }  // namespace quenzel::platform

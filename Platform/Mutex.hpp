@@ -2,8 +2,9 @@
 
 #include <mutex>
 
-// A mutex that clang's thread-safety analysis can follow (https://clang.llvm.org/docs/ThreadSafetyAnalysis.html).
-// It checks GUARDED_BY only on an annotated capability, so std::mutex alone would pass unseen.
+// A mutex that clang's thread-safety analysis can follow
+// (https://clang.llvm.org/docs/ThreadSafetyAnalysis.html). It checks GUARDED_BY only on an annotated
+// capability, so std::mutex alone would pass unseen.
 #if defined(__clang__)
 #define QUENZEL_THREAD_ANNOTATION(x) __attribute__((x))
 #else

@@ -15,13 +15,14 @@ class PropertyListError final : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Bounds that hold before the library that parses sees a byte: it frees a tree by recursion, so a list nested some
-// ten thousand deep would overflow the stack. Real lists of this system are some kilobytes and four levels.
+// Bounds that hold before the library that parses sees a byte: it frees a tree by recursion, so a list nested
+// some ten thousand deep would overflow the stack. Real lists of this system are some kilobytes and four
+// levels.
 inline constexpr std::size_t maxPropertyListBytes = 8 * 1024 * 1024;
 inline constexpr int maxPropertyListDepth = 64;
 
-/// Reads an XML property list. The binary form is refused: objects shared inside it unfold without bound, and none
-/// of the sources read here writes it.
+/// Reads an XML property list. The binary form is refused: objects shared inside it unfold without bound, and
+/// none of the sources read here writes it.
 /// @throws PropertyListError for anything else than a list within the bounds.
 PropertyValue decodePropertyList(std::string_view xml);
 

@@ -10,8 +10,9 @@
 
 namespace quenzel::platform {
 
-/// One value of a property list: what Info.plist files, the I/O registry and power-source descriptions are made of
-/// (plist(5)). Integers are signed: a registry that writes -1500 as its unsigned 64-bit wrap means -1500.
+/// One value of a property list: what Info.plist files, the I/O registry and power-source descriptions are
+/// made of (plist(5)). Integers are signed: a registry that writes -1500 as its unsigned 64-bit wrap means
+/// -1500.
 struct PropertyValue {
   using Data = std::vector<std::uint8_t>;
   using Array = std::vector<PropertyValue>;
@@ -23,15 +24,15 @@ struct PropertyValue {
 
   std::variant<bool, std::int64_t, double, std::string, Data, Date, Array, Dictionary> value;
 
-  PropertyValue(bool boolean) : value(boolean) {}                    // NOLINT(google-explicit-constructor)
-  PropertyValue(std::int64_t integer) : value(integer) {}            // NOLINT(google-explicit-constructor)
-  PropertyValue(double real) : value(real) {}                        // NOLINT(google-explicit-constructor)
-  PropertyValue(std::string text) : value(std::move(text)) {}        // NOLINT(google-explicit-constructor)
-  PropertyValue(const char* text) : value(std::string(text)) {}      // NOLINT(google-explicit-constructor)
-  PropertyValue(Data data) : value(std::move(data)) {}               // NOLINT(google-explicit-constructor)
-  PropertyValue(Date date) : value(date) {}                          // NOLINT(google-explicit-constructor)
-  PropertyValue(Array array) : value(std::move(array)) {}            // NOLINT(google-explicit-constructor)
-  PropertyValue(Dictionary entries) : value(std::move(entries)) {}   // NOLINT(google-explicit-constructor)
+  PropertyValue(bool boolean) : value(boolean) {}                   // NOLINT(google-explicit-constructor)
+  PropertyValue(std::int64_t integer) : value(integer) {}           // NOLINT(google-explicit-constructor)
+  PropertyValue(double real) : value(real) {}                       // NOLINT(google-explicit-constructor)
+  PropertyValue(std::string text) : value(std::move(text)) {}       // NOLINT(google-explicit-constructor)
+  PropertyValue(const char* text) : value(std::string(text)) {}     // NOLINT(google-explicit-constructor)
+  PropertyValue(Data data) : value(std::move(data)) {}              // NOLINT(google-explicit-constructor)
+  PropertyValue(Date date) : value(date) {}                         // NOLINT(google-explicit-constructor)
+  PropertyValue(Array array) : value(std::move(array)) {}           // NOLINT(google-explicit-constructor)
+  PropertyValue(Dictionary entries) : value(std::move(entries)) {}  // NOLINT(google-explicit-constructor)
 
   /// The value as T, or null when it is of another type.
   template <typename T>

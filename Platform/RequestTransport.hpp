@@ -9,9 +9,9 @@
 
 namespace quenzel::platform {
 
-/// Takes the requests of every connection. Calls arrive on the connections' own threads, those of one connection one
-/// after another, those of different connections side by side; an implementation calls each reply exactly once, on the
-/// calling thread, before it returns, and throws nothing.
+/// Takes the requests of every connection. Calls arrive on the connections' own threads, those of one
+/// connection one after another, those of different connections side by side; an implementation calls each
+/// reply exactly once, on the calling thread, before it returns, and throws nothing.
 class RequestHandler {
  public:
   using PingReply = std::function<void(bool ok)>;
@@ -56,6 +56,7 @@ class RequestClient {
 };
 
 /// Connects to the daemon that serves the name.
-std::variant<std::unique_ptr<RequestClient>, TransportFailure> connectToService(const std::string& serviceName);
+std::variant<std::unique_ptr<RequestClient>, TransportFailure> connectToService(
+    const std::string& serviceName);
 
 }  // namespace quenzel::platform

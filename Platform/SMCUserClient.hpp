@@ -10,7 +10,8 @@ namespace quenzel::platform {
 inline constexpr std::size_t smcExchangeRecordSize = 80;
 using SMCExchangeBytes = std::array<std::byte, smcExchangeRecordSize>;
 
-/// One user-client connection to the System Management Controller. Not thread-safe: its owner serialises the calls.
+/// One user-client connection to the System Management Controller. Not thread-safe: its owner serialises the
+/// calls.
 class SMCUserClient {
  public:
   virtual ~SMCUserClient() = default;

@@ -28,7 +28,8 @@ inline constexpr std::string_view dataDirectoryName = ProductConfiguration::data
 inline constexpr std::string_view appName = dataDirectoryName;
 inline constexpr std::string_view bundleIdentifierPrefixInfoKey = "QZLBundleIdentifierPrefix";
 inline constexpr std::string_view daemonLabelInfoKey = "QZLDaemonLabel";
-inline constexpr std::string_view defaultBundleIdentifierPrefix = ProductConfiguration::bundleIdentifierPrefix;
+inline constexpr std::string_view defaultBundleIdentifierPrefix =
+    ProductConfiguration::bundleIdentifierPrefix;
 
 /// The Info.plist's prefix, else the bundle's identifier, else "com.quenzel"; blank ones are passed over.
 std::string bundleIdentifierPrefix(const platform::BundleInformation& bundle = platform::mainBundle());
@@ -55,7 +56,8 @@ inline constexpr std::string_view disableUpdaterEnvironmentKey = "QZL_DISABLE_DI
 
 /// Base URL of the release server, set when the product is built.
 const std::string& defaultFeedURL();
-/// The first of environment and Info.plist that sets a feed decides; one that is not a URL yields the default feed.
+/// The first of environment and Info.plist that sets a feed decides; one that is not a URL yields the default
+/// feed.
 std::string feedURL(const std::map<std::string, std::string>& environment,
                     const platform::PropertyDictionary* bundleInfo);
 /// The updater's EdDSA public key as base64 text. There is no built-in key.

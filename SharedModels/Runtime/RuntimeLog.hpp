@@ -11,16 +11,18 @@
 
 namespace quenzel {
 
-/// Name of the notification that carries each written line to observers in this process, under the key "line".
+/// Name of the notification that carries each written line to observers in this process, under the key
+/// "line".
 inline constexpr std::string_view runtimeLogDidWrite = "RuntimeLogDidWrite";
 
 /// The one logging facility. A call writes one line,
-/// "[<seconds since 1970, 3 decimals>] [<LEVEL>] [<component>] <message>\n", to standard error, to the system's log, to
-/// the shared log file and, when switched on, to observers. Nothing here fails or throws; each destination is written
-/// whatever became of the others. Any thread may log; the one lock guards two settings and is never held while writing.
+/// "[<seconds since 1970, 3 decimals>] [<LEVEL>] [<component>] <message>\n", to standard error, to the
+/// system's log, to the shared log file and, when switched on, to observers. Nothing here fails or throws;
+/// each destination is written whatever became of the others. Any thread may log; the one lock guards two
+/// settings and is never held while writing.
 ///
-/// Every call looks at QZL_LOG_DISABLED afresh, and opens and closes the file, so that a switch set at run time and a
-/// log file moved away take effect with the next line.
+/// Every call looks at QZL_LOG_DISABLED afresh, and opens and closes the file, so that a switch set at run
+/// time and a log file moved away take effect with the next line.
 class RuntimeLog {
  public:
   static void info(std::string_view component, std::string_view message);

@@ -1,0 +1,89 @@
+#include "MetricsCollectors/BatteryStatusCollector.hpp"
+
+#include <array>
+#include <span>
+#include <string>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "MetricsCollectors/BatteryStatusRules.hpp"
+#include "Platform/PropertyList.hpp"
+#include "SharedModels/Runtime/Number.hpp"
+#include "SharedModels/Runtime/RuntimeLog.hpp"
+
+namespace quenzel {
+namespace {
+
+using platform::PropertyDictionary;
+using platform::PropertyValue;
+
+constexpr std::string_view component = "BatteryStatus";
+constexpr std::array<std::string_view, 4> timeKeysWhileCharging = {"AvgTimeToFull", "TimeToFull",
+                                                                   "AvgTimeToEmpty", "TimeRemaining"};
+constexpr std::array<std::string_view, 2> timeKeysOtherwise = {"AvgTimeToEmpty", "TimeRemaining"};
+
+std::optional<std::int64_t> firstMinutes(const PropertyDictionary& properties,
+                                         std::span<const std::string_view> keys) {
+  for (const std::string_view key : keys) {
+    if (const auto minutes = minutesValue(properties, key)) return minutes;
+  }
+  return std::nullopt;
+}
+
+/// Where the battery does not say whether it is charging, its current does.
+bool isCharging(const PropertyDictionary& properties, const BatteryStatusSample& sample) {
+  return boolValue(properties, "IsCharging").value_or(sample.amperageMa.value_or(0) > 0);
+}
+
+double levelPercent(const PropertyDictionary& properties) {
+  const auto current = static_cast<double>(intValue(properties, "CurrentCapacity").value_or(0));
+  const auto maximum = static_cast<double>(intValue(properties, "MaxCapacity").value_or(1));
+  return limitedToPercent(current / maximum * 100);
+}
+
+std::string integerOrNil(std::optional<std::int64_t> value) { return value ? std::to_string(*value) : "nil"; }
+
+std::string summary(const BatteryStatusSample& sample) {
+  return fmt::format(
+      "Battery status: level={:.2f}%, remainingWh={}, charging={}, external={}, dischargeWatts={}, "
+      "systemMinutes={}, "
+      "cycleCount={}",
+      sample.levelPercent, twoDecimalsOrNil(sample.remainingWh), boolText(sample.isCharging),
+      boolText(sample.externalPowerConnected), twoDecimalsOrNil(sample.dischargeWatts),
+      integerOrNil(sample.systemTimeRemainingMinutes), integerOrNil(sample.cycleCount));
+}
+
+}  // namespace
+
+BatteryStatusSample BatteryStatusCollector::statusFrom(std::string_view propertyList) {
+  const PropertyValue list = platform::decodePropertyList(propertyList);
+  const auto* entries = list.as<PropertyValue::Array>();
+  const auto* properties = entries && !entries->empty() ? entries->front().as<PropertyDictionary>() : nullptr;
+  if (!properties) throw ShellRunnerError::failedToLaunch("Unable to parse AppleSmartBattery plist output.");
+
+  BatteryStatusSample sample = batteryStatusFromRegistry(*properties);
+  sample.levelPercent = levelPercent(*properties);
+  sample.isCharging = isCharging(*properties, sample);
+  sample.externalPowerConnected = boolValue(*properties, "ExternalConnected").value_or(false);
+  if (const auto* adapter = dictionaryValue(*properties, "AdapterDetails")) {
+    sample.adapterWatts = intValue(*adapter, "Watts");
+    sample.adapterName = stringValue(*adapter, "Name");
+  }
+  sample.systemTimeRemainingMinutes = sample.isCharging ? firstMinutes(*properties, timeKeysWhileCharging)
+                                                        : firstMinutes(*properties, timeKeysOtherwise);
+  return sample;
+}
+
+BatteryStatusSample BatteryStatusCollector::collectStatus() const {
+  RuntimeLog::info(component, "Collecting battery status from ioreg.");
+  ShellResult result = shell_.run("/usr/sbin/ioreg", {"-r", "-n", "AppleSmartBattery", "-a"});
+  if (result.status != 0) {
+    throw ShellRunnerError::nonZeroExit(result.status, std::move(result.stdout), std::move(result.stderr));
+  }
+  const BatteryStatusSample sample = statusFrom(result.stdout);
+  RuntimeLog::info(component, summary(sample));
+  return sample;
+}
+
+}  // namespace quenzel

@@ -1,0 +1,72 @@
+#include "MetricsCollectors/DefaultProcessTerminator.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace quenzel {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto exitWait = 350ms;
+constexpr auto pollInterval = 20ms;
+
+class SystemSignalOperations final : public SignalOperations {
+ public:
+  std::int32_t ownPID() override { return ::getpid(); }
+  int send(std::int32_t pid, int signal) override { return ::kill(pid, signal) == 0 ? 0 : errno; }
+  std::chrono::system_clock::time_point now() override { return std::chrono::system_clock::now(); }
+  void sleep(std::chrono::microseconds duration) override { std::this_thread::sleep_for(duration); }
+};
+
+std::string errorText(int errorNumber) { return std::generic_category().message(errorNumber); }
+
+}  // namespace
+
+SignalOperations& systemSignalOperations() {
+  static SystemSignalOperations operations;
+  return operations;
+}
+
+bool DefaultProcessTerminator::waitForExit(std::int32_t pid, std::chrono::milliseconds timeout) const {
+  const auto deadline = operations_.now() + timeout;
+  // The count holds the wait even while the wall clock is set back.
+  for (auto polls = timeout / pollInterval + 1; polls > 0 && operations_.now() < deadline; --polls) {
+    if (const int failure = operations_.send(pid, 0)) return failure == ESRCH;
+    operations_.sleep(pollInterval);
+  }
+  return false;
+}
+
+ProcessTerminationResult DefaultProcessTerminator::terminateProcess(std::int32_t pid) const {
+  using Result = ProcessTerminationResult;
+  if (pid < 1) return Result::failure(fmt::format("Invalid PID {}.", pid));
+  if (pid == operations_.ownPID()) {
+    return Result::failure(fmt::format("Refusing to terminate the current process ({}).", pid));
+  }
+  if (const int failure = operations_.send(pid, 0)) {
+    if (failure == ESRCH) return Result::success(fmt::format("Process {} is already stopped.", pid));
+    return Result::failure(fmt::format("Unable to inspect process {}: {}.", pid, errorText(failure)));
+  }
+  if (const int failure = operations_.send(pid, SIGTERM)) {
+    if (failure == ESRCH)
+      return Result::success(fmt::format("Process {} exited before termination completed.", pid));
+    return Result::failure(fmt::format("Unable to terminate process {}: {}.", pid, errorText(failure)));
+  }
+  if (waitForExit(pid, exitWait)) return Result::success();
+  if (const int failure = operations_.send(pid, SIGKILL)) {
+    if (failure == ESRCH)
+      return Result::success(fmt::format("Process {} exited before SIGKILL completed.", pid));
+    return Result::failure(fmt::format("Unable to force terminate process {}: {}.", pid, errorText(failure)));
+  }
+  if (waitForExit(pid, exitWait)) return Result::success(fmt::format("Process {} required SIGKILL.", pid));
+  return Result::failure(fmt::format("Process {} ignored SIGTERM and SIGKILL.", pid));
+}
+
+}  // namespace quenzel

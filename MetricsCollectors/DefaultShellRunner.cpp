@@ -1,0 +1,199 @@
+#include "MetricsCollectors/DefaultShellRunner.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <variant>
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "MetricsCollectors/ToolCommand.hpp"
+#include "Platform/ChildProcess.hpp"
+#include "Platform/Environment.hpp"
+#include "Platform/Settings.hpp"
+#include "SharedModels/Runtime/Number.hpp"
+#include "SharedModels/Runtime/Text.hpp"
+
+namespace quenzel {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::string_view powermetricsPath = "/usr/bin/powermetrics";
+constexpr std::size_t maxCollectedBytes = 64 * 1024 * 1024;
+/// What an ended child may have left in a pipe on top of that: pipe(7), the default of pipe-max-size.
+constexpr std::size_t maxPipeBytes = 1024 * 1024;
+/// Longer waits are no different to a caller and would overflow the clock.
+constexpr double longestWaitSeconds = 1e8;
+/// How often a child is asked for where the system has no exit descriptor.
+constexpr std::chrono::milliseconds exitProbeInterval{10};
+
+std::optional<double> numberFromEnvironment(const char* name) {
+  const auto text = platform::environmentValue(name);
+  return text ? parseDouble(*text) : std::nullopt;
+}
+
+Clock::time_point deadlineAfter(double seconds) {
+  const std::chrono::duration<double> wait(std::clamp(seconds, 0.0, longestWaitSeconds));
+  return Clock::now() + std::chrono::duration_cast<Clock::duration>(wait);
+}
+
+std::string commandLine(const std::string& executable, const std::vector<std::string>& arguments) {
+  std::string line = executable;
+  for (const std::string& argument : arguments) line += " " + argument;
+  return line;
+}
+
+/// A child between its start and its end, with what it has written so far. Used by one thread.
+class RunningChild {
+ public:
+  explicit RunningChild(platform::ChildProcess child)
+      : child_(std::move(child)),
+        output_{std::move(child_.standardOutput), {}},
+        error_{std::move(child_.standardError), {}} {}
+  RunningChild(const RunningChild&) = delete;
+  RunningChild& operator=(const RunningChild&) = delete;
+  ~RunningChild() {
+    if (!ended_) abandon();
+  }
+
+  /// Collects output until the child has ended; false when the deadline came first.
+  bool waitForExit(Clock::time_point deadline) {
+    while (!ended_) {
+      if (!poll(deadline)) return false;
+    }
+    return true;
+  }
+
+  /// Collects what is left in the pipes, up to the deadline.
+  void drain(Clock::time_point deadline) {
+    collectLimit_ = maxCollectedBytes + maxPipeBytes;
+    while (isOpen(output_) || isOpen(error_)) {
+      if (!poll(deadline)) return;
+    }
+  }
+
+  void signal(int number) const { ::kill(child_.pid, number); }
+
+  /// The result of a child that has ended.
+  ShellResult takeResult() {
+    return {status_, repairedUTF8(std::move(output_.bytes)), repairedUTF8(std::move(error_.bytes))};
+  }
+
+ private:
+  struct Stream {
+    platform::FileDescriptor descriptor;
+    std::string bytes;
+  };
+
+  bool isOpen(const Stream& stream) const {
+    return stream.descriptor.valid() && stream.bytes.size() < collectLimit_;
+  }
+
+  /// Waits once for output or the child's end and takes it; false when the deadline has passed.
+  bool poll(Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) return false;
+    const bool probes = !ended_ && !child_.exit.valid();
+    // poll(2) passes over descriptors that are negative.
+    std::array<pollfd, 3> waited{{{isOpen(output_) ? output_.descriptor.get() : -1, POLLIN, 0},
+                                  {isOpen(error_) ? error_.descriptor.get() : -1, POLLIN, 0},
+                                  {ended_ ? -1 : child_.exit.get(), POLLIN, 0}}};
+    const int ready = ::poll(waited.data(), waited.size(), waitMilliseconds(left, probes));
+    if (ready < 0) return errno == EINTR;
+    if (waited[0].revents != 0) take(output_);
+    if (waited[1].revents != 0) take(error_);
+    if (waited[2].revents != 0) reap(0);
+    if (probes) reap(WNOHANG);
+    return true;
+  }
+
+  static int waitMilliseconds(std::chrono::milliseconds left, bool probes) {
+    constexpr std::chrono::milliseconds longestPoll{24 * 3600 * 1000};
+    return static_cast<int>(std::min(left, probes ? exitProbeInterval : longestPoll).count());
+  }
+
+  static void take(Stream& stream) {
+    std::array<char, 64 * 1024> buffer;
+    const ssize_t count = ::read(stream.descriptor.get(), buffer.data(), buffer.size());
+    if (count > 0) {
+      stream.bytes.append(buffer.data(), static_cast<std::size_t>(count));
+    } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
+      stream.descriptor.reset();
+    }
+  }
+
+  void reap(int options) {
+    int status = 0;
+    const pid_t reaped = ::waitpid(child_.pid, &status, options);
+    if (reaped == 0 || (reaped < 0 && errno == EINTR)) return;
+    ended_ = true;
+    if (reaped < 0) throw ShellRunnerError::failedToLaunch("its exit status was taken by somebody else");
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
+  }
+
+  /// Reaps a child that would not die once it does, so that it never stays behind as a zombie.
+  void abandon() const noexcept {
+    try {
+      std::thread([pid = child_.pid] {
+        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+      }).detach();
+    } catch (const std::system_error&) {  // no thread to be had: the zombie goes with this process
+    }
+  }
+
+  platform::ChildProcess child_;
+  Stream output_;
+  Stream error_;
+  std::size_t collectLimit_ = maxCollectedBytes;
+  bool ended_ = false;
+  std::int32_t status_ = 0;
+};
+
+}  // namespace
+
+double DefaultShellRunner::resolveTimeoutSeconds(const std::string& executable,
+                                                 const std::vector<std::string>& arguments) {
+  // fmax passes over an operand that is not a number, so such a setting yields the floor.
+  const double base = numberFromEnvironment("QZL_SHELL_TIMEOUT_SEC").value_or(4.0);
+  const bool runsPowermetrics = lastPathComponent(executable) == "powermetrics" ||
+                                (isWrapper(executable) && std::find(arguments.begin(), arguments.end(),
+                                                                    powermetricsPath) != arguments.end());
+  if (!runsPowermetrics) return std::fmax(base, 0.25);
+  return std::fmax(numberFromEnvironment("QZL_PM_TIMEOUT_SEC").value_or(15.0), 1.0);
+}
+
+ShellResult DefaultShellRunner::run(const std::string& executable,
+                                    const std::vector<std::string>& arguments) const {
+  const ToolCommand command = resolveToolCommand(executable, arguments, platform::toolRoot());
+  auto spawned = platform::spawnChild(command.executable, command.arguments);
+  if (const auto* failure = std::get_if<platform::SpawnFailure>(&spawned)) {
+    throw ShellRunnerError::failedToLaunch(command.executable + ": " +
+                                           std::generic_category().message(failure->errorNumber));
+  }
+  RunningChild child(std::get<platform::ChildProcess>(std::move(spawned)));
+
+  const double timeout = resolveTimeoutSeconds(executable, arguments);
+  const Clock::time_point deadline = deadlineAfter(timeout);
+  if (child.waitForExit(deadline)) {
+    child.drain(deadline);
+    return child.takeResult();
+  }
+  child.signal(SIGTERM);
+  if (!child.waitForExit(deadlineAfter(terminateGraceSeconds_))) {
+    child.signal(SIGKILL);
+    child.waitForExit(deadlineAfter(killGraceSeconds_));
+  }
+  throw ShellRunnerError::timedOut(commandLine(executable, arguments), timeout);
+}
+
+}  // namespace quenzel

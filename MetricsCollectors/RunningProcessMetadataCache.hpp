@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <unordered_map>
+
+#include "MetricsCollectors/RunningProcessMetadata.hpp"
+#include "Platform/Mutex.hpp"
+#include "SharedModels/Runtime/PointInTime.hpp"
+
+namespace quenzel {
+
+/// Looks up the metadata of a pid without remembering it.
+using RunningProcessMetadataLookup = std::function<std::optional<RunningProcessMetadata>(std::int32_t pid)>;
+
+/// Remembers metadata by pid: an answer for 120 s, the absence of one for 15 s. Thread-safe: one lock, not
+/// held while looking up; two threads that miss on one pid both look it up, and the later answer stays.
+class RunningProcessMetadataCache {
+ public:
+  static constexpr double hitTTLSeconds = 120;
+  static constexpr double missTTLSeconds = 15;
+  static constexpr std::size_t maxEntries = 4096;
+
+  /// The cache that all collectors of this process share.
+  static RunningProcessMetadataCache& shared();
+
+  std::optional<RunningProcessMetadata> resolve(std::int32_t pid, PointInTime now,
+                                                const RunningProcessMetadataLookup& lookup);
+
+  std::size_t size() const;
+
+ private:
+  struct Entry {
+    std::optional<RunningProcessMetadata> metadata;
+    PointInTime resolvedAt;
+  };
+
+  void pruneEntries(PointInTime now) REQUIRES(lock_);
+
+  mutable platform::Mutex lock_;
+  std::unordered_map<std::int32_t, Entry> entries_ GUARDED_BY(lock_);
+  std::uint64_t accessCount_ GUARDED_BY(lock_) = 0;  ///< look-ups so far; hits do not count
+};
+
+}  // namespace quenzel

@@ -1,0 +1,25 @@
+#include "Platform/AppendFile.hpp"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "Platform/FileDescriptor.hpp"
+
+namespace quenzel::platform {
+
+int appendToFile(const std::string& path, std::string_view bytes, mode_t mode) {
+  const FileDescriptor file(::open(
+      path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode));
+  if (!file.valid()) return errno;
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return written < 0 ? errno : EIO;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+}  // namespace quenzel::platform

@@ -1,0 +1,52 @@
+#include "Platform/Linux/BusConnection.hpp"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+
+namespace quenzel::platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// sd-bus itself would give an unfinished authentication 90 seconds.
+constexpr std::chrono::seconds authenticationTimeout{5};
+
+std::int64_t microsecondsUntil(Clock::time_point deadline) {
+  return std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+}
+
+}  // namespace
+
+BusPointer makeBusConnection(FileDescriptor socket) {
+  sd_bus* made = nullptr;
+  if (::sd_bus_new(&made) < 0) return nullptr;
+  BusPointer bus(made);
+  if (::sd_bus_set_fd(bus.get(), socket.get(), socket.get()) < 0) return nullptr;
+  socket.release();  // the connection closes it from here on
+  if (::sd_bus_set_anonymous(bus.get(), 1) < 0) return nullptr;
+  if (::sd_bus_negotiate_fds(bus.get(), 0) < 0) return nullptr;
+  return bus;
+}
+
+int startBusConnection(sd_bus* bus) {
+  const Clock::time_point deadline = Clock::now() + authenticationTimeout;
+  if (const int started = ::sd_bus_start(bus); started < 0) return started;
+  while (::sd_bus_is_ready(bus) <= 0) {
+    const int processed = ::sd_bus_process(bus, nullptr);
+    if (processed < 0) return processed;
+    if (processed > 0) continue;
+    const std::int64_t left = microsecondsUntil(deadline);
+    if (left <= 0) return -ETIMEDOUT;
+    const int waited = ::sd_bus_wait(bus, static_cast<std::uint64_t>(left));
+    if (waited < 0 && waited != -EINTR) return waited;
+  }
+  return 0;
+}
+
+int waitForBusConnection(sd_bus* bus) {
+  const int waited = ::sd_bus_wait(bus, UINT64_MAX);
+  return waited == -EINTR ? 0 : waited;
+}
+
+}  // namespace quenzel::platform

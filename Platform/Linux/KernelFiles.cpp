@@ -1,0 +1,94 @@
+#include "Platform/Linux/KernelFiles.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include "Platform/FileDescriptor.hpp"
+
+namespace quenzel::platform {
+namespace {
+
+constexpr std::string_view whiteSpace = " \t\n\v\f\r";
+
+/// Repeats a system call for as long as a signal interrupts it.
+template <typename Call>
+auto uninterrupted(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+}  // namespace
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(whiteSpace);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(whiteSpace) - first + 1);
+}
+
+std::string_view nextPiece(std::string_view& text, char separator) {
+  const std::size_t end = std::min(text.find(separator), text.size());
+  const std::string_view piece = text.substr(0, end);
+  text.remove_prefix(std::min(end + 1, text.size()));
+  return piece;
+}
+
+std::optional<std::string> fileText(const std::string& path, int directory) {
+  // Non-blocking, so that a pipe put in place of a file in a shared folder can't hold its readers.
+  constexpr int flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  const FileDescriptor file(uninterrupted([&] { return ::openat(directory, path.c_str(), flags); }));
+  if (!file.valid()) return std::nullopt;
+  std::string text;
+  std::array<char, 8192> block;
+  while (text.size() <= maxKernelFileBytes) {
+    const ssize_t count = uninterrupted([&] { return ::read(file.get(), block.data(), block.size()); });
+    if (count < 0) return std::nullopt;
+    if (count == 0) return text;
+    text.append(block.data(), static_cast<std::size_t>(count));
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> fileValue(const std::string& path) {
+  const std::optional<std::string> text = fileText(path);
+  const std::string_view value = text ? trimmed(*text) : std::string_view();
+  return value.empty() ? std::nullopt : std::optional<std::string>(value);
+}
+
+std::optional<std::int64_t> fileInteger(const std::string& path) {
+  const std::optional<std::string> value = fileValue(path);
+  return value ? parseInteger<std::int64_t>(*value) : std::nullopt;
+}
+
+int writeFileValue(const std::string& path, std::string_view value) {
+  const FileDescriptor file(
+      uninterrupted([&] { return ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY); }));
+  if (!file.valid()) return errno;
+  // One write: sysfs takes each write(2) as a whole new value.
+  const ssize_t count = uninterrupted([&] { return ::write(file.get(), value.data(), value.size()); });
+  if (count < 0) return errno;
+  return static_cast<std::size_t>(count) == value.size() ? 0 : EIO;
+}
+
+std::vector<std::string> folderEntries(const std::string& path) {
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, CloseFolder> folder(::opendir(path.c_str()));
+  if (!folder) return names;
+  while (const dirent* entry = ::readdir(folder.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace quenzel::platform

@@ -1,0 +1,14 @@
+#include "Platform/HardwareModel.hpp"
+#include "Platform/Linux/LinuxSettings.hpp"
+#include "Platform/Linux/PowerSupplies.hpp"
+#include "Platform/Linux/RaplZones.hpp"
+
+namespace quenzel::platform {
+
+ModelledHardware modelledHardware() {
+  if (!modelsHardware()) return {};
+  return {.battery = readPowerSupplies(sysfsRoot()).batteries.empty(),
+          .powerCounters = readRaplZones(sysfsRoot()).empty()};
+}
+
+}  // namespace quenzel::platform

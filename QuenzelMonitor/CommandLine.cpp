@@ -1,0 +1,43 @@
+#include "QuenzelMonitor/CommandLine.hpp"
+
+#include <exception>
+#include <functional>
+#include <ostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "QuenzelMonitor/DaemonCommand.hpp"
+#include "QuenzelMonitor/InspectCommand.hpp"
+#include "QuenzelMonitor/SampleCommand.hpp"
+
+namespace quenzel {
+
+int runCommandLine(int argumentCount, const char* const* arguments, Console console) {
+  CLI::App app("Quenzel: where does this computer's power go?", "quenzel");
+  app.set_version_flag("--version", QUENZEL_VERSION);
+  app.require_subcommand(1);
+  std::function<int()> command;
+  addSampleCommand(app, command, console);
+  addDaemonCommand(app, command, console);
+  addInspectCommand(app, command, console);
+  try {
+    app.parse(argumentCount, arguments);
+  } catch (const CLI::Success& request) {  // help or version
+    return app.exit(request, console.out, console.err);
+  } catch (const CLI::Error& error) {
+    console.err << "quenzel: " << error.what() << " (see --help)\n";
+    return exitUsage;
+  }
+  try {
+    const int status = command();
+    console.out.flush();
+    if (!console.out) throw CommandError("can't write the output");
+    return status;
+  } catch (const std::exception& error) {
+    console.err << "quenzel: " << error.what() << '\n';
+    return exitFailure;
+  }
+}
+
+}  // namespace quenzel

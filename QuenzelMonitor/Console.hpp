@@ -1,0 +1,31 @@
+#pragma once
+
+#include <iosfwd>
+#include <stdexcept>
+#include <string>
+
+namespace quenzel {
+
+/// The streams that a command talks to.
+struct Console {
+  std::istream& in;
+  std::ostream& out;
+  std::ostream& err;
+};
+
+/// A command that can't do what it was asked; what() is the one line that the user sees behind "quenzel: ".
+class CommandError final : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Exit statuses of every command.
+inline constexpr int exitSuccess = 0;
+inline constexpr int exitFailure = 1;
+inline constexpr int exitUsage = 2;
+
+/// The whole content of a file, or of the console's input for "-" or no name.
+/// @throws CommandError when it can't be read
+std::string readInput(const std::string& file, Console& console);
+
+}  // namespace quenzel

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <functional>
+
+#include "QuenzelMonitor/Console.hpp"
+
+namespace CLI {
+class App;
+}
+
+namespace quenzel {
+
+/// `quenzel daemon ping | low-power on|off | terminate PID`: asks the running daemon.
+void addDaemonCommand(CLI::App& app, std::function<int()>& command, Console& console);
+
+}  // namespace quenzel

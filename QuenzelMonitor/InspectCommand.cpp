@@ -1,0 +1,70 @@
+#include "QuenzelMonitor/InspectCommand.hpp"
+
+#include <ostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "Platform/Environment.hpp"
+#include "QuenzelMonitor/InspectStages.hpp"
+#include "SharedModels/Runtime/JSONCoding.hpp"
+
+namespace quenzel {
+namespace {
+
+using Stage = std::function<nlohmann::ordered_json(std::string_view input)>;
+
+struct StageRow {
+  const char* name;
+  const char* description;
+  nlohmann::ordered_json (*run)(std::string_view input);
+};
+
+constexpr StageRow plainStages[] = {
+    {"powermetrics", "text of powermetrics", inspectPowermetrics},
+    {"battery", "property list of ioreg -a", inspectBattery},
+    {"battery-level", "inputs of the level rule", inspectBatteryLevel},
+    {"pmset", "text of pmset -g", inspectPmset},
+    {"smc", "typed bytes of controller keys", inspectSMC},
+    {"cpu-load", "processor tick readings", inspectCPULoad},
+    {"system-power", "system power readings", inspectSystemPower},
+    {"discharge-estimate", "lists of CPU percentages", inspectDischargeEstimate},
+    {"config", "a sampling configuration", inspectConfig},
+    {"snapshot", "a drain snapshot", inspectSnapshot},
+};
+
+CLI::App* addStage(CLI::App& inspect, const char* name, const char* description, Stage stage,
+                   std::function<int()>& command, Console& console) {
+  CLI::App* app = inspect.add_subcommand(name, description);
+  const auto file = std::make_shared<std::string>();
+  app->add_option("FILE", *file, "captured input; standard input when left out or -");
+  app->callback([&command, &console, file, stage = std::move(stage)] {
+    command = [&console, file, stage] {
+      platform::setEnvironmentValue("QZL_LOG_DISABLED", "1");  // an inspection leaves no trace
+      console.out << encodeJSON(stage(readInput(*file, console)), JSONStyle::pretty) << '\n';
+      return exitSuccess;
+    };
+  });
+  return app;
+}
+
+}  // namespace
+
+void addInspectCommand(CLI::App& app, std::function<int()>& command, Console& console) {
+  CLI::App* inspect =
+      app.add_subcommand("inspect", "Run one stage on captured input and print its result as JSON");
+  inspect->require_subcommand(1);
+  for (const StageRow& row : plainStages)
+    addStage(*inspect, row.name, row.description, row.run, command, console);
+
+  const auto options = std::make_shared<PSInspection>();
+  const auto ps = [options](std::string_view input) { return inspectPS(input, *options); };
+  CLI::App* psApp = addStage(*inspect, "ps", "text of ps in the sampler's form", ps, command, console);
+  psApp->add_option("--limit", options->limit, "how many of the busiest processes to keep")
+      ->capture_default_str();
+  psApp->add_flag("--tree", options->tree, "list every process as well");
+  psApp->add_flag("--resolve", options->resolve, "look processes and paths up on this machine");
+}
+
+}  // namespace quenzel

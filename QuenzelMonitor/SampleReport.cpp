@@ -1,0 +1,181 @@
+#include "QuenzelMonitor/SampleReport.hpp"
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "SharedModels/Runtime/JSONCoding.hpp"
+#include "SharedModels/Runtime/Text.hpp"
+
+namespace quenzel {
+namespace {
+
+constexpr std::string_view modelledMark = " (modelled)";
+
+std::string_view mark(bool modelled) { return modelled ? modelledMark : ""; }
+
+std::string hoursAndMinutes(std::int64_t minutes) {
+  return fmt::format("{} h {:02} min", minutes / 60, minutes % 60);
+}
+
+/// What the battery does, with the rate at which it does it.
+std::string batteryActivity(const BatteryStatusSample& battery) {
+  if (battery.dischargeWatts) return fmt::format("discharging at {:.2f} W", *battery.dischargeWatts);
+  if (battery.isCharging) return "charging";
+  return battery.fullyCharged.value_or(false) ? "full" : "neither charging nor discharging";
+}
+
+std::string batteryLine(const SamplingCycleResult& result) {
+  const auto& battery = result.build.batteryStatus;
+  if (!battery) return "none";
+  std::string line = fmt::format("{:.1f} %, {}", battery->levelPercent, batteryActivity(*battery));
+  if (battery->remainingWh) line += fmt::format(", {:.1f} Wh left", *battery->remainingWh);
+  if (const auto minutes = battery->systemTimeRemainingMinutes) {
+    line += fmt::format(", {} to {}", hoursAndMinutes(*minutes), battery->isCharging ? "full" : "empty");
+  }
+  return line.append(mark(result.modelled.battery));
+}
+
+std::string powerSituation(const SamplingCycleResult& result) {
+  const auto& battery = result.build.batteryStatus;
+  if (!battery) return "no battery: running on external power";
+  const bool external = battery->externalPowerConnected || battery->isCharging;
+  std::string line = external ? "external power" : "on battery";
+  if (battery->adapterWatts) line += fmt::format(", {} W adapter", *battery->adapterWatts);
+  return line.append(mark(result.modelled.battery));
+}
+
+std::string totalLine(const SamplingCycleResult& result) {
+  const std::string_view source = totalPowerSource(result.build);
+  if (source == "none") return "unknown: neither the battery nor another source reports it (source none)";
+  const bool measured = source == "IOKit";
+  const bool modelled = measured ? result.modelled.battery : result.modelled.powerCounters;
+  return fmt::format("{:.2f} W, {} (source {}){}", result.build.input.totalDischargeW,
+                     measured ? "measured by the battery" : "package, display and USB added up", source,
+                     mark(modelled));
+}
+
+std::string estimateLine(double watts, bool available) {
+  return available ? fmt::format("{:.2f} W", watts) : std::string("not available");
+}
+
+/// Most watts first, those without last; then by CPU and pid.
+std::vector<const ProcessSample*> ranked(const std::vector<ProcessSample>& processes, std::size_t count) {
+  std::vector<const ProcessSample*> rows;
+  rows.reserve(processes.size());
+  for (const ProcessSample& process : processes) rows.push_back(&process);
+  const auto key = [](const ProcessSample* row) {
+    return std::tuple(-row->powermetricsPackageW.value_or(-1), -row->cpuPercent, row->pid);
+  };
+  std::sort(rows.begin(), rows.end(),
+            [&](const auto* left, const auto* right) { return key(left) < key(right); });
+  rows.resize(std::min(rows.size(), count));
+  return rows;
+}
+
+std::string wattsSource(const ProcessSample& process, bool modelled) {
+  if (!process.powermetricsPackageW) return "ps only";
+  std::string source = "powermetrics";
+  if (process.powermetricsGPUFallbackAllocated) source += ", GPU by CPU share";
+  return source.append(modelled ? ", modelled" : "");
+}
+
+/// The text cut to that many characters, its end kept: of a path the end says most.
+std::string endOf(std::string_view text, std::size_t width) {
+  const std::size_t length = graphemeCount(text);
+  if (length <= width || width < 2) return std::string(text);
+  return "…" + std::string(text.substr(graphemeOffset(text, length - width + 1)));
+}
+
+/// Control characters of a process's name have no business on the terminal.
+std::string printable(std::string_view text) {
+  std::string clean(text);
+  std::replace_if(
+      clean.begin(), clean.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
+  return clean;
+}
+
+std::string processTable(const SamplingCycleResult& result, const SampleReportLayout& layout) {
+  const auto rows = ranked(result.build.input.processes, layout.topProcesses);
+  std::size_t sourceWidth = 12;
+  for (const ProcessSample* row : rows) {
+    sourceWidth = std::max(sourceWidth, wattsSource(*row, result.modelled.powerCounters).size());
+  }
+  std::string table = fmt::format("{:>8}  {:>6}  {:>8}  {:<{}}  {}\n", "PID", "CPU %", "WATTS", "WATTS FROM",
+                                  sourceWidth, "NAME");
+  for (const ProcessSample* row : rows) {
+    const std::string watts =
+        row->powermetricsPackageW ? fmt::format("{:.3f}", *row->powermetricsPackageW) : std::string("-");
+    const std::string figures =
+        fmt::format("{:>8}  {:>6.1f}  {:>8}  {:<{}}  ", row->pid, row->cpuPercent, watts,
+                    wattsSource(*row, result.modelled.powerCounters), sourceWidth);
+    const std::string name = printable(row->name);
+    const std::size_t room =
+        layout.width && *layout.width > figures.size() + 8 ? *layout.width - figures.size() : 0;
+    table += figures + (room > 0 ? endOf(name, room) : name) + '\n';
+  }
+  return table;
+}
+
+nlohmann::ordered_json encodeMetadata(const AttributionBuildMetadata& metadata) {
+  return {{"powermetricsCommandOK", metadata.powermetricsCommandOK},
+          {"powermetricsParsedProcessCount", metadata.powermetricsParsedProcessCount},
+          {"powermetricsHasPackagePower", metadata.powermetricsHasPackagePower},
+          {"powermetricsHasSystemPower", metadata.powermetricsHasSystemPower},
+          {"usedEstimatedTotalPower", metadata.usedEstimatedTotalPower},
+          {"screenModelAvailable", metadata.screenModelAvailable},
+          {"usbModelAvailable", metadata.usbModelAvailable}};
+}
+
+}  // namespace
+
+std::string sampleReport(const SamplingCycleResult& result, const SampleReportLayout& layout) {
+  const AttributionInput& input = result.build.input;
+  const AttributionBuildMetadata& metadata = result.build.metadata;
+  std::string report = fmt::format(
+      "Quenzel at {}\n"
+      "  Power      {}\n"
+      "  Battery    {}\n"
+      "  Total      {}\n"
+      "  Display    {}\n"
+      "  USB        {}\n"
+      "  Processes  {} seen, {} with powermetrics records\n\n",
+      iso8601Text(input.timestamp), powerSituation(result), batteryLine(result), totalLine(result),
+      estimateLine(input.screenModelW, metadata.screenModelAvailable),
+      estimateLine(input.usbModelW, metadata.usbModelAvailable), input.processes.size(),
+      metadata.powermetricsParsedProcessCount);
+  report += processTable(result, layout);
+  if (!result.unavailable.empty()) report += "\nNot available:\n";
+  for (const UnavailableSource& missing : result.unavailable) {
+    report += fmt::format("  {}: {}\n", missing.source, missing.reason);
+  }
+  if (result.modelled.any()) {
+    report += fmt::format(
+        "\nModelled, not measured: {}{}{}. This machine has no such hardware, and a model was asked for.\n",
+        result.modelled.battery ? "the battery" : "",
+        result.modelled.battery && result.modelled.powerCounters ? " and " : "",
+        result.modelled.powerCounters ? "the power counters" : "");
+  }
+  return report;
+}
+
+nlohmann::ordered_json encodeSample(const SamplingCycleResult& result) {
+  nlohmann::ordered_json json = {{"input", encodeAttributionInput(result.build.input)},
+                                 {"metadata", encodeMetadata(result.build.metadata)}};
+  if (result.build.batteryStatus)
+    json["batteryStatus"] = encodeBatteryStatusSample(*result.build.batteryStatus);
+  json["totalSource"] = totalPowerSource(result.build);
+  json["unavailable"] =
+      encodeJSONList(result.unavailable, [](const UnavailableSource& missing) -> nlohmann::ordered_json {
+        return {{"source", missing.source}, {"reason", missing.reason}};
+      });
+  json["modelled"] = nlohmann::ordered_json::array();
+  if (result.modelled.battery) json["modelled"].push_back("battery");
+  if (result.modelled.powerCounters) json["modelled"].push_back("powerCounters");
+  return json;
+}
+
+}  // namespace quenzel

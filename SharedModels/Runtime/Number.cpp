@@ -1,0 +1,138 @@
+#include "SharedModels/Runtime/Number.hpp"
+
+#include <charconv>
+#include <cstdlib>
+#include <limits>
+#include <system_error>
+
+#include <fmt/format.h>
+#include <locale.h>
+#if defined(__APPLE__)
+#include <xlocale.h>
+#endif
+
+namespace quenzel {
+namespace {
+
+constexpr double powersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                  1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+constexpr std::uint64_t largestExactMantissa = std::uint64_t{1} << 53;
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+std::size_t signLength(std::string_view text) {
+  return !text.empty() && (text.front() == '+' || text.front() == '-') ? 1 : 0;
+}
+
+std::size_t digitsLength(std::string_view text) {
+  std::size_t length = 0;
+  while (length < text.size() && isDigit(text[length])) ++length;
+  return length;
+}
+
+/// Plain decimals of few digits, which is what tools print: a mantissa and a power of ten that are both exact
+/// doubles divide to the correctly rounded result (W. D. Clinger, How to Read Floating Point Numbers
+/// Accurately, 1990).
+std::optional<double> parsePlainDecimal(std::string_view text) {
+  std::size_t index = signLength(text);
+  const bool negative = index == 1 && text.front() == '-';
+  if (text.size() - index > 18) return std::nullopt;
+  std::uint64_t mantissa = 0;
+  std::size_t digits = 0;
+  std::size_t fractionDigits = 0;
+  bool inFraction = false;
+  for (; index < text.size(); ++index) {
+    const char c = text[index];
+    if (isDigit(c)) {
+      mantissa = mantissa * 10 + static_cast<std::uint64_t>(c - '0');
+      ++digits;
+      if (inFraction) ++fractionDigits;
+    } else if (c == '.' && !inFraction) {
+      inFraction = true;
+    } else {
+      return std::nullopt;
+    }
+  }
+  if (digits == 0 || mantissa > largestExactMantissa) return std::nullopt;
+  const double value = static_cast<double>(mantissa) / powersOfTen[fractionDigits];
+  return negative ? -value : value;
+}
+
+locale_t cLocale() {
+  static const locale_t locale = ::newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
+  return locale;
+}
+
+}  // namespace
+
+std::optional<double> parseDouble(std::string_view text) {
+  if (const auto plain = parsePlainDecimal(text)) return plain;
+  const bool leadingBlank =
+      !text.empty() && (text.front() == ' ' || (text.front() >= '\t' && text.front() <= '\r'));
+  if (text.empty() || leadingBlank) return std::nullopt;
+  const std::string copy(text);
+  char* end = nullptr;
+  const double value = ::strtod_l(copy.c_str(), &end, cLocale());
+  if (end != copy.c_str() + copy.size()) return std::nullopt;
+  return value;
+}
+
+std::optional<std::int64_t> parseInteger(std::string_view text) {
+  if (!text.empty() && text.front() == '+') {
+    text.remove_prefix(1);
+    if (signLength(text) == 1) return std::nullopt;
+  }
+  std::int64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+void NumberScanner::skipBlanks() {
+  while (!rest_.empty() && (rest_.front() == ' ' || rest_.front() == '\t')) rest_.remove_prefix(1);
+}
+
+std::optional<std::int64_t> NumberScanner::integer() {
+  skipBlanks();
+  const std::size_t sign = signLength(rest_);
+  const std::size_t length = sign + digitsLength(rest_.substr(sign));
+  if (length == sign) return std::nullopt;
+  const std::string_view number = rest_.substr(0, length);
+  rest_.remove_prefix(length);
+  if (const auto value = parseInteger(number)) return value;
+  using Limits = std::numeric_limits<std::int64_t>;
+  return number.front() == '-' ? Limits::min() : Limits::max();
+}
+
+std::optional<double> NumberScanner::decimal() {
+  skipBlanks();
+  std::size_t length = signLength(rest_);
+  const std::size_t whole = digitsLength(rest_.substr(length));
+  length += whole;
+  std::size_t fraction = 0;
+  if (length < rest_.size() && rest_[length] == '.') {
+    fraction = digitsLength(rest_.substr(length + 1));
+    if (whole + fraction > 0) length += 1 + fraction;
+  }
+  if (whole + fraction == 0) return std::nullopt;
+  if (length < rest_.size() && (rest_[length] == 'e' || rest_[length] == 'E')) {
+    const std::size_t exponentSign = signLength(rest_.substr(length + 1));
+    const std::size_t exponent = digitsLength(rest_.substr(length + 1 + exponentSign));
+    if (exponent > 0) length += 1 + exponentSign + exponent;
+  }
+  const std::string_view number = rest_.substr(0, length);
+  rest_.remove_prefix(length);
+  return parseDouble(number);
+}
+
+std::string shortestDecimal(double value) {
+  std::string text = fmt::format("{}", value);
+  if (text.find_first_of(".en") == std::string::npos) text += ".0";
+  return text;
+}
+
+std::string twoDecimalsOrNil(std::optional<double> value) {
+  return value ? fmt::format("{:.2f}", *value) : std::string("nil");
+}
+
+}  // namespace quenzel

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quenzel {
+
+// The one home of text handling. Texts are UTF-8; a byte that belongs to no valid sequence counts as a
+// character of its own that is neither blank nor a letter. "White space" is the Unicode property White_Space,
+// line breaks included (https://www.unicode.org/Public/UCD/latest/ucd/PropList.txt). Pure functions; views
+// point into their argument.
+
+/// Without leading and trailing white space and line breaks.
+std::string_view trimmed(std::string_view text);
+/// Without leading white space and line breaks.
+std::string_view trimmedLeft(std::string_view text);
+
+/// Whether the text begins with a white-space character.
+bool startsWithWhitespace(std::string_view text);
+
+/// The lines of a text: it is cut at every newline character (LF, VT, FF, CR, CR LF, U+0085, U+2028, U+2029),
+/// and empty lines are dropped.
+std::vector<std::string_view> splitLines(std::string_view text);
+
+/// The same without a list: takes the first non-empty line off `rest`; empty when there is none left.
+std::string_view nextLine(std::string_view& rest);
+
+/// The pieces between newline characters "\n" alone, empty ones included: one more than there are newlines.
+std::vector<std::string_view> splitAtLineFeeds(std::string_view text);
+
+/// The pieces between white space, empty ones dropped.
+std::vector<std::string_view> splitWhitespace(std::string_view text);
+
+/// The first of those pieces; empty when there is none.
+std::string_view firstWord(std::string_view text);
+
+/// Lower case by the Unicode mappings that depend on no language; ill-formed bytes stay as they are.
+std::string lowercased(std::string_view text);
+
+/// Whether both are equal but for the case of ASCII letters.
+bool equalsIgnoringASCIICase(std::string_view left, std::string_view right);
+
+/// Byte offset of the n-th user-perceived character (extended grapheme cluster, Unicode Standard Annex 29),
+/// or the length of the text when it has no more than n. Costs one pass over the part that is skipped; a text
+/// whose first n + 1 bytes are ASCII costs a few nanoseconds.
+std::size_t graphemeOffset(std::string_view text, std::size_t n);
+
+/// Number of user-perceived characters.
+std::size_t graphemeCount(std::string_view text);
+
+/// The bytes as valid UTF-8: each ill-formed sequence (the maximal subpart, as the Unicode Standard
+/// recommends) becomes U+FFFD. Valid input is returned as it is.
+std::string repairedUTF8(std::string bytes);
+
+/// What follows the last "/" that is not at the end: "ps" of "/bin/ps" and of "/bin/ps/".
+std::string_view lastPathComponent(std::string_view path);
+
+}  // namespace quenzel

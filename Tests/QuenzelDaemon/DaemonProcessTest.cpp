@@ -1,0 +1,302 @@
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <future>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Tests/Support/DaemonProcess.hpp"
+
+namespace quenzel {
+namespace {
+
+using platform::FileDescriptor;
+using platform::RequestClient;
+using platform::RequestReply;
+using platform::RequestResult;
+using ::testing::AllOf;
+using testing::DaemonProcess;
+using testing::DaemonSurroundings;
+using testing::eventually;
+using ::testing::HasSubstr;
+
+/// "success / message" of a reply, or why there was none.
+std::string described(const RequestResult& result) {
+  if (const auto* failure = std::get_if<platform::TransportFailure>(&result))
+    return "failure: " + failure->message;
+  const auto& reply = std::get<RequestReply>(result);
+  return (reply.success ? "true / " : "false / ") + reply.message.value_or("(none)");
+}
+
+std::string outputOf(const std::string& command) {
+  std::string output;
+  FILE* pipe = ::popen((command + " 2>&1").c_str(), "re");
+  if (pipe == nullptr) return output;
+  for (int byte = std::fgetc(pipe); byte != EOF; byte = std::fgetc(pipe)) output += static_cast<char>(byte);
+  ::pclose(pipe);
+  return output;
+}
+
+/// Whether the peer closes the connection within 10 seconds.
+bool isClosedByPeer(const FileDescriptor& socket) {
+  for (char bytes[256];;) {
+    pollfd readable{.fd = socket.get(), .events = POLLIN, .revents = 0};
+    if (::poll(&readable, 1, 10'000) != 1) return false;
+    if (::read(socket.get(), bytes, sizeof bytes) <= 0) return true;
+  }
+}
+
+void send(const FileDescriptor& socket, std::string_view bytes) {
+  ASSERT_EQ(::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+}
+
+volatile sig_atomic_t reportDescriptor = -1;
+
+/// A child of this process that answers SIGTERM with a byte on a pipe and lives on. Killed, it stays a zombie
+/// until it is reaped here, so ending it takes the whole of both waits: 0.7 seconds.
+class StubbornChild {
+ public:
+  StubbornChild() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    reports_ = FileDescriptor(ends[0]);
+    const FileDescriptor write(ends[1]);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      reportDescriptor = write.get();
+      std::signal(SIGTERM,
+                  [](int) { [[maybe_unused]] const ssize_t sent = ::write(reportDescriptor, "t", 1); });
+      for ([[maybe_unused]] ssize_t sent = ::write(write.get(), "r", 1);;) ::pause();
+    }
+    awaitReport();
+  }
+  ~StubbornChild() {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+
+  pid_t pid() const { return pid_; }
+  /// Blocks until it has started, and from then on until it has had a SIGTERM.
+  void awaitReport() const {
+    char report = 0;
+    while (::read(reports_.get(), &report, 1) < 0 && errno == EINTR) {
+    }
+  }
+
+ private:
+  FileDescriptor reports_;
+  pid_t pid_ = -1;
+};
+
+mode_t modeOf(const std::filesystem::path& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+class DaemonProcessTest : public ::testing::Test {
+ protected:
+  std::string dbusSend(const std::string& request) const {
+    return outputOf("dbus-send --peer=unix:path=" + surroundings_.socketPath() +
+                    " --print-reply /com/quenzel/BatteryMetrics " + request);
+  }
+
+  DaemonSurroundings surroundings_;
+};
+
+TEST_F(DaemonProcessTest, AnswersAnyDBusClient) {
+  const DaemonProcess daemon(surroundings_);
+  ASSERT_TRUE(daemon.connect());
+  EXPECT_THAT(dbusSend("com.quenzel.BatteryMetrics.Ping"), HasSubstr("boolean true"));
+  EXPECT_THAT(dbusSend("com.quenzel.BatteryMetrics.TerminateProcess int32:-5"),
+              AllOf(HasSubstr("boolean false"), HasSubstr("string \"Invalid PID -5.\"")));
+  EXPECT_THAT(dbusSend("com.quenzel.BatteryMetrics.TerminateProcess string:x"), HasSubstr("InvalidArgs"));
+  EXPECT_THAT(dbusSend("org.freedesktop.DBus.Introspectable.Introspect"),
+              AllOf(HasSubstr("<method name=\"Ping\">"), HasSubstr("<method name=\"SetLowPowerMode\">"),
+                    HasSubstr("<method name=\"TerminateProcess\">"), HasSubstr("type=\"i\" name=\"pid\"")));
+  // Whatever the daemon's umask, every user reaches its socket and nobody else writes the folder.
+  EXPECT_EQ(modeOf(surroundings_.socketPath()), 0666u);
+  EXPECT_EQ(modeOf(surroundings_.folder() / "run"), 0755u);
+  EXPECT_EQ(modeOf(surroundings_.folder() / "run/quenzel"), 0755u);
+  EXPECT_THAT(daemon.log(), AllOf(HasSubstr("[INFO] [Daemon] Starting listener for com.quenzel.metricsd\n"),
+                                  HasSubstr("[INFO] [Daemon] ping received.\n")));
+}
+
+TEST_F(DaemonProcessTest, SetsLowPowerModeThroughPmset) {
+  surroundings_.setEnvironment("QZL_SHELL_TIMEOUT_SEC", "0.25");
+  const DaemonProcess daemon(surroundings_);
+  const auto client = daemon.connect();
+  ASSERT_TRUE(client);
+  const std::string remembers =
+      "state='" + (surroundings_.folder() / "state") + "'\n" +
+      "case $1 in -a) echo $3 > $state;; -g) echo \" lowpowermode  $(cat $state)\";; esac\n";
+  struct Row {
+    std::string pmset;
+    bool enabled;
+    std::string reply;
+  };
+  const Row rows[] = {
+      {remembers, true, "true / (none)"},
+      {remembers, false, "true / (none)"},
+      {"echo 'pmset: must be run as root' >&2; exit 77\n", true, "false / pmset: must be run as root"},
+      {"kill -9 $$\n", true, "false / pmset returned status 9"},
+      {"exec sleep 100\n", true, "false / Command timed out after 0.25s: /usr/bin/pmset -a lowpowermode 1"},
+      {"echo ' lowpowermode 0'\n", true, "false / pmset completed but lowpowermode remained 0"},
+      {"echo ' sleep 1'\n", true,
+       "false / Failed to launch command: Unable to determine lowpowermode state from pmset output."},
+  };
+  for (const Row& row : rows) {
+    surroundings_.installTool("/usr/bin/pmset", row.pmset);
+    EXPECT_EQ(described(client->setLowPowerMode(row.enabled)), row.reply) << row.pmset;
+  }
+}
+
+TEST_F(DaemonProcessTest, EndsProcesses) {
+  const DaemonProcess daemon(surroundings_);
+  const auto client = daemon.connect();
+  ASSERT_TRUE(client);
+  const StubbornChild unreaped;
+  const std::string pid = std::to_string(unreaped.pid());
+  EXPECT_EQ(described(client->terminateProcess(unreaped.pid())),
+            "false / Process " + pid + " ignored SIGTERM and SIGKILL.");
+
+  const pid_t obedient = ::fork();
+  if (obedient == 0) {
+    for (;;) ::pause();
+  }
+  auto reaped = std::async(std::launch::async, [&] { return ::waitpid(obedient, nullptr, 0); });
+  EXPECT_EQ(described(client->terminateProcess(obedient)), "true / (none)");
+  EXPECT_EQ(reaped.get(), obedient);
+}
+
+TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
+  const DaemonProcess daemon(surroundings_);
+  auto slow = daemon.connect();
+  ASSERT_TRUE(slow);
+  slow.reset();
+  ASSERT_TRUE(eventually([&] { return daemon.count("task") == 1; }));
+  const std::size_t descriptors = daemon.count("fd");
+
+  slow = daemon.connect();
+  const FileDescriptor halfAuthenticated = surroundings_.connectSocket();
+  send(halfAuthenticated, std::string_view("\0AUTH ANONY", 11));
+  const FileDescriptor garbage = surroundings_.connectSocket();
+  send(garbage, "GET / HTTP/1.1\r\n\r\n");
+  const FileDescriptor garbageMessage = surroundings_.connectSocket();
+  send(garbageMessage, std::string_view("\0AUTH ANONYMOUS\r\nBEGIN\r\n", 24));
+  send(garbageMessage, std::string(4096, 'x'));
+  std::vector<FileDescriptor> idle;
+  for (int i = 0; i < 500; ++i) idle.push_back(surroundings_.connectSocket());
+
+  const StubbornChild child;
+  auto terminated = std::async(std::launch::async, [&] { return slow->terminateProcess(child.pid()); });
+  child.awaitReport();  // the request is being worked on now
+  const auto quick = daemon.connect();
+  ASSERT_TRUE(quick);
+  EXPECT_EQ(described(quick->ping()), "true / (none)");
+  EXPECT_EQ(terminated.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+      << "the ping waited for it";
+  EXPECT_EQ(described(terminated.get()),
+            "false / Process " + std::to_string(child.pid()) + " ignored SIGTERM and SIGKILL.");
+
+  EXPECT_TRUE(isClosedByPeer(garbage));
+  EXPECT_TRUE(isClosedByPeer(garbageMessage));
+  EXPECT_TRUE(isClosedByPeer(halfAuthenticated));
+  idle.clear();
+  slow.reset();
+  EXPECT_EQ(described(quick->ping()), "true / (none)");
+  // What is left: the listener's thread and that of the quick client, with its descriptor.
+  EXPECT_TRUE(eventually([&] { return daemon.count("task") == 2 && daemon.count("fd") == descriptors + 1; }))
+      << daemon.count("task") << " threads, " << daemon.count("fd") << " descriptors, at first "
+      << descriptors;
+}
+
+TEST_F(DaemonProcessTest, AClientThatLeavesLosesOnlyItsReply) {
+  const DaemonProcess daemon(surroundings_);
+  const auto client = daemon.connect();
+  ASSERT_TRUE(client);
+  const StubbornChild child;
+  const pid_t impatient = ::fork();
+  if (impatient == 0) {
+    daemon.connect()->terminateProcess(child.pid());
+    ::_exit(0);
+  }
+  child.awaitReport();
+  ::kill(impatient, SIGKILL);
+  ::waitpid(impatient, nullptr, 0);
+  EXPECT_EQ(described(client->ping()), "true / (none)");
+  EXPECT_TRUE(eventually([&] { return daemon.count("task") == 2; }));
+  EXPECT_EQ(described(client->ping()), "true / (none)");
+}
+
+TEST_F(DaemonProcessTest, TooManyConnectionsAreClosedAtOnce) {
+  // 64 descriptors: three quarters of them, 48, may be connections.
+  const DaemonProcess daemon(surroundings_, {.arguments = {}, .listeningSocket = -1, .descriptorLimit = 64});
+  daemon.connect();
+  ASSERT_TRUE(eventually([&] { return daemon.count("task") == 1; }));
+  std::vector<FileDescriptor> idle;
+  for (int i = 0; i < 48; ++i) idle.push_back(surroundings_.connectSocket());
+  EXPECT_TRUE(isClosedByPeer(surroundings_.connectSocket()));
+  idle.pop_back();
+  const auto client = daemon.connect();
+  ASSERT_TRUE(client);
+  EXPECT_EQ(described(client->ping()), "true / (none)");
+}
+
+TEST_F(DaemonProcessTest, OneDaemonASocket) {
+  DaemonProcess first(surroundings_);
+  ASSERT_TRUE(first.connect());
+  DaemonProcess second(surroundings_);
+  EXPECT_EQ(second.exitStatus(), 1);
+  EXPECT_THAT(second.log(), HasSubstr("QuenzelDaemon: A daemon is already running at " +
+                                      surroundings_.socketPath() + "\n"));
+  first.kill();
+
+  const DaemonProcess third(surroundings_);  // the socket of the killed one is in its way
+  const auto client = third.connect();
+  ASSERT_TRUE(client);
+  EXPECT_EQ(described(client->ping()), "true / (none)");
+}
+
+TEST_F(DaemonProcessTest, TakesOverTheSocketOfTheServiceManager) {
+  const FileDescriptor listener = surroundings_.listeningSocket();
+  ASSERT_EQ(::fcntl(listener.get(), F_SETFL, O_NONBLOCK), 0);  // as the service manager's are
+  const DaemonProcess daemon(surroundings_, {.arguments = {}, .listeningSocket = listener.get()});
+  for (int i = 0; i < 2; ++i) {
+    const auto client = daemon.connect();
+    ASSERT_TRUE(client);
+    EXPECT_EQ(described(client->ping()), "true / (none)");
+  }
+}
+
+TEST_F(DaemonProcessTest, TakesNoArgumentsButTwo) {
+  struct Row {
+    std::string argument;
+    int status;
+    std::string output;
+  };
+  const Row rows[] = {{"--help", 0, "Usage: QuenzelDaemon"},
+                      {"--version", 0, "QuenzelDaemon 0."},
+                      {"--bogus", 2, "QuenzelDaemon: unknown argument: --bogus\nUsage: "}};
+  for (const Row& row : rows) {
+    DaemonProcess daemon(surroundings_, {.arguments = {row.argument}});
+    EXPECT_EQ(daemon.exitStatus(), row.status);
+    EXPECT_THAT(daemon.log(), HasSubstr(row.output));
+  }
+}
+
+}  // namespace
+}  // namespace quenzel

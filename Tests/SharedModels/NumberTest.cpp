@@ -1,0 +1,93 @@
+#include <cmath>
+#include <limits>
+
+#include <gtest/gtest.h>
+
+#include "SharedModels/Runtime/Number.hpp"
+
+namespace quenzel {
+namespace {
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+TEST(Number, ParsesAWholeTextOrNothing) {
+  struct Row {
+    std::string_view text;
+    std::optional<double> value;
+  };
+  const Row rows[] = {
+      {"4", 4.0},
+      {"-0.25", -0.25},
+      {"+.5", 0.5},
+      {"5.", 5.0},
+      {"0.1", 0.1},
+      {"1e3", 1000.0},
+      {"0x10", 16.0},
+      {"inf", infinity},
+      {"1e999", infinity},
+      {"123456789.123456789", 123456789.123456789},
+      {"9007199254740993", 9007199254740992.0},  // halfway: to even
+      {"0.30000000000000004", 0.30000000000000004},
+      {"", std::nullopt},
+      {" 2", std::nullopt},
+      {"2 ", std::nullopt},
+      {"\n2", std::nullopt},
+      {"abc", std::nullopt},
+      {"1,5", std::nullopt},
+      {".", std::nullopt},
+      {"-", std::nullopt},
+      {"1.2.3", std::nullopt},
+      {std::string_view("1\0", 2), std::nullopt},
+  };
+  for (const Row& row : rows) EXPECT_EQ(parseDouble(row.text), row.value) << row.text;
+  EXPECT_TRUE(std::isnan(parseDouble("nan").value()));
+  EXPECT_TRUE(std::signbit(parseDouble("-0").value()));
+}
+
+TEST(Number, ParsesIntegersThatFit) {
+  struct Row {
+    std::string_view text;
+    std::optional<std::int64_t> value;
+  };
+  const Row rows[] = {
+      {"0", 0},
+      {"+7", 7},
+      {"-5", -5},
+      {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
+      {"9223372036854775808", std::nullopt},
+      {"+-3", std::nullopt},
+      {"", std::nullopt},
+      {"+", std::nullopt},
+      {"1.0", std::nullopt},
+      {" 1", std::nullopt},
+  };
+  for (const Row& row : rows) EXPECT_EQ(parseInteger(row.text), row.value) << row.text;
+}
+
+TEST(Number, ScansNumbersOffTheFront) {
+  NumberScanner scanner(" 12\t-3 4.5e1 .5x 7");
+  EXPECT_EQ(scanner.integer(), 12);
+  EXPECT_EQ(scanner.integer(), -3);
+  EXPECT_EQ(scanner.decimal(), 45.0);
+  EXPECT_EQ(scanner.decimal(), 0.5);
+  EXPECT_EQ(scanner.integer(), std::nullopt);
+  EXPECT_EQ(scanner.rest(), "x 7");
+  EXPECT_EQ(NumberScanner("\n1").integer(), std::nullopt);  // a line break is no blank
+  EXPECT_EQ(NumberScanner("99999999999999999999").integer(), std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(NumberScanner("nan").decimal(), std::nullopt);
+  EXPECT_EQ(NumberScanner("5e+").decimal(), 5.0);
+}
+
+TEST(Number, PrintsTheShortestFormThatReadsBack) {
+  EXPECT_EQ(shortestDecimal(4), "4.0");
+  EXPECT_EQ(shortestDecimal(0.25), "0.25");
+  EXPECT_EQ(shortestDecimal(0.1), "0.1");
+  EXPECT_EQ(shortestDecimal(infinity), "inf");
+  EXPECT_EQ(twoDecimalsOrNil(1.005), "1.00");  // the double lies below 1.005
+  EXPECT_EQ(twoDecimalsOrNil(std::nullopt), "nil");
+  EXPECT_EQ(nonNegative(std::nan("")), 0.0);
+  EXPECT_EQ(nonNegative(-1), 0.0);
+}
+
+}  // namespace
+}  // namespace quenzel

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "MetricsCollectors/ShellRunning.hpp"
+#include "Platform/Mutex.hpp"
+
+namespace quenzel::testing {
+
+/// Runs nothing: answers each command by its executable, and remembers what it was asked.
+///
+/// Replies of one executable are given out in the order they were set, the last of them again and again. A
+/// command without a reply fails to launch, as a missing executable would. Thread-safe.
+class FakeShell final : public ShellRunning {
+ public:
+  using Reply = std::variant<ShellResult, ShellRunnerError>;
+
+  struct Call {
+    std::string executable;
+    std::vector<std::string> arguments;
+
+    bool operator==(const Call&) const = default;
+  };
+
+  /// Adds one reply: a result to return, or an error to throw.
+  FakeShell& reply(const std::string& executable, Reply reply) {
+    const platform::MutexLock guard(lock_);
+    replies_[executable].waiting.push_back(std::move(reply));
+    return *this;
+  }
+
+  /// Adds a run that succeeds with that output.
+  FakeShell& output(const std::string& executable, std::string text) {
+    return reply(executable, ShellResult{0, std::move(text), ""});
+  }
+
+  std::vector<Call> calls() const {
+    const platform::MutexLock guard(lock_);
+    return calls_;
+  }
+
+  ShellResult run(const std::string& executable, const std::vector<std::string>& arguments) const override {
+    const Reply reply = next(executable, arguments);
+    if (const auto* error = std::get_if<ShellRunnerError>(&reply)) throw *error;
+    return std::get<ShellResult>(reply);
+  }
+
+ private:
+  struct Script {
+    std::vector<Reply> waiting;
+    std::size_t given = 0;
+  };
+
+  Reply next(const std::string& executable, const std::vector<std::string>& arguments) const {
+    const platform::MutexLock guard(lock_);
+    calls_.push_back({executable, arguments});
+    const auto script = replies_.find(executable);
+    if (script == replies_.end()) {
+      return ShellRunnerError::failedToLaunch("The fake shell has no reply for " + executable + ".");
+    }
+    Script& replies = script->second;
+    if (replies.given < replies.waiting.size()) ++replies.given;
+    return replies.waiting[replies.given - 1];
+  }
+
+  mutable platform::Mutex lock_;
+  mutable std::map<std::string, Script> replies_ GUARDED_BY(lock_);
+  mutable std::vector<Call> calls_ GUARDED_BY(lock_);
+};
+
+}  // namespace quenzel::testing
