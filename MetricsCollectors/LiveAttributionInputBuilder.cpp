@@ -4,8 +4,6 @@
 #include <limits>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
 #include <fmt/format.h>
@@ -41,18 +39,36 @@ bool isOnBattery(const std::optional<BatteryStatusSample>& battery, const Sampli
   return battery ? !battery->externalPowerConnected && !battery->isCharging : config.isOnBattery();
 }
 
-using RecordsByPID = std::unordered_map<std::int64_t, const PowermetricsProcessRecord*>;
-
-RecordsByPID indexByPID(const PowermetricsParseOutput& output) {
-  RecordsByPID records;
-  records.reserve(output.processes.size());
-  for (const PowermetricsProcessRecord& record : output.processes) {
-    if (!records.emplace(record.pid, &record).second) {
-      fatalError(fmt::format("powermetrics reported process {} twice.", record.pid));
-    }
+/// The records in order of pid, each of which stands only once.
+class RecordsByPID {
+ public:
+  explicit RecordsByPID(const PowermetricsParseOutput& output) : matched_(output.processes.size(), false) {
+    entries_.reserve(output.processes.size());
+    for (const PowermetricsProcessRecord& record : output.processes)
+      entries_.emplace_back(record.pid, entries_.size());
+    std::sort(entries_.begin(), entries_.end());
+    const auto twice =
+        std::adjacent_find(entries_.begin(), entries_.end(),
+                           [](const Entry& left, const Entry& right) { return left.first == right.first; });
+    if (twice != entries_.end())
+      fatalError(fmt::format("powermetrics reported process {} twice.", twice->first));
   }
-  return records;
-}
+
+  /// Index of the pid's record, which counts as matched from now on.
+  std::optional<std::size_t> match(std::int64_t pid) {
+    const auto entry = std::lower_bound(entries_.begin(), entries_.end(), Entry(pid, 0));
+    if (entry == entries_.end() || entry->first != pid) return std::nullopt;
+    matched_[entry->second] = true;
+    return entry->second;
+  }
+  bool isMatched(std::size_t index) const { return matched_[index]; }
+
+ private:
+  using Entry = std::pair<std::int64_t, std::size_t>;
+
+  std::vector<Entry> entries_;
+  std::vector<bool> matched_;
+};
 
 void takeWatts(ProcessSample& sample, const PowermetricsProcessRecord& record, bool gpuFallback) {
   sample.powermetricsPackageW = record.packageW;
@@ -222,19 +238,17 @@ CommandLoadResult<BatteryStatusSample> LiveAttributionInputBuilder::loadBatteryS
 
 std::size_t LiveAttributionInputBuilder::merge(std::vector<ProcessSample>& samples,
                                                const PowermetricsParseOutput& output, PointInTime now) const {
-  const RecordsByPID records = indexByPID(output);
+  RecordsByPID records(output);
   const bool gpuFallback = output.gpuPackageAllocatedByCPUShare();
-  std::unordered_set<std::int64_t> listed;
-  listed.reserve(samples.size());
   for (ProcessSample& sample : samples) {
-    listed.insert(sample.pid);
-    const auto record = records.find(sample.pid);
-    if (record != records.end() && record->second->packageW > 0)
-      takeWatts(sample, *record->second, gpuFallback);
+    const auto index = records.match(sample.pid);
+    if (index && output.processes[*index].packageW > 0)
+      takeWatts(sample, output.processes[*index], gpuFallback);
   }
   const std::size_t listedCount = samples.size();
-  for (const PowermetricsProcessRecord& record : output.processes) {
-    if (record.packageW > leastPowermetricsOnlyW && !listed.contains(record.pid)) {
+  for (std::size_t index = 0; index < output.processes.size(); ++index) {
+    const PowermetricsProcessRecord& record = output.processes[index];
+    if (record.packageW > leastPowermetricsOnlyW && !records.isMatched(index)) {
       samples.push_back(powermetricsOnlySample(record, gpuFallback, now));
     }
   }

@@ -27,12 +27,12 @@ struct PowermetricsParseOutput {
   double cpuPackageW = 0;
   double gpuPackageW = 0;
   double anePackageW = 0;
-  double combinedPackageW = 0;             ///< the sum of the three where the text gives none above 0
-  std::optional<double> totalSystemWatts;  ///< the whole machine
+  double combinedPackageW = 0;                  ///< the sum of the three where the text gives none above 0
+  std::optional<double> totalSystemWatts = {};  ///< the whole machine
   double totalTaskCPUmsPerSec = 0;
   double totalTaskGPUmsPerSec = 0;
-  std::optional<double> allTasksCPUmsPerSec;  ///< the tool's own total over all tasks
-  std::vector<PowermetricsProcessRecord> processes;
+  std::optional<double> allTasksCPUmsPerSec = {};  ///< the tool's own total over all tasks
+  std::vector<PowermetricsProcessRecord> processes = {};
 
   /// Whether any package figure is above 0.
   bool hasPackagePower() const;

@@ -33,6 +33,8 @@ struct TaskColumns {
   std::size_t id;
   std::size_t cpu;
   std::size_t gpu;
+
+  std::size_t last() const { return std::max({name, id, cpu, gpu}); }
 };
 
 std::optional<TaskColumns> taskColumns(std::string_view header) {
@@ -57,7 +59,17 @@ struct TaskCells {
   std::string_view gpu;
 };
 
+std::string_view bytesBetween(std::string_view line, std::size_t start, std::size_t end) {
+  return start < std::min(end, line.size()) ? line.substr(start, end - start) : std::string_view();
+}
+
 TaskCells taskCells(std::string_view line, const TaskColumns& columns) {
+  // In a line that is ASCII up to its last column, character offsets are byte offsets: there is no CR LF
+  // within a line, and no combining mark behind the characters counted.
+  if (isASCIIText(line.substr(0, columns.last() + 1))) {
+    return {bytesBetween(line, columns.name, columns.id), bytesBetween(line, columns.id, columns.cpu),
+            bytesBetween(line, columns.cpu, columns.gpu), bytesBetween(line, columns.gpu, line.size())};
+  }
   using Parser = PowermetricsParser;
   return {Parser::columnValue(line, columns.name, columns.id),
           Parser::columnValue(line, columns.id, columns.cpu),
@@ -156,8 +168,8 @@ PowermetricsParser::RunningTasks PowermetricsParser::parseRunningTasks(const Lin
 
   std::optional<TaskColumns> columns;
   for (++line; line != lines.end(); ++line) {
-    const std::string_view text = trimmed(*line);
-    if (text.starts_with(sectionRule) && text.ends_with(sectionRule)) break;
+    const std::string_view text = trimmedLeft(*line);
+    if (text.starts_with(sectionRule) && trimmed(text).ends_with(sectionRule)) break;
     if (!columns) {
       columns = taskColumns(*line);
       continue;

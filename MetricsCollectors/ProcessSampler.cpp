@@ -38,7 +38,10 @@ bool ranksBefore(const PSRow& row, const PSRow& other) {
 void insertIntoTopEntries(std::vector<std::uint32_t>& topEntries, const std::vector<PSRow>& rows,
                           std::size_t limit) {
   const auto newest = static_cast<std::uint32_t>(rows.size() - 1);
-  if (topEntries.size() == limit && !ranksBefore(rows[newest], rows[topEntries.back()])) return;
+  if (topEntries.empty() || !ranksBefore(rows[newest], rows[topEntries.back()])) {
+    if (topEntries.size() < limit) topEntries.push_back(newest);
+    return;
+  }
   const auto place = std::upper_bound(
       topEntries.begin(), topEntries.end(), newest,
       [&](std::uint32_t left, std::uint32_t right) { return ranksBefore(rows[left], rows[right]); });
@@ -178,8 +181,8 @@ ProcessSample ProcessSampler::resolveProcessSample(const PSRow& row, PointInTime
   ProcessSample sample;
   sample.pid = row.pid;
   if (row.parentPID >= 1) sample.parentPID = row.parentPID;
-  sample.name = resolveProcessName(row.commandLine, metadata ? &*metadata : nullptr);
   if (metadata) sample.bundleID = std::move(metadata->bundleID);
+  sample.name = resolveProcessName(row.commandLine, std::move(metadata));
   sample.cpuPercent = row.cpuPercent;
   if (logsNames) {
     RuntimeLog::info(component, fmt::format("pid={} cpu={:.2f} raw={} resolved={}", row.pid, row.cpuPercent,
@@ -189,11 +192,11 @@ ProcessSample ProcessSampler::resolveProcessSample(const PSRow& row, PointInTime
 }
 
 std::string ProcessSampler::resolveProcessName(std::string_view commandLine,
-                                               const RunningProcessMetadata* metadata) const {
+                                               std::optional<RunningProcessMetadata> metadata) const {
   if (metadata) {
     // A blank executable path does not fall back to the bundle: something is wrong with that record.
-    const auto& path = metadata->executablePath ? metadata->executablePath : metadata->bundlePath;
-    if (path && !trimmed(*path).empty()) return *path;
+    auto& path = metadata->executablePath ? metadata->executablePath : metadata->bundlePath;
+    if (path && !trimmed(*path).empty()) return std::move(*path);
   }
   if (auto path = resolvedCommandPath(commandLine)) return *path;
   return std::string(trimmed(commandLine));

@@ -79,7 +79,8 @@ class ProcessSampler {
   /// The first word of a command line, quotes and backslashes inside them undone.
   static std::optional<std::string> executableToken(std::string_view commandLine);
   std::optional<std::string> resolvedCommandPath(std::string_view commandLine) const;
-  std::string resolveProcessName(std::string_view commandLine, const RunningProcessMetadata* metadata) const;
+  std::string resolveProcessName(std::string_view commandLine,
+                                 std::optional<RunningProcessMetadata> metadata) const;
 
  private:
   std::string psOutput() const;

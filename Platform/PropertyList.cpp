@@ -19,7 +19,7 @@ constexpr std::string_view kBlanks = " \t\r\n";
 
 // The library undoes character references by moving the rest of the text once for each: the square of its
 // length.
-constexpr std::size_t kMaxTextWithReferences = 32 * 1024;
+constexpr std::size_t kMaxTextWithReferences = 32768;
 
 [[noreturn]] void refuse(std::string_view problem) {
   throw PropertyListError(fmt::format("The property list {}.", problem));
@@ -380,7 +380,7 @@ class NodeBuilder {
     for (const auto& [key, item] : dictionary) {
       Plist entry = child(item);
       plist_dict_set_item(node.get(), terminated(key), entry.get());
-      entry.release();
+      static_cast<void>(entry.release());  // the dictionary owns it now
     }
     return node;
   }

@@ -18,7 +18,7 @@ class PropertyListError final : public std::runtime_error {
 // Bounds that hold before the library that parses sees a byte: it frees a tree by recursion, so a list nested
 // some ten thousand deep would overflow the stack. Real lists of this system are some kilobytes and four
 // levels.
-inline constexpr std::size_t maxPropertyListBytes = 8 * 1024 * 1024;
+inline constexpr std::size_t maxPropertyListBytes = std::size_t{8} << 20;
 inline constexpr int maxPropertyListDepth = 64;
 
 /// Reads an XML property list. The binary form is refused: objects shared inside it unfold without bound, and

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "MetricsCollectors/LowPowerModeText.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
 #include "SharedModels/Runtime/Text.hpp"
 #include "Storage/SQLiteSnapshotStoreLocation.hpp"
@@ -23,17 +24,6 @@ void info(std::string_view message) { RuntimeLog::info(component, message); }
 std::string failed(std::string_view deed, std::string message) {
   RuntimeLog::error(component, fmt::format("{}: {}", deed, message));
   return message;
-}
-
-/// The value on one line of `pmset -g`; none when the line is about something else or its value is neither 1
-/// nor 0.
-std::optional<bool> lowPowerModeOnLine(std::string_view line) {
-  const std::string setting = lowercased(trimmed(line));
-  if (!setting.starts_with("lowpowermode")) return std::nullopt;
-  const std::string_view value = splitWhitespace(setting).back();
-  if (value == "1") return true;
-  if (value == "0") return false;
-  return std::nullopt;
 }
 
 std::string pmsetFailure(const ShellResult& result) {
@@ -93,10 +83,7 @@ std::optional<std::string> BatteryMetricsService::applyLowPowerMode(bool enabled
 bool BatteryMetricsService::currentLowPowerModeEnabled() const {
   const ShellResult result = shell_.run(pmset, {"-g"});
   if (result.status != 0) throw ShellRunnerError::nonZeroExit(result.status, result.stdout, result.stderr);
-  for (const std::string_view line : splitLines(result.stdout)) {
-    if (const std::optional<bool> enabled = lowPowerModeOnLine(line)) return *enabled;
-  }
-  throw ShellRunnerError::failedToLaunch("Unable to determine lowpowermode state from pmset output.");
+  return lowPowerModeEnabled(result.stdout);
 }
 
 }  // namespace quenzel

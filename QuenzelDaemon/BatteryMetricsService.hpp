@@ -31,7 +31,7 @@ class BatteryMetricsService final : public BatteryMetricsXPCProtocol {
  private:
   /// What went wrong, logged already; none on success.
   std::optional<std::string> applyLowPowerMode(bool enabled) const;
-  /// The state in `pmset -g`, where it is a line such as " lowpowermode         1".
+  /// What `pmset -g` says now.
   /// @throws ShellRunnerError when pmset fails or says nothing of it
   bool currentLowPowerModeEnabled() const;
 

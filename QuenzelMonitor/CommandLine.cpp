@@ -16,13 +16,14 @@ namespace quenzel {
 int runCommandLine(int argumentCount, const char* const* arguments, Console console) {
   CLI::App app("Quenzel: where does this computer's power go?", "quenzel");
   app.set_version_flag("--version", QUENZEL_VERSION);
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);
   std::function<int()> command;
   addSampleCommand(app, command, console);
   addDaemonCommand(app, command, console);
   addInspectCommand(app, command, console);
   try {
     app.parse(argumentCount, arguments);
+    if (!command) throw CLI::RequiredError("a command");
   } catch (const CLI::Success& request) {  // help or version
     return app.exit(request, console.out, console.err);
   } catch (const CLI::Error& error) {

@@ -51,7 +51,7 @@ int report(const Request& request, const std::string& done, bool json, Console& 
 
 void addDaemonCommand(CLI::App& app, std::function<int()>& command, Console& console) {
   CLI::App* daemon = app.add_subcommand("daemon", "Ask the running daemon");
-  daemon->require_subcommand(1);
+  daemon->require_subcommand(0, 1);
   const auto json = std::make_shared<bool>(false);
   const auto addRequest = [&](const char* name, const char* description, auto makeRequest) {
     CLI::App* request = daemon->add_subcommand(name, description);

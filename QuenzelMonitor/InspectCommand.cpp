@@ -54,7 +54,7 @@ CLI::App* addStage(CLI::App& inspect, const char* name, const char* description,
 void addInspectCommand(CLI::App& app, std::function<int()>& command, Console& console) {
   CLI::App* inspect =
       app.add_subcommand("inspect", "Run one stage on captured input and print its result as JSON");
-  inspect->require_subcommand(1);
+  inspect->require_subcommand(0, 1);
   for (const StageRow& row : plainStages)
     addStage(*inspect, row.name, row.description, row.run, command, console);
 

@@ -50,7 +50,8 @@ std::string powerSituation(const SamplingCycleResult& result) {
 
 std::string totalLine(const SamplingCycleResult& result) {
   const std::string_view source = totalPowerSource(result.build);
-  if (source == "none") return "unknown: neither the battery nor another source reports it (source none)";
+  if (result.build.input.totalDischargeW <= 0)
+    return fmt::format("unknown: no source reports any power (source {})", source);
   const bool measured = source == "IOKit";
   const bool modelled = measured ? result.modelled.battery : result.modelled.powerCounters;
   return fmt::format("{:.2f} W, {} (source {}){}", result.build.input.totalDischargeW,

@@ -21,7 +21,7 @@ namespace quenzel::platform {
 namespace {
 
 // Plenty for sd-bus, the requests and their child processes; only the pages that are touched cost memory.
-constexpr std::size_t connectionStackBytes = 256 * 1024;
+constexpr std::size_t connectionStackBytes = 512 * 1024;
 // Replies that a client does not read wait here, in the kernel, at the daemon's expense.
 constexpr int sendBufferBytes = 64 * 1024;
 constexpr rlim_t mostConnections = 1000;
@@ -139,6 +139,7 @@ void* connectionThread(void* argument) noexcept {
     return 0;
   });
   connection->slots.release();
+  ::malloc_trim(0);  // the heap would keep what a burst of connections took
   return nullptr;
 }
 

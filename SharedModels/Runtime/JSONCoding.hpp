@@ -77,7 +77,7 @@ class JSONCodingError final : public std::runtime_error {
 };
 
 /// A snapshot of a thousand processes has about 400,000 bytes and four levels.
-inline constexpr std::size_t maxJSONBytes = 64 * 1024 * 1024;
+inline constexpr std::size_t maxJSONBytes = std::size_t{64} * 1024 * 1024;
 inline constexpr int maxJSONDepth = 256;
 
 /// @throws JSONCodingError: syntax, limitExceeded

@@ -76,20 +76,39 @@ std::size_t newlineLength(std::string_view text, std::size_t offset) {
   }
 }
 
-/// Whether a newline character may begin with that byte.
-constexpr bool mayBeginNewline(unsigned char byte) {
-  return (byte >= '\n' && byte <= '\r') || byte == 0xC2 || byte == 0xE2;
+/// Eight bytes at once; the order within the word does not matter to the tests below.
+std::uint64_t wordAt(const char* bytes) {
+  std::uint64_t word = 0;
+  std::memcpy(&word, bytes, sizeof(word));
+  return word;
+}
+
+constexpr std::uint64_t everyByte = 0x0101010101010101U;
+constexpr std::uint64_t highBits = 0x80 * everyByte;
+
+/// Offset of the first newline character, or the length of the text. Skips eight bytes at a time while they
+/// are all printable ASCII, as nearly all text is.
+std::size_t newlineOffset(std::string_view text) {
+  std::size_t offset = 0;
+  while (offset < text.size()) {
+    while (offset + sizeof(std::uint64_t) <= text.size()) {
+      const std::uint64_t word = wordAt(text.data() + offset);
+      const bool mayHoldNewline = ((word | (word - ('\r' + 1) * everyByte)) & highBits) != 0;
+      if (mayHoldNewline) break;
+      offset += sizeof(word);
+    }
+    const std::size_t end = std::min(offset + sizeof(std::uint64_t), text.size());
+    for (; offset < end; ++offset) {
+      if (newlineLength(text, offset) > 0) return offset;
+    }
+  }
+  return text.size();
 }
 
 bool allASCII(const char* bytes, std::size_t count) {
-  constexpr std::uint64_t highBits = 0x8080808080808080U;
   std::uint64_t seen = 0;
   std::size_t index = 0;
-  for (; index + sizeof(seen) <= count; index += sizeof(seen)) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, bytes + index, sizeof(word));
-    seen |= word;
-  }
+  for (; index + sizeof(seen) <= count; index += sizeof(seen)) seen |= wordAt(bytes + index);
   for (; index < count; ++index) seen |= static_cast<unsigned char>(bytes[index]);
   return (seen & highBits) == 0;
 }
@@ -114,11 +133,10 @@ std::size_t clusterEnd(std::string_view text, std::size_t offset) {
 
 std::string_view trimmedLeft(std::string_view text) {
   while (!text.empty()) {
-    if (isASCIIWhitespace(text.front())) {
-      text.remove_prefix(1);
-      continue;
-    }
-    if (isASCII(static_cast<unsigned char>(text.front()))) break;
+    std::size_t blanks = 0;
+    while (blanks < text.size() && isASCIIWhitespace(text[blanks])) ++blanks;
+    text.remove_prefix(blanks);
+    if (text.empty() || isASCII(static_cast<unsigned char>(text.front()))) break;
     const Character character = characterAt(text, 0);
     if (!isWhitespace(character.codepoint)) break;
     text.remove_prefix(character.length);
@@ -129,11 +147,10 @@ std::string_view trimmedLeft(std::string_view text) {
 std::string_view trimmed(std::string_view text) {
   text = trimmedLeft(text);
   while (!text.empty()) {
-    if (isASCIIWhitespace(text.back())) {
-      text.remove_suffix(1);
-      continue;
-    }
-    if (isASCII(static_cast<unsigned char>(text.back()))) break;
+    std::size_t end = text.size();
+    while (end > 0 && isASCIIWhitespace(text[end - 1])) --end;
+    text = text.substr(0, end);
+    if (text.empty() || isASCII(static_cast<unsigned char>(text.back()))) break;
     const Character character = lastCharacter(text);
     if (!isWhitespace(character.codepoint)) break;
     text.remove_suffix(character.length);
@@ -141,21 +158,18 @@ std::string_view trimmed(std::string_view text) {
   return text;
 }
 
+bool isASCIIText(std::string_view text) { return allASCII(text.data(), text.size()); }
+
 bool startsWithWhitespace(std::string_view text) {
   return !text.empty() && isWhitespace(characterAt(text, 0).codepoint);
 }
 
 std::string_view nextLine(std::string_view& rest) {
   while (!rest.empty()) {
-    std::size_t end = 0;
-    std::size_t newline = 0;
-    for (; end < rest.size(); ++end) {
-      if (!mayBeginNewline(static_cast<unsigned char>(rest[end]))) continue;
-      newline = newlineLength(rest, end);
-      if (newline > 0) break;
-    }
+    const std::size_t end = newlineOffset(rest);
     const std::string_view line = rest.substr(0, end);
-    rest.remove_prefix(end + newline);
+    rest.remove_prefix(end);
+    if (!rest.empty()) rest.remove_prefix(newlineLength(rest, 0));
     if (!line.empty()) return line;
   }
   return {};
@@ -180,7 +194,11 @@ std::vector<std::string_view> splitAtLineFeeds(std::string_view text) {
 std::string_view firstWord(std::string_view text) {
   text = trimmedLeft(text);
   std::size_t end = 0;
-  while (end < text.size()) {
+  while (end < text.size() && !isASCIIWhitespace(text[end])) {
+    if (isASCII(static_cast<unsigned char>(text[end]))) {
+      ++end;
+      continue;
+    }
     const Character character = characterAt(text, end);
     if (isWhitespace(character.codepoint)) break;
     end += character.length;

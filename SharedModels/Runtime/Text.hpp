@@ -42,6 +42,10 @@ std::string lowercased(std::string_view text);
 /// Whether both are equal but for the case of ASCII letters.
 bool equalsIgnoringASCIICase(std::string_view left, std::string_view right);
 
+/// Whether every byte is ASCII, so that bytes, characters and (CR LF apart) user-perceived characters are the
+/// same.
+bool isASCIIText(std::string_view text);
+
 /// Byte offset of the n-th user-perceived character (extended grapheme cluster, Unicode Standard Annex 29),
 /// or the length of the text when it has no more than n. Costs one pass over the part that is skipped; a text
 /// whose first n + 1 bytes are ASCII costs a few nanoseconds.

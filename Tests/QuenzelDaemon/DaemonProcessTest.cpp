@@ -184,13 +184,12 @@ TEST_F(DaemonProcessTest, EndsProcesses) {
 
 TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
   const DaemonProcess daemon(surroundings_);
-  auto slow = daemon.connect();
-  ASSERT_TRUE(slow);
-  slow.reset();
-  ASSERT_TRUE(eventually([&] { return daemon.count("task") == 1; }));
+  const auto quick = daemon.connect();
+  ASSERT_TRUE(quick);
+  const std::size_t threads = daemon.count("task");
   const std::size_t descriptors = daemon.count("fd");
 
-  slow = daemon.connect();
+  auto slow = daemon.connect();
   const FileDescriptor halfAuthenticated = surroundings_.connectSocket();
   send(halfAuthenticated, std::string_view("\0AUTH ANONY", 11));
   const FileDescriptor garbage = surroundings_.connectSocket();
@@ -204,11 +203,10 @@ TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
   const StubbornChild child;
   auto terminated = std::async(std::launch::async, [&] { return slow->terminateProcess(child.pid()); });
   child.awaitReport();  // the request is being worked on now
-  const auto quick = daemon.connect();
-  ASSERT_TRUE(quick);
   EXPECT_EQ(described(quick->ping()), "true / (none)");
+  EXPECT_EQ(described(daemon.connect()->ping()), "true / (none)");
   EXPECT_EQ(terminated.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
-      << "the ping waited for it";
+      << "the pings waited for it";
   EXPECT_EQ(described(terminated.get()),
             "false / Process " + std::to_string(child.pid()) + " ignored SIGTERM and SIGKILL.");
 
@@ -218,16 +216,17 @@ TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
   idle.clear();
   slow.reset();
   EXPECT_EQ(described(quick->ping()), "true / (none)");
-  // What is left: the listener's thread and that of the quick client, with its descriptor.
-  EXPECT_TRUE(eventually([&] { return daemon.count("task") == 2 && daemon.count("fd") == descriptors + 1; }))
-      << daemon.count("task") << " threads, " << daemon.count("fd") << " descriptors, at first "
-      << descriptors;
+  EXPECT_TRUE(eventually([&] {
+    return daemon.count("task") == threads && daemon.count("fd") == descriptors;
+  })) << daemon.count("task")
+      << " threads of " << threads << ", " << daemon.count("fd") << " descriptors of " << descriptors;
 }
 
 TEST_F(DaemonProcessTest, AClientThatLeavesLosesOnlyItsReply) {
   const DaemonProcess daemon(surroundings_);
   const auto client = daemon.connect();
   ASSERT_TRUE(client);
+  const std::size_t threads = daemon.count("task");
   const StubbornChild child;
   const pid_t impatient = ::fork();
   if (impatient == 0) {
@@ -238,20 +237,23 @@ TEST_F(DaemonProcessTest, AClientThatLeavesLosesOnlyItsReply) {
   ::kill(impatient, SIGKILL);
   ::waitpid(impatient, nullptr, 0);
   EXPECT_EQ(described(client->ping()), "true / (none)");
-  EXPECT_TRUE(eventually([&] { return daemon.count("task") == 2; }));
+  EXPECT_TRUE(eventually([&] { return daemon.count("task") == threads; }));
   EXPECT_EQ(described(client->ping()), "true / (none)");
 }
 
 TEST_F(DaemonProcessTest, TooManyConnectionsAreClosedAtOnce) {
   // 64 descriptors: three quarters of them, 48, may be connections.
   const DaemonProcess daemon(surroundings_, {.arguments = {}, .listeningSocket = -1, .descriptorLimit = 64});
-  daemon.connect();
-  ASSERT_TRUE(eventually([&] { return daemon.count("task") == 1; }));
+  auto client = daemon.connect();
+  ASSERT_TRUE(client);
+  const std::size_t threads = daemon.count("task");
+  client.reset();
+  ASSERT_TRUE(eventually([&] { return daemon.count("task") == threads - 1; }));
   std::vector<FileDescriptor> idle;
   for (int i = 0; i < 48; ++i) idle.push_back(surroundings_.connectSocket());
   EXPECT_TRUE(isClosedByPeer(surroundings_.connectSocket()));
   idle.pop_back();
-  const auto client = daemon.connect();
+  client = daemon.connect();
   ASSERT_TRUE(client);
   EXPECT_EQ(described(client->ping()), "true / (none)");
 }

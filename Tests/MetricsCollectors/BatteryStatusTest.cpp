@@ -1,0 +1,209 @@
+#include <gtest/gtest.h>
+
+#include "MetricsCollectors/BatteryStatusCollector.hpp"
+#include "MetricsCollectors/BatteryStatusRules.hpp"
+#include "MetricsCollectors/DirectBatteryStatusReader.hpp"
+#include "Platform/PropertyList.hpp"
+#include "Tests/Support/FakeShell.hpp"
+#include "Tests/Support/ThrownBy.hpp"
+
+namespace quenzel {
+namespace {
+
+using platform::PropertyDictionary;
+using platform::PropertyListError;
+using platform::PropertyValue;
+using testing::FakeShell;
+
+PropertyValue integer(std::int64_t value) { return {value}; }
+
+/// A battery in which no two properties hold the same value.
+PropertyDictionary battery() {
+  return {{"AppleRawCurrentCapacity", integer(4000)},
+          {"CurrentCapacity", integer(81)},
+          {"AppleRawMaxCapacity", integer(4900)},
+          {"MaxCapacity", integer(100)},
+          {"Voltage", integer(12500)},
+          {"Amperage", integer(-1500)},
+          {"InstantAmperage", integer(-1400)},
+          {"IsCharging", false},
+          {"CycleCount", integer(17)},
+          {"Temperature", integer(3012)},
+          {"DesignCapacity", integer(5103)},
+          {"NominalChargeCapacity", integer(4950)},
+          {"DesignCycleCount9C", integer(1000)},
+          {"Serial", "F5D"},
+          {"BatterySerialNumber", "other"},
+          {"DeviceName", "bq40"},
+          {"FullyCharged", false},
+          {"ExternalConnected", false},
+          {"AvgTimeToFull", integer(65535)},
+          {"TimeToFull", integer(31)},
+          {"AvgTimeToEmpty", integer(65535)},
+          {"TimeRemaining", integer(240)},
+          {"AdapterDetails", PropertyDictionary{{"Watts", integer(96)}, {"Name", "96W"}}}};
+}
+
+BatteryStatusSample registrySample() {
+  return {.levelPercent = 81,
+          .remainingWh = 50,
+          .systemTimeRemainingMinutes = 240,
+          .dischargeWatts = 18.75,
+          .cycleCount = 17,
+          .voltageMV = 12500,
+          .amperageMa = -1500,
+          .temperatureCentiC = 3012,
+          .designCapacityMah = 5103,
+          .maxCapacityMah = 4900,
+          .currentCapacityMah = 4000,
+          .nominalChargeCapacityMah = 4950,
+          .designCycleCount = 1000,
+          .serialNumber = "F5D",
+          .deviceName = "bq40",
+          .fullyCharged = false,
+          .adapterWatts = 96,
+          .adapterName = "96W"};
+}
+
+BatteryStatusSample collected(const PropertyDictionary& properties) {
+  return BatteryStatusCollector::statusFrom(platform::encodePropertyList(PropertyValue::Array{properties}));
+}
+
+TEST(BatteryStatusCollector, FillsEveryFieldFromItsKey) {
+  FakeShell shell;
+  shell.output("/usr/sbin/ioreg", platform::encodePropertyList(PropertyValue::Array{battery()}));
+  EXPECT_EQ(BatteryStatusCollector(shell).collectStatus(), registrySample());
+  EXPECT_EQ(shell.calls().at(0),
+            (FakeShell::Call{"/usr/sbin/ioreg", {"-r", "-n", "AppleSmartBattery", "-a"}}));
+  EXPECT_EQ(collected({}), BatteryStatusSample{});
+}
+
+TEST(BatteryStatusCollector, FallsBackKeyByKey) {
+  PropertyDictionary properties = battery();
+  for (const char* key : {"AppleRawCurrentCapacity", "AppleRawMaxCapacity", "Amperage", "Serial"})
+    properties.erase(key);
+  properties.insert_or_assign("AdapterDetails", "none");
+  properties.insert_or_assign("CycleCount", "many");
+  properties.insert_or_assign("FullyCharged", integer(1));
+  const BatteryStatusSample sample = collected(properties);
+  EXPECT_EQ(sample.currentCapacityMah, 81);
+  EXPECT_EQ(sample.maxCapacityMah, 100);
+  EXPECT_EQ(sample.amperageMa, -1400);
+  EXPECT_EQ(sample.serialNumber, "other");
+  EXPECT_EQ(sample.adapterWatts, std::nullopt);
+  EXPECT_EQ(sample.cycleCount, std::nullopt);
+  EXPECT_EQ(sample.fullyCharged, true);
+}
+
+TEST(BatteryStatusCollector, ReadsCurrentsLevelsAndTimes) {
+  const auto sampleWith = [](const char* key, PropertyValue value) {
+    PropertyDictionary properties = battery();
+    properties.insert_or_assign(key, std::move(value));
+    return collected(properties);
+  };
+  EXPECT_EQ(sampleWith("Amperage", integer(4294965764)).amperageMa, -1532);  // a gauge 32 bits wide
+  EXPECT_EQ(sampleWith("Amperage", integer(500)).dischargeWatts, std::nullopt);
+  EXPECT_EQ(sampleWith("Voltage", integer(0)).remainingWh, std::nullopt);
+  EXPECT_EQ(sampleWith("CurrentCapacity", integer(130)).levelPercent, 100);
+  EXPECT_EQ(sampleWith("CurrentCapacity", integer(-3)).levelPercent, 0);
+  EXPECT_EQ(sampleWith("MaxCapacity", integer(200)).levelPercent, 40.5);
+  EXPECT_EQ(sampleWith("IsCharging", true).systemTimeRemainingMinutes, 31);  // 65535 is no time
+  const std::string wrapped =
+      "<plist version=\"1.0\"><array><dict><key>Amperage</key><integer>18446744073709550116</integer>"
+      "<key>Voltage</key><integer>12000</integer></dict></array></plist>";
+  EXPECT_EQ(BatteryStatusCollector::statusFrom(wrapped).dischargeWatts, 18.0);
+}
+
+TEST(BatteryStatusCollector, FailsOnWhatIsNoBattery) {
+  FakeShell shell;
+  shell.reply("/usr/sbin/ioreg", ShellResult{2, "", "no"});
+  const auto exit = thrownBy<ShellRunnerError>([&] { BatteryStatusCollector(shell).collectStatus(); });
+  EXPECT_STREQ(exit.what(), "Command exited with status 2: no");
+  thrownBy<PropertyListError>([] { BatteryStatusCollector::statusFrom(""); });
+  for (const PropertyValue& shape :
+       {PropertyValue(PropertyDictionary{}), PropertyValue(PropertyValue::Array{}),
+        PropertyValue(PropertyValue::Array{integer(1)})}) {
+    const std::string list = platform::encodePropertyList(shape);
+    const auto error = thrownBy<ShellRunnerError>([&] { BatteryStatusCollector::statusFrom(list); });
+    EXPECT_STREQ(error.what(), "Failed to launch command: Unable to parse AppleSmartBattery plist output.");
+  }
+}
+
+TEST(DirectBatteryStatusReader, ResolvesTheLevel) {
+  using Value = std::optional<std::int64_t>;
+  struct Row {
+    Value displayCurrent;
+    Value displayMax;
+    Value rawCurrent;
+    Value rawMax;
+    bool isCharged;
+    double level;
+  };
+  const Row rows[] = {
+      {85, 100, 1, 2, false, 85},   {85, 100, {}, {}, true, 100},   {{}, {}, {}, {}, true, 100},
+      {40, 80, {}, {}, false, 50},  {150, 100, {}, {}, false, 100}, {150, {}, 2000, 4000, false, 50},
+      {60, 0, {}, {}, false, 60},   {-1, 100, 30, 60, false, 50},   {{}, 100, 80, {}, false, 80},
+      {{}, {}, 3000, {}, false, 0}, {{}, {}, 3000, 0, false, 0},    {{}, {}, -5, {}, false, 0},
+      {{}, {}, -5, 100, false, 0},  {{}, {}, {}, 4000, false, 0},   {{}, {}, 5000, 4000, false, 100},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(DirectBatteryStatusReader::resolveLevelPercent(row.displayCurrent, row.displayMax,
+                                                             row.rawCurrent, row.rawMax, row.isCharged),
+              row.level)
+        << ::testing::PrintToString(
+               std::tuple(row.displayCurrent, row.displayMax, row.rawCurrent, row.rawMax));
+  }
+}
+
+class FakeRegistry final : public platform::BatteryRegistry {
+ public:
+  std::optional<PropertyDictionary> batteryProperties() override { return properties; }
+  std::optional<PropertyDictionary> internalBatteryDescription() override { return description; }
+  std::optional<PropertyDictionary> externalAdapterDetails() override { return adapter; }
+
+  std::optional<PropertyDictionary> properties;
+  std::optional<PropertyDictionary> description;
+  std::optional<PropertyDictionary> adapter;
+};
+
+TEST(DirectBatteryStatusReader, JoinsPowerSourceRegistryAndAdapter) {
+  auto registry = std::make_unique<FakeRegistry>();
+  FakeRegistry& source = *registry;
+  DirectBatteryStatusReader reader(std::move(registry));
+  source.description = PropertyDictionary{{"Current Capacity", integer(50)}};
+  EXPECT_EQ(reader.sample(), std::nullopt) << "without the service there is no battery";
+
+  source.properties = battery();
+  source.description =
+      PropertyDictionary{{"Current Capacity", integer(42)},       {"Max Capacity", integer(84)},
+                         {"Power Source State", "Battery Power"}, {"Time to Empty", integer(123)},
+                         {"Time to Full Charge", integer(0)},     {"Is Charged", true}};
+  source.adapter = PropertyDictionary{{"Watts", integer(61)}, {"Name", "61W"}};
+  BatteryStatusSample expected = registrySample();
+  expected.levelPercent = 100;
+  expected.isACPowered = false;
+  expected.systemTimeRemainingMinutes = 123;
+  expected.adapterWatts = 61;
+  expected.adapterName = "61W";
+  EXPECT_EQ(reader.sample(), expected);
+
+  // On the adapter, charging, with nothing known of the connection but the power source's state.
+  source.properties->erase("ExternalConnected");
+  source.properties->erase("FullyCharged");
+  source.properties->insert_or_assign("IsCharging", true);
+  source.description = PropertyDictionary{{"Power Source State", "AC Power"},
+                                          {"Time to Full Charge", integer(-1)},
+                                          {"Time to Empty", integer(9)},
+                                          {"Is Charged", false}};
+  source.adapter.reset();
+  const BatteryStatusSample charging = reader.sample().value();
+  EXPECT_TRUE(charging.externalPowerConnected);
+  EXPECT_EQ(charging.isACPowered, true);
+  EXPECT_EQ(charging.fullyCharged, false);
+  EXPECT_EQ(charging.systemTimeRemainingMinutes, std::nullopt) << "still calculating";
+  EXPECT_EQ(charging.adapterWatts, std::nullopt);
+  EXPECT_EQ(charging.levelPercent, 4000.0 / 4900 * 100);
+}
+
+}  // namespace
+}  // namespace quenzel

@@ -1,0 +1,242 @@
+#include <set>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "MetricsCollectors/LiveAttributionInputBuilder.hpp"
+#include "SharedModels/Runtime/NotificationCentre.hpp"
+#include "SharedModels/Runtime/RuntimeLog.hpp"
+#include "Tests/Support/FakeClock.hpp"
+#include "Tests/Support/FakeShell.hpp"
+#include "Tests/Support/ScopedEnvironment.hpp"
+#include "Tests/Support/SnapshotBuilders.hpp"
+#include "Tests/Support/TemporaryDirectory.hpp"
+
+namespace quenzel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using testing::FakeClock;
+using testing::FakeShell;
+using ::testing::HasSubstr;
+using testing::ScopedEnvironment;
+using testing::TemporaryDirectory;
+
+struct FakePowermetrics final : PowermetricsCollecting {
+  std::optional<PowermetricsParseOutput> output;
+  PowermetricsParseOutput collectNormalizedSample() const override {
+    if (!output) throw PowermetricsCollectorError::commandFailed("gone");
+    return *output;
+  }
+};
+
+struct FakeBattery final : BatteryStatusCollecting {
+  std::optional<BatteryStatusSample> status;
+  BatteryStatusSample collectStatus() const override {
+    if (!status) throw ShellRunnerError::failedToLaunch("no battery");
+    return *status;
+  }
+};
+
+struct FakeWatts final : SMCDisplayPowerReading, SMCUSBPowerReading {
+  std::optional<double> display;
+  std::optional<double> usb;
+  std::optional<double> readDisplayPowerWatts() override { return display; }
+  std::optional<double> readThunderboltLeftPowerWatts() override { return usb; }
+  std::optional<double> readThunderboltRightPowerWatts() override { return std::nullopt; }
+};
+
+PowermetricsProcessRecord record(std::int64_t pid, double cpuW, double gpuW = 0) {
+  return {pid, "record-" + std::to_string(pid), 1, 0, cpuW, gpuW, 0, cpuW + gpuW};
+}
+
+class InputBuilding : public ::testing::Test {
+ protected:
+  AttributionBuildResult build(std::vector<ProcessSample> samples = {},
+                               const SamplingSettings& settings = {}) {
+    return builder_.buildWithMetadata(std::move(samples), {}, SamplingConfig(settings));
+  }
+
+  FakeShell shell_;
+  FakeClock clock_;
+  FakePowermetrics powermetrics_;
+  FakeBattery battery_;
+  FakeWatts watts_;
+  RunningProcessMetadataCache cache_;
+  std::vector<ComponentSpan> spans_;
+  ComponentProfiler profiler_{[this](const ComponentSpan& span) { spans_.push_back(span); }};
+  RunningProcessMetadataLookup lookup_ = [](std::int32_t pid) -> std::optional<RunningProcessMetadata> {
+    if (pid == 30) return RunningProcessMetadata{"/opt/thirty", "/opt/T.app", "org.thirty"};
+    if (pid == 31) return RunningProcessMetadata{{}, "/opt/T.app", {}};
+    return std::nullopt;
+  };
+  ProcessSampler sampler_{
+      shell_, {lookup_, cache_, [](const std::string&) { return false; }, clock_.provider(), profiler_}};
+  DisplayPowerEstimator display_{watts_};
+  USBPowerEstimator usb_{&watts_};
+  LiveAttributionInputBuilder builder_{
+      {sampler_, powermetrics_, display_, usb_, battery_, lookup_, cache_, clock_.provider(), profiler_}};
+  TemporaryDirectory shared_;
+  ScopedEnvironment environment_{
+      {{"QZL_SHARED_DIRECTORY", shared_.path().string()}, {"QZL_LOG_DISABLED", "1"}}};
+};
+
+TEST_F(InputBuilding, MergesRecordsIntoSamplesAndAddsTheRest) {
+  powermetrics_.output =
+      PowermetricsParseOutput{.gpuPackageW = 1,
+                              .combinedPackageW = 6,
+                              .totalTaskCPUmsPerSec = 5,
+                              .processes = {record(12, 0), record(30, 0.02), record(11, 2, 0.5),
+                                            record(31, 0.5), record(32, 0.011), record(33, 0.01)}};
+  const AttributionInput input =
+      build({makeProcessSample(10, "/a", 3), makeProcessSample(11, "/b", 2), makeProcessSample(12, "/c", 1)})
+          .input;
+  ProcessSample merged = makeProcessSample(11, "/b", 2);
+  merged.powermetricsPackageW = 2.5;
+  merged.powermetricsCPUW = 2;
+  merged.powermetricsGPUW = 0.5;
+  merged.powermetricsGPUFallbackAllocated = true;
+  const auto added = [](std::int64_t pid, std::string name, std::optional<std::string> bundleID,
+                        double watts) {
+    ProcessSample sample = makeProcessSample(pid, std::move(name));
+    sample.bundleID = std::move(bundleID);
+    sample.powermetricsPackageW = sample.powermetricsCPUW = watts;
+    sample.powermetricsGPUW = 0;
+    return sample;
+  };
+  EXPECT_THAT(input.processes,
+              ElementsAre(makeProcessSample(10, "/a", 3), merged, makeProcessSample(12, "/c", 1),
+                          added(30, "/opt/thirty", "org.thirty", 0.02), added(31, "/opt/T.app", {}, 0.5),
+                          added(32, "record-32", {}, 0.011)));
+  EXPECT_EQ(input.timestamp, clock_.now());
+}
+
+TEST_F(InputBuilding, ChoosesTheTotalAndItsSource) {
+  using Battery = std::optional<BatteryStatusSample>;
+  const auto battery = [](bool external, bool charging, std::optional<double> discharge) {
+    return Battery{{.isCharging = charging, .externalPowerConnected = external, .dischargeWatts = discharge}};
+  };
+  struct Row {
+    Battery battery;
+    bool configuredOnBattery;
+    std::optional<double> packageW;
+    double total;
+    bool estimated;
+    std::string log;
+  };
+  const Row rows[] = {
+      {battery(true, false, {}), true, 6.0, 8.5, true,
+       "sources isOnBattery=true, powerSource=PM-Package+Components, iokitW=nil, pmCommandOK=true, "
+       "pmParsed=1, "
+       "pmPackage=6.00, totalW=8.50"},
+      {battery(false, true, 4.0),
+       true,
+       {},
+       2.5,
+       true,
+       "sources isOnBattery=true, powerSource=PM-Package+Components, iokitW=4.00, pmCommandOK=false, "
+       "pmParsed=0, "
+       "pmPackage=0.00, totalW=2.50"},
+      {battery(false, false, 11.25), false, 6.0, 11.25, false,
+       "sources isOnBattery=false, powerSource=IOKit, iokitW=11.25, pmCommandOK=true, pmParsed=1, "
+       "pmPackage=6.00, "
+       "totalW=11.25"},
+      {battery(false, false, 0.0), false, 6.0, 0, false, "powerSource=none, iokitW=0.00"},
+      {battery(false, false, {}), true, 6.0, 0, false, "powerSource=none, iokitW=nil"},
+      {std::nullopt, true, 6.0, 0, false, "isOnBattery=true, powerSource=none, iokitW=nil"},
+      {std::nullopt, false, 6.0, 8.5, true, "isOnBattery=false, powerSource=PM-Package+Components"},
+  };
+  environment_.set("QZL_LOG_DISABLED", "0");
+  RuntimeLog::configure(RuntimeLogLevel::info, true);
+  std::string lastInfo;
+  const auto token = NotificationCentre::shared().observe(
+      runtimeLogDidWrite, [&](const auto& userInfo) { lastInfo = userInfo.at("line"); });
+  watts_.display = 2;
+  watts_.usb = 0.5;
+  ::testing::internal::CaptureStderr();
+  for (const Row& row : rows) {
+    battery_.status = row.battery;
+    powermetrics_.output.reset();
+    if (row.packageW) {
+      powermetrics_.output =
+          PowermetricsParseOutput{.combinedPackageW = *row.packageW, .processes = {record(1, 1)}};
+    }
+    SamplingSettings settings;
+    settings.isOnBatteryPower = row.configuredOnBattery;
+    const AttributionBuildResult result = build({}, settings);
+    EXPECT_EQ(result.input.totalDischargeW, row.total) << row.log;
+    EXPECT_EQ(result.metadata.usedEstimatedTotalPower, row.estimated) << row.log;
+    EXPECT_EQ(result.batteryStatus, row.battery);
+    EXPECT_THAT(lastInfo, HasSubstr("[INFO] [InputBuilder] sources "));
+    EXPECT_THAT(lastInfo, HasSubstr(row.log));
+  }
+  ::testing::internal::GetCapturedStderr();
+  RuntimeLog::configure(RuntimeLogLevel::warn, false);
+}
+
+TEST_F(InputBuilding, ReportsWhatItUsed) {
+  EXPECT_EQ(build().metadata, AttributionBuildMetadata{});
+  powermetrics_.output = PowermetricsParseOutput{
+      .anePackageW = 1, .totalSystemWatts = 4, .processes = {record(1, 1), record(2, 0)}};
+  watts_.display = 0.1;
+  EXPECT_EQ(build().metadata, (AttributionBuildMetadata{true, 2, true, true, false, true, false}));
+  powermetrics_.output->totalSystemWatts = 0;
+  EXPECT_FALSE(build().metadata.powermetricsHasSystemPower);
+}
+
+TEST_F(InputBuilding, SamplesTheProcessesItself) {
+  shell_.output("/bin/ps", "10 1 5.0 0 a\n7 0 9.0 0 c\n");
+  const AttributionInput input = builder_.build({{.identifier = "web", .hostShares = {{7, 1.0}}}}, true);
+  EXPECT_EQ(input.processes.size(), 2U);
+  EXPECT_EQ(input.processes.at(0).name, "c");
+  EXPECT_TRUE(input.developerMode);
+  EXPECT_EQ(input.hiddenMappings.at(0).identifier, "web");
+}
+
+TEST_F(InputBuilding, TimesEveryStageUnderOneCorrelation) {
+  powermetrics_.output = PowermetricsParseOutput{.processes = {record(30, 1)}};
+  build({makeProcessSample(1, "x")});
+  std::vector<std::string> components;
+  std::set<std::string> correlations;
+  for (const ComponentSpan& span : spans_) {
+    components.emplace_back(span.component);
+    correlations.insert(span.origin.correlationID);
+  }
+  EXPECT_THAT(components,
+              ElementsAre("daemonInputPowermetrics", "daemonInputProcessMerge", "daemonInputBatteryStatus",
+                          "daemonInputDisplayEstimate", "daemonInputUSBEstimate", "daemonInputBuild"));
+  EXPECT_THAT(correlations, ElementsAre("input-builder-1"));
+  using Context = ComponentProfiler::Context;
+  EXPECT_EQ(spans_[1].context, (Context{{"mergedProcesses", "2"}, {"powermetricsOnly", "1"}}));
+  EXPECT_EQ(spans_[5].context,
+            (Context{{"processSamples", "1"}, {"samplingMode", "background"}, {"mergedProcesses", "2"}}));
+}
+
+TEST_F(InputBuilding, TakesADuplicateRecordForFatal) {
+  powermetrics_.output = PowermetricsParseOutput{.processes = {record(5, 1), record(5, 1)}};
+  EXPECT_DEATH(build(), "Fatal error: powermetrics reported process 5 twice");
+  powermetrics_.output = PowermetricsParseOutput{.processes = {record(4294967296, 1)}};
+  EXPECT_DEATH(build(), "Fatal error: powermetrics reported the process id 4294967296");
+}
+
+TEST_F(InputBuilding, LogsNamesForDebugging) {
+  environment_.set("QZL_LOG_DISABLED", "0");
+  environment_.set("QZL_PROCESS_NAME_DEBUG", "1");
+  RuntimeLog::setMinimumLevel(RuntimeLogLevel::info);
+  powermetrics_.output.emplace();
+  for (std::int64_t pid = 100; pid < 112; ++pid) powermetrics_.output->processes.push_back(record(pid, 1));
+  ::testing::internal::CaptureStderr();
+  build({makeProcessSample(1, "/x"), makeProcessSample(2, "y")});
+  const std::string log = ::testing::internal::GetCapturedStderr();
+  RuntimeLog::setMinimumLevel(RuntimeLogLevel::warn);
+  EXPECT_THAT(log, HasSubstr("name-debug processSamples=2, merged=14, mergedPathless=13, pmOnly=12\n"));
+  EXPECT_THAT(log,
+              HasSubstr("name-debug pathless merged preview: pid=2 name=y | pid=100 name=record-100 | "));
+  EXPECT_THAT(log, HasSubstr("| pid=108 name=record-108\n"));
+  EXPECT_THAT(log, HasSubstr("name-debug pm-only preview: pid=100 name=record-100 pmPackageW=1.00 | "));
+  EXPECT_THAT(log, HasSubstr("| pid=107 name=record-107 pmPackageW=1.00\n"));
+}
+
+}  // namespace
+}  // namespace quenzel

@@ -1,0 +1,267 @@
+#include <set>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "MetricsCollectors/ProcessSampler.hpp"
+#include "MetricsCollectors/RunningProcessMetadataResolver.hpp"
+#include "Tests/Support/FakeClock.hpp"
+#include "Tests/Support/FakeShell.hpp"
+#include "Tests/Support/ScopedEnvironment.hpp"
+#include "Tests/Support/ThrownBy.hpp"
+
+namespace quenzel {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::FakeClock;
+using testing::FakeShell;
+using Metadata = RunningProcessMetadata;
+
+std::vector<std::int64_t> pidsOf(const std::vector<ProcessSample>& samples) {
+  std::vector<std::int64_t> pids;
+  for (const ProcessSample& sample : samples) pids.push_back(sample.pid);
+  return pids;
+}
+
+/// A sampler over texts, with metadata and files of the test's choosing.
+class ProcessSampling : public ::testing::Test {
+ protected:
+  ProcessSampler sampler() {
+    return ProcessSampler(shell_, {[this](std::int32_t pid) {
+                                     lookups_.push_back(pid);
+                                     const auto known = metadata_.find(pid);
+                                     return known == metadata_.end() ? std::nullopt
+                                                                     : std::optional(known->second);
+                                   },
+                                   cache_, [this](const std::string& path) { return files_.contains(path); },
+                                   clock_.provider(), profiler_});
+  }
+
+  FakeShell shell_;
+  FakeClock clock_;
+  RunningProcessMetadataCache cache_;
+  std::map<std::int32_t, Metadata> metadata_;
+  std::set<std::string> files_;
+  std::vector<std::int32_t> lookups_;
+  std::vector<ComponentSpan> spans_;
+  ComponentProfiler profiler_{[this](const ComponentSpan& span) { spans_.push_back(span); }};
+};
+
+TEST(ProcessSampler, ReadsLines) {
+  using PSRow = ProcessSampler::PSRow;
+  struct LineRow {
+    std::string_view line;
+    std::optional<PSRow> row;
+  };
+  const LineRow rows[] = {
+      {"  12   1  0.5  0.1 /sbin/x --flag ", PSRow{12, 1, 0.5, 0.1, "/sbin/x --flag"}},
+      {"12\t1\t0\t.1\tx", PSRow{12, 1, 0, 0.1, "x"}},
+      {"-2 0 1e1 0.0 x", PSRow{-2, 0, 10, 0, "x"}},
+      {"12 1 0.0 0.1", std::nullopt},
+      {"12 1 0.0 0.1  ", std::nullopt},
+      {"x 1 0.0 0.1 name", std::nullopt},
+      {"12 1 - 0.1 name", std::nullopt},
+      {"PID PPID %CPU %MEM COMMAND", std::nullopt},
+      {" ", std::nullopt},
+  };
+  for (const LineRow& row : rows) EXPECT_EQ(ProcessSampler::parsePSLine(row.line), row.row) << row.line;
+}
+
+TEST_F(ProcessSampling, RanksByCPUThenPidWithinTheLimit) {
+  shell_.output("/bin/ps", "10 1 5.0 0 a\r\n3 1 5.0 0 b\u2028 7 0 9.0 0 c\n\nnot a row\n8 1 0.0 0 d\n");
+  EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(2)), (std::vector<std::int64_t>{7, 3}));
+  EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(0)), (std::vector<std::int64_t>{7}));
+  EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(-9)), (std::vector<std::int64_t>{7}));
+  EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(1000)), (std::vector<std::int64_t>{7, 3, 10, 8}));
+  EXPECT_EQ(shell_.calls().at(0),
+            (FakeShell::Call{"/bin/ps", {"-A", "-ww", "-o", "pid=,ppid=,%cpu=,%mem=,command="}}));
+}
+
+TEST_F(ProcessSampling, BuildsTheTreeWithOneLookupAProcess) {
+  metadata_[7] = {"/opt/c", {}, "org.c"};
+  shell_.output("/bin/ps", "10 1 5.0 0 a\n7 0 9.0 0 c\n");
+  const ProcessSamplingSnapshot snapshot = sampler().sampleProcessTree(1);
+  EXPECT_EQ(pidsOf(snapshot.allProcesses), (std::vector<std::int64_t>{10, 7}));
+  EXPECT_THAT(snapshot.sampledProcesses, ElementsAre(snapshot.allProcesses.at(1)));
+  EXPECT_EQ(snapshot.sampledProcesses.at(0),
+            (ProcessSample{.pid = 7, .name = "/opt/c", .bundleID = "org.c", .cpuPercent = 9}));
+  EXPECT_EQ(snapshot.allProcesses.at(0).parentPID, 1);
+  EXPECT_THAT(lookups_, ElementsAre(10, 7));
+  ASSERT_EQ(spans_.size(), 1U);
+  EXPECT_EQ(spans_[0].component, "daemonSampleProcessSampler");
+  EXPECT_EQ(spans_[0].context,
+            (ComponentProfiler::Context{{"stage", "parse"}, {"limit", "1"}, {"includeAll", "1"}}));
+}
+
+TEST_F(ProcessSampling, LooksUpOnlyWhatItReturns) {
+  shell_.output("/bin/ps", "1 0 0.1 0 a\n2 1 0.2 0 b\n3 1 0.3 0 c\n");
+  sampler().sampleTopProcesses(1);
+  EXPECT_THAT(lookups_, ElementsAre(3));
+}
+
+TEST_F(ProcessSampling, PassesFailuresOn) {
+  shell_.reply("/bin/ps", ShellRunnerError::timedOut("ps", 4))
+      .reply("/bin/ps", ShellResult{1, "12 1 0 0 x\n", "bad"});
+  EXPECT_EQ(thrownBy<ShellRunnerError>([&] { sampler().sampleTopProcesses(5); }).kind(),
+            ShellRunnerError::Kind::timedOut);
+  const auto error = thrownBy<ShellRunnerError>([&] { sampler().sampleTopProcesses(5); });
+  EXPECT_EQ(error.result(), (ShellResult{1, "12 1 0 0 x\n", "bad"}));
+}
+
+TEST_F(ProcessSampling, TakesImpossibleListsForFatal) {
+  shell_.output("/bin/ps", "7 1 0 0 a\n7 1 0 0 b\n");
+  EXPECT_EQ(sampler().sampleTopProcesses(5).size(), 2U);  // only the tree needs pids to be unique
+  EXPECT_DEATH(sampler().sampleProcessTree(5), "Fatal error: ps listed process 7 twice");
+  FakeShell huge;
+  huge.output("/bin/ps", "4294967296 1 0 0 a\n");
+  const ProcessSampler ofHugePid(huge);
+  EXPECT_DEATH(ofHugePid.sampleTopProcesses(5), "Fatal error: ps listed the process id 4294967296");
+}
+
+TEST_F(ProcessSampling, ResolvesNames) {
+  files_ = {"/Applications/My Tool.app/Contents/MacOS/My Tool", "/opt/a b/c", "/bin/tool", "/opt"};
+  struct NameRow {
+    std::string_view commandLine;
+    std::optional<Metadata> metadata;
+    std::string name;
+  };
+  const NameRow rows[] = {
+      {"/bin/tool -x", Metadata{" /usr/bin/real ", {}, {}}, " /usr/bin/real "},
+      {"/bin/tool -x", Metadata{{}, "/Applications/B.app", {}}, "/Applications/B.app"},
+      {"/bin/tool -x", Metadata{"  ", "/Applications/B.app", {}}, "/bin/tool"},
+      {"/bin/tool -x", Metadata{{}, {}, "org.b"}, "/bin/tool"},
+      {"/Applications/My Tool.app/Contents/MacOS/My Tool --flag",
+       {},
+       "/Applications/My Tool.app/Contents/MacOS/My Tool"},
+      {"\"/opt/a b/c\" -x", {}, "/opt/a b/c"},
+      {"launchd", {}, "launchd"},
+      {"sshd: user [priv]", {}, "sshd: user [priv]"},
+      {"/gone/tool  -x", {}, "/gone/tool  -x"},
+  };
+  for (const NameRow& row : rows) {
+    EXPECT_EQ(sampler().resolveProcessName(row.commandLine, row.metadata), row.name);
+  }
+  struct TokenRow {
+    std::string_view commandLine;
+    std::optional<std::string> token;
+  };
+  const TokenRow tokens[] = {
+      {" a b", "a"},      {"", std::nullopt},           {"\"\" x", std::nullopt},
+      {"'a b' c", "a b"}, {"\"a\\\"b\\\\c", "a\"b\\c"}, {"'a\"b'", "a\"b"},
+  };
+  for (const TokenRow& row : tokens) EXPECT_EQ(ProcessSampler::executableToken(row.commandLine), row.token);
+}
+
+class FakeProcesses final : public platform::RunningProcesses {
+ public:
+  struct State {
+    std::optional<std::string> executablePath;
+    std::optional<platform::RunningApplication> application;
+    std::map<std::string, std::string> bundles;
+    int bundleReads = 0;
+  };
+  explicit FakeProcesses(State& state) : state_(state) {}
+  std::optional<std::string> executablePath(std::int32_t) override { return state_.executablePath; }
+  std::optional<platform::RunningApplication> runningApplication(std::int32_t) override {
+    return state_.application;
+  }
+  std::optional<std::string> bundleIdentifier(const std::string& path) override {
+    ++state_.bundleReads;
+    const auto known = state_.bundles.find(path);
+    return known == state_.bundles.end() ? std::nullopt : std::optional(known->second);
+  }
+
+ private:
+  State& state_;
+};
+
+TEST(RunningProcessMetadata, IsResolvedFromPathBundleAndRecord) {
+  using Application = platform::RunningApplication;
+  struct ResolveRow {
+    FakeProcesses::State state;
+    std::optional<Metadata> metadata;
+  };
+  const ResolveRow rows[] = {
+      {{}, std::nullopt},
+      {{"/usr/libexec/bar", {}, {}}, Metadata{"/usr/libexec/bar", {}, {}}},
+      {{"/A/F.app/x", {}, {{"/A/F.app", "org.f"}}}, Metadata{"/A/F.app/x", "/A/F.app", "org.f"}},
+      {{"/A/F.app/x", Application{"/A/G.app", "org.g"}, {}}, Metadata{"/A/F.app/x", "/A/F.app", "org.g"}},
+      {{"/A/F.app/x", Application{"/A/G.app", {}}, {{"/A/G.app", "org.g"}}},
+       Metadata{"/A/F.app/x", "/A/F.app", {}}},
+      {{{}, Application{"/A/G.app", {}}, {{"/A/G.app", "org.g"}}}, Metadata{{}, "/A/G.app", "org.g"}},
+      {{"/bin/x", Application{{}, "org.x"}, {}}, Metadata{"/bin/x", {}, "org.x"}},
+      {{{}, Application{}, {}}, std::nullopt},
+  };
+  for (const ResolveRow& row : rows) {
+    FakeProcesses::State state = row.state;
+    RunningProcessMetadataResolver resolver(std::make_unique<FakeProcesses>(state));
+    EXPECT_EQ(resolver.resolve(7), row.metadata) << state.executablePath.value_or("(no path)");
+    resolver.resolve(7);
+    EXPECT_LE(state.bundleReads, 1) << "a bundle is read once";
+  }
+  using Resolver = RunningProcessMetadataResolver;
+  EXPECT_EQ(Resolver::bundlePath("/A/Foo.APP/Contents/MacOS/Foo"), "/A/Foo.APP");
+  EXPECT_EQ(Resolver::bundlePath("/A/Foo.app/XPCServices/S.xpc/S"), "/A/Foo.app");
+  EXPECT_EQ(Resolver::bundlePath("/S.xpc/A.App/x"), "/S.xpc/A.App");
+  EXPECT_EQ(Resolver::bundlePath("/L/S.XPC/S"), "/L/S.XPC");
+  EXPECT_EQ(Resolver::bundlePath("/A/Foo.app"), "/A/Foo.app");
+  EXPECT_EQ(Resolver::bundlePath("/A/Foo.APP"), std::nullopt);  // at the end only in lower case
+}
+
+TEST(RunningProcessMetadataCache, KeepsHitsLongerThanMisses) {
+  RunningProcessMetadataCache cache;
+  FakeClock clock;
+  int lookups = 0;
+  std::optional<Metadata> answer;
+  const auto resolve = [&] {
+    return cache.resolve(7, clock.now(), [&](std::int32_t) {
+      ++lookups;
+      return answer;
+    });
+  };
+  EXPECT_EQ(resolve(), std::nullopt);
+  clock.advance(15);
+  answer = Metadata{"/bin/x", {}, {}};
+  EXPECT_EQ(resolve(), std::nullopt);
+  clock.advance(0.001);
+  EXPECT_EQ(resolve(), answer);
+  clock.advance(120);
+  EXPECT_EQ(resolve(), answer);
+  EXPECT_EQ(lookups, 2);
+  clock.advance(0.001);
+  resolve();
+  EXPECT_EQ(lookups, 3);
+}
+
+TEST(RunningProcessMetadataCache, PrunesOldEntriesAndKeepsTheNewest) {
+  RunningProcessMetadataCache cache;
+  FakeClock clock;
+  const auto miss = [](std::int32_t) { return std::optional<Metadata>(); };
+  const auto fill = [&](std::int32_t from, std::int32_t to) {
+    for (std::int32_t pid = from; pid < to; ++pid) cache.resolve(pid, clock.now(), miss);
+  };
+  fill(0, 63);
+  clock.advance(120.5);
+  EXPECT_EQ(cache.size(), 63U);
+  fill(63, 64);  // the 64th look-up prunes
+  EXPECT_EQ(cache.size(), 1U);
+  for (std::int32_t pid = 1000; pid < 6000; ++pid) {
+    clock.advance(0.001);
+    fill(pid, pid + 1);
+  }
+  EXPECT_EQ(cache.size(), 4096U);
+  int lookups = 0;
+  const auto counting = [&](std::int32_t) {
+    ++lookups;
+    return std::optional<Metadata>();
+  };
+  cache.resolve(5999, clock.now(), counting);
+  cache.resolve(6000 - 4096, clock.now(), counting);
+  EXPECT_EQ(lookups, 0) << "the newest stayed";
+  cache.resolve(6000 - 4097, clock.now(), counting);
+  EXPECT_EQ(lookups, 1) << "the oldest went";
+}
+
+}  // namespace
+}  // namespace quenzel
