@@ -166,6 +166,7 @@ PowermetricsParser::RunningTasks PowermetricsParser::parseRunningTasks(const Lin
   auto line = std::find_if(lines.begin(), lines.end(), isTitle);
   if (line == lines.end()) return tasks;
 
+  tasks.rows.reserve(static_cast<std::size_t>(lines.end() - line));
   std::optional<TaskColumns> columns;
   for (++line; line != lines.end(); ++line) {
     const std::string_view text = trimmedLeft(*line);

@@ -63,11 +63,13 @@ std::string estimateLine(double watts, bool available) {
   return available ? fmt::format("{:.2f} W", watts) : std::string("not available");
 }
 
-/// Most watts first, those without last; then by CPU and pid.
+/// Processes that draw or compute something, most watts first, those without last; then by CPU and pid.
 std::vector<const ProcessSample*> ranked(const std::vector<ProcessSample>& processes, std::size_t count) {
   std::vector<const ProcessSample*> rows;
   rows.reserve(processes.size());
-  for (const ProcessSample& process : processes) rows.push_back(&process);
+  for (const ProcessSample& process : processes) {
+    if (process.powermetricsPackageW || process.cpuPercent > 0) rows.push_back(&process);
+  }
   const auto key = [](const ProcessSample* row) {
     return std::tuple(-row->powermetricsPackageW.value_or(-1), -row->cpuPercent, row->pid);
   };
@@ -118,6 +120,8 @@ std::string processTable(const SamplingCycleResult& result, const SampleReportLa
         layout.width && *layout.width > figures.size() + 8 ? *layout.width - figures.size() : 0;
     table += figures + (room > 0 ? endOf(name, room) : name) + '\n';
   }
+  const std::size_t others = result.build.input.processes.size() - rows.size();
+  if (others > 0) table += fmt::format("{:>8}  other processes, at rest or below these\n", others);
   return table;
 }
 

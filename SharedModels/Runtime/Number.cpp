@@ -17,6 +17,8 @@ namespace {
 constexpr double powersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                                   1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 constexpr std::uint64_t largestExactMantissa = std::uint64_t{1} << 53;
+/// That many digits fit 64 bits whatever they are.
+constexpr std::size_t mostPlainDigits = 18;
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -30,32 +32,33 @@ std::size_t digitsLength(std::string_view text) {
   return length;
 }
 
+/// Appends the leading digits to the number and returns how many there are.
+std::size_t takeDigits(std::string_view text, std::uint64_t& number) {
+  std::size_t length = 0;
+  for (; length < text.size() && isDigit(text[length]); ++length) {
+    number = number * 10 + static_cast<std::uint64_t>(text[length] - '0');
+  }
+  return length;
+}
+
 /// Plain decimals of few digits, which is what tools print: a mantissa and a power of ten that are both exact
 /// doubles divide to the correctly rounded result (W. D. Clinger, How to Read Floating Point Numbers
 /// Accurately, 1990).
 std::optional<double> parsePlainDecimal(std::string_view text) {
-  std::size_t index = signLength(text);
-  const bool negative = index == 1 && text.front() == '-';
-  if (text.size() - index > 18) return std::nullopt;
+  const std::size_t sign = signLength(text);
+  const std::string_view number = text.substr(sign);
+  if (number.empty() || number.size() > mostPlainDigits) return std::nullopt;
   std::uint64_t mantissa = 0;
-  std::size_t digits = 0;
-  std::size_t fractionDigits = 0;
-  bool inFraction = false;
-  for (; index < text.size(); ++index) {
-    const char c = text[index];
-    if (isDigit(c)) {
-      mantissa = mantissa * 10 + static_cast<std::uint64_t>(c - '0');
-      ++digits;
-      if (inFraction) ++fractionDigits;
-    } else if (c == '.' && !inFraction) {
-      inFraction = true;
-    } else {
-      return std::nullopt;
-    }
+  const std::size_t whole = takeDigits(number, mantissa);
+  std::size_t fraction = 0;
+  if (whole < number.size()) {
+    if (number[whole] != '.') return std::nullopt;
+    fraction = takeDigits(number.substr(whole + 1), mantissa);
+    if (whole + 1 + fraction != number.size() || whole + fraction == 0) return std::nullopt;
   }
-  if (digits == 0 || mantissa > largestExactMantissa) return std::nullopt;
-  const double value = static_cast<double>(mantissa) / powersOfTen[fractionDigits];
-  return negative ? -value : value;
+  if (mantissa > largestExactMantissa) return std::nullopt;
+  const double value = static_cast<double>(mantissa) / powersOfTen[fraction];
+  return sign == 1 && text.front() == '-' ? -value : value;
 }
 
 locale_t cLocale() {
@@ -78,6 +81,10 @@ std::optional<double> parseDouble(std::string_view text) {
 }
 
 std::optional<std::int64_t> parseInteger(std::string_view text) {
+  if (!text.empty() && text.size() <= mostPlainDigits) {
+    std::uint64_t number = 0;
+    if (takeDigits(text, number) == text.size()) return static_cast<std::int64_t>(number);
+  }
   if (!text.empty() && text.front() == '+') {
     text.remove_prefix(1);
     if (signLength(text) == 1) return std::nullopt;

@@ -1,0 +1,235 @@
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "QuenzelMonitor/CommandLine.hpp"
+#include "QuenzelMonitor/SampleReport.hpp"
+#include "SharedModels/Runtime/JSONCoding.hpp"
+#include "Tests/Support/ScopedEnvironment.hpp"
+#include "Tests/Support/SnapshotBuilders.hpp"
+#include "Tests/Support/TemporaryDirectory.hpp"
+
+namespace quenzel {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+using testing::ScopedEnvironment;
+using ::testing::StartsWith;
+using testing::TemporaryDirectory;
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+Outcome quenzelWith(std::vector<const char*> arguments, const std::string& input = "") {
+  arguments.insert(arguments.begin(), "quenzel");
+  std::istringstream in(input);
+  std::ostringstream out;
+  std::ostringstream err;
+  const int status = runCommandLine(static_cast<int>(arguments.size()), arguments.data(), {in, out, err});
+  return {status, out.str(), err.str()};
+}
+
+/// Keeps the log and everything else of these tests inside a folder of their own.
+class Monitor : public ::testing::Test {
+ protected:
+  TemporaryDirectory folder_;
+  ScopedEnvironment environment_{{{"QZL_SHARED_DIRECTORY", folder_.path().string()},
+                                  {"QZL_SOCKET_DIRECTORY", folder_.path().string()},
+                                  {"QZL_LOG_DISABLED", "1"},
+                                  {"QZL_TOOL_ROOT", QUENZEL_TOOL_DIRECTORY}}};
+};
+
+TEST_F(Monitor, InspectsEveryStage) {
+  struct Row {
+    std::vector<const char*> stage;
+    std::string input;
+    std::string output;
+  };
+  const Row rows[] = {
+      {{"powermetrics"},
+       "CPU Power: 2 W\n*** Running tasks ***\nName     ID CPU ms/s GPU ms/s\n  a       7 4.0      0\n",
+       R"({"cpuPackageW":2.0,"gpuPackageW":0.0,"anePackageW":0.0,"combinedPackageW":2.0,"totalTaskCPUmsPerSec":4.0,
+           "totalTaskGPUmsPerSec":0.0,"processes":[{"pid":7,"name":"a","cpuMsPerSec":4.0,"gpuMsPerSec":0.0,
+           "cpuPackageW":2.0,"gpuPackageW":0.0,"anePackageW":0.0,"packageW":2.0}],"hasPackagePower":true,
+           "resolvedCPUAttributionDenominator":4.0,"gpuPackageAllocatedByCPUShare":false})"},
+      {{"ps", "--limit", "1", "--tree"},
+       "7 1 0.5 0 /bin/sh -c x\n8 0 2.5 0 b\n",
+       R"({"sampledProcesses":[{"pid":8,"name":"b","powermetricsGPUFallbackAllocated":false,"residentMemoryBytes":0,
+           "cpuPercent":2.5,"cpuTimeDeltaNs":0,"samplingIntervalMs":0.0,"gpuTimeMs":0.0,"diskReadBytes":0.0,
+           "diskWriteBytes":0.0,"networkSentBytes":0.0,"networkRecvBytes":0.0}],
+           "allProcesses":[{"pid":7,"parentPID":1,"name":"/bin/sh -c x","powermetricsGPUFallbackAllocated":false,
+           "residentMemoryBytes":0,"cpuPercent":0.5,"cpuTimeDeltaNs":0,"samplingIntervalMs":0.0,"gpuTimeMs":0.0,
+           "diskReadBytes":0.0,"diskWriteBytes":0.0,"networkSentBytes":0.0,"networkRecvBytes":0.0},
+           {"pid":8,"name":"b","powermetricsGPUFallbackAllocated":false,"residentMemoryBytes":0,"cpuPercent":2.5,
+           "cpuTimeDeltaNs":0,"samplingIntervalMs":0.0,"gpuTimeMs":0.0,"diskReadBytes":0.0,"diskWriteBytes":0.0,
+           "networkSentBytes":0.0,"networkRecvBytes":0.0}]})"},
+      {{"battery"},
+       "<plist "
+       "version=\"1.0\"><array><dict><key>CurrentCapacity</key><integer>50</integer><key>MaxCapacity</key>"
+       "<integer>100</integer></dict></array></plist>",
+       R"({"levelPercent":50.0,"isCharging":false,"externalPowerConnected":false,"maxCapacityMah":100,
+           "currentCapacityMah":50})"},
+      {{"battery-level"},
+       R"([{"displayCurrentCapacity":85,"displayMaxCapacity":100,"isCharged":false},{"isCharged":true},
+           {"rawCurrentCapacityMah":1,"rawMaxCapacityMah":4,"displayCurrentCapacity":null,"isCharged":false}])",
+       "[85.0,100.0,25.0]"},
+      {{"pmset"}, "System:\r LowPowerMode   2\n lowpowermode 1\n", R"({"lowPowerMode":true})"},
+      {{"smc"}, R"([{"type":"sp78","bytes":[26,128,0,0]},{"type":"ch8*","bytes":[1,2,3,4]}])", "[26.5,null]"},
+      {{"cpu-load"},
+       R"({"logicalCPUCount":0,"readings":[{"now":1,"ticks":[0,0,0,4294967295]},{"now":2,"ticks":null},
+           {"now":5,"ticks":[30,10,50,9]}]})",
+       R"([{"busyFraction":0.0,"logicalCPUCount":1,"intervalSeconds":0.0},
+           {"busyFraction":0.0,"logicalCPUCount":1,"intervalSeconds":0.0},
+           {"busyFraction":0.5,"logicalCPUCount":1,"intervalSeconds":4.0}])"},
+      {{"system-power"},
+       R"({"startDate":100,"readings":[{"now":110,"watts":36},{"now":120,"watts":null}]})",
+       R"([{"instantaneousW":36.0,"averageW":36.0,"totalConsumptionWh":0.1,"available":true,"preferredVisibleW":36.0},
+           {"instantaneousW":36.0,"averageW":36.0,"totalConsumptionWh":0.1,"available":false,
+           "preferredVisibleW":36.0}])"},
+      {{"discharge-estimate"}, "[[],[1000],[-50]]", "[2.4,65.0,2.4]"},
+      {{"config"},
+       R"({"samplingMode":"burst","powermetricsIntervalSec":4})",
+       R"({"minIntervalSec":5,"maxIntervalSec":30,"developerMode":false,"samplingMode":"burst",
+           "backgroundIntervalSec":20,"interactiveIntervalSec":8,"burstIntervalSec":8,"powermetricsIntervalSec":4,
+           "hiddenRefreshIntervalSec":300,"usbRefreshIntervalSec":300,"isOnBatteryPower":true,"activeIntervalSec":8,
+           "powermetricsCacheTTLSeconds":4})"},
+  };
+  for (const Row& row : rows) {
+    std::vector<const char*> arguments = row.stage;
+    arguments.insert(arguments.begin(), "inspect");
+    const Outcome outcome = quenzelWith(arguments, row.input);
+    EXPECT_EQ(outcome.status, exitSuccess) << row.stage.front() << ": " << outcome.err;
+    EXPECT_EQ(nlohmann::json::parse(outcome.out), nlohmann::json::parse(row.output)) << row.stage.front();
+  }
+  const std::string snapshot = encodeJSON(encodeDrainSnapshot(makeSnapshot(0, 0.1)));
+  const auto judged = nlohmann::json::parse(quenzelWith({"inspect", "snapshot"}, snapshot).out);
+  EXPECT_EQ(judged["snapshot"], nlohmann::json::parse(snapshot));
+  EXPECT_EQ(judged["decision"], "insufficientTotalPower");
+  EXPECT_EQ(judged["rejectionReason"], "total power was not high enough to publish");
+}
+
+TEST_F(Monitor, AnswersBadInputWithOneLine) {
+  struct Row {
+    std::vector<const char*> arguments;
+    std::string input;
+    int status;
+    std::string complaint;
+  };
+  const Row rows[] = {
+      {{}, "", exitUsage, "a command is required"},
+      {{"inspect"}, "", exitUsage, "is required"},
+      {{"inspect", "nothing"}, "", exitUsage, "nothing"},
+      {{"frobnicate"}, "", exitUsage, "frobnicate"},
+      {{"daemon", "low-power", "maybe"}, "", exitUsage, "maybe"},
+      {{"daemon", "terminate", "1x"}, "", exitUsage, "1x"},
+      {{"sample", "--watch", "0"}, "", exitUsage, "0"},
+      {{"sample", "--count", "2"}, "", exitUsage, "--watch"},
+      {{"inspect", "pmset", "/nowhere/file"},
+       "",
+       exitFailure,
+       "can't read /nowhere/file: No such file or directory"},
+      {{"inspect", "pmset", "/tmp"}, "", exitFailure, "can't read /tmp: it is a folder"},
+      {{"inspect", "pmset"},
+       "",
+       exitFailure,
+       "Failed to launch command: Unable to determine lowpowermode state from pmset output."},
+      {{"inspect", "ps", "--tree"}, "7 1 0 0 a\n7 1 0 0 b\n", exitFailure, "process 7 is listed twice"},
+      {{"inspect", "ps"}, "99999999999 1 0 0 a\n", exitFailure, "the process id 99999999999 is out of range"},
+      {{"inspect", "smc"}, R"([{"type":"ui8","bytes":[1,2,3]}])", exitFailure, "[0].bytes"},
+      {{"inspect", "smc"}, R"([{"type":"ui8","bytes":[1,2,3,256]}])", exitFailure, "[0].bytes[3]"},
+      {{"inspect", "cpu-load"},
+       R"({"logicalCPUCount":1,"readings":[{"now":1}]})",
+       exitFailure,
+       "readings[0].ticks"},
+      {{"inspect", "config"}, R"({"samplingMode":"turbo"})", exitFailure, "samplingMode"},
+      {{"inspect", "snapshot"}, "{", exitFailure, ""},
+      {{"inspect", "powermetrics"}, "CPU Power: " + std::string(400, '9') + " W", exitFailure, "cpuPackageW"},
+      {{"daemon", "ping"}, "", exitFailure, "com.quenzel.metricsd.sock"},
+  };
+  for (const Row& row : rows) {
+    const Outcome outcome = quenzelWith(row.arguments, row.input);
+    EXPECT_EQ(outcome.status, row.status) << row.complaint;
+    EXPECT_EQ(outcome.out, "") << row.complaint;
+    EXPECT_THAT(outcome.err, AllOf(StartsWith("quenzel: "), HasSubstr(row.complaint)));
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
+  }
+  EXPECT_EQ(quenzelWith({"--help"}).status, exitSuccess);
+  EXPECT_THAT(quenzelWith({"sample", "--help"}).out, HasSubstr("--watch"));
+}
+
+TEST_F(Monitor, SamplesThisMachineThroughTheStandInTools) {
+  environment_.set("QZL_MODEL_HARDWARE", "1");
+  const Outcome outcome = quenzelWith({"sample", "--json"});
+  ASSERT_EQ(outcome.status, exitSuccess) << outcome.err;
+  const auto json = nlohmann::json::parse(outcome.out);
+  EXPECT_GT(json["input"]["processes"].size(), 1U);
+  EXPECT_TRUE(json["metadata"]["powermetricsCommandOK"]);
+  EXPECT_TRUE(json["metadata"]["powermetricsHasPackagePower"]) << "measured, or modelled where it can't be";
+  EXPECT_GT(json["input"]["totalDischargeW"], 0.0);
+}
+
+TEST_F(Monitor, SaysWhatIsMissingAndWhy) {
+  environment_.set("QZL_MODEL_HARDWARE", std::nullopt);
+  environment_.set("QZL_TOOL_ROOT", folder_ / "tools");
+  std::filesystem::permissions(
+      folder_.write("tools/usr/bin/powermetrics", "#!/bin/sh\necho broken >&2\nexit 3\n"),
+      std::filesystem::perms::owner_all);
+  std::filesystem::permissions(folder_.write("tools/usr/sbin/ioreg", "#!/bin/sh\nexit 4\n"),
+                               std::filesystem::perms::owner_all);
+  const Outcome outcome = quenzelWith({"sample", "--watch", "0.1", "--count", "2", "--top", "3"});
+  EXPECT_EQ(outcome.status, exitSuccess);
+  EXPECT_THAT(outcome.out, HasSubstr("  powermetrics: powermetrics command failed: broken\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("  battery: Command exited with status 4: "));
+  EXPECT_THAT(outcome.out, HasSubstr("unknown: no source reports any power"));
+  EXPECT_THAT(outcome.out, Not(HasSubstr("odelled")));
+  const std::string title = "Quenzel at ";
+  EXPECT_NE(outcome.out.find(title, outcome.out.find(title) + 1), std::string::npos)
+      << "two cycles, two reports";
+}
+
+TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
+  SamplingCycleResult result;
+  result.build.input.totalDischargeW = 11.25;
+  result.build.input.screenModelW = 2;
+  result.build.metadata.screenModelAvailable = true;
+  result.build.metadata.powermetricsParsedProcessCount = 2;
+  ProcessSample heavy = makeProcessSample(7, "/opt/a/very/long/path/to/an/executable\x1b[31m", 3);
+  heavy.powermetricsPackageW = 1.5;
+  heavy.powermetricsGPUFallbackAllocated = true;
+  result.build.input.processes = {makeProcessSample(9, "idle"), makeProcessSample(8, "b\u00FCsy", 55), heavy};
+  result.build.batteryStatus = BatteryStatusSample{
+      .levelPercent = 81.5, .remainingWh = 50, .systemTimeRemainingMinutes = 247, .dischargeWatts = 11.25};
+  result.unavailable = {{"USB power", "no reading"}};
+  result.modelled = {.battery = false, .powerCounters = true};
+  EXPECT_EQ(
+      sampleReport(result, {.topProcesses = 5, .width = 80}),
+      "Quenzel at 2001-01-01T00:00:00Z\n"
+      "  Power      on battery\n"
+      "  Battery    81.5 %, discharging at 11.25 W, 50.0 Wh left, 4 h 07 min to empty\n"
+      "  Total      11.25 W, measured by the battery (source IOKit)\n"
+      "  Display    2.00 W\n"
+      "  USB        not available\n"
+      "  Processes  3 seen, 2 with powermetrics records\n"
+      "\n"
+      "     PID   CPU %     WATTS  WATTS FROM                                NAME\n"
+      "       7     3.0     1.500  powermetrics, GPU by CPU share, modelled  \u2026able?[31m\n"
+      "       8    55.0         -  ps only                                   b\u00FCsy\n"
+      "       1  other processes, at rest or below these\n"
+      "\n"
+      "Not available:\n"
+      "  USB power: no reading\n"
+      "\n"
+      "Modelled, not measured: the power counters. This machine has no such hardware, and a model was asked "
+      "for.\n");
+}
+
+}  // namespace
+}  // namespace quenzel
