@@ -9,7 +9,7 @@
 namespace quenzel::platform {
 
 // What the two ends of a peer-to-peer D-Bus connection share, on sd-bus(3). The wire is the D-Bus
-// specification's (https://dbus.freedesktop.org/doc/dbus-specification.html): a SASL exchange of lines, then
+// protocol of freedesktop.org (version 0.36 and later): a SASL exchange of lines, then
 // messages. No bus daemon takes part, so there are no names and no Hello.
 
 inline constexpr const char* busObjectPath = "/com/quenzel/BatteryMetrics";
