@@ -31,8 +31,8 @@ std::optional<std::int64_t> firstMinutes(const PropertyDictionary& properties,
   return std::nullopt;
 }
 
-/// Where the battery does not say whether it is charging, its current does.
-bool isCharging(const PropertyDictionary& properties, const BatteryStatusSample& sample) {
+/// Which times apply; where the battery does not say whether it is charging, its current does.
+bool fills(const PropertyDictionary& properties, const BatteryStatusSample& sample) {
   return boolValue(properties, "IsCharging").value_or(sample.amperageMa.value_or(0) > 0);
 }
 
@@ -64,14 +64,14 @@ BatteryStatusSample BatteryStatusCollector::statusFrom(std::string_view property
 
   BatteryStatusSample sample = batteryStatusFromRegistry(*properties);
   sample.levelPercent = levelPercent(*properties);
-  sample.isCharging = isCharging(*properties, sample);
   sample.externalPowerConnected = boolValue(*properties, "ExternalConnected").value_or(false);
   if (const auto* adapter = dictionaryValue(*properties, "AdapterDetails")) {
     sample.adapterWatts = intValue(*adapter, "Watts");
     sample.adapterName = stringValue(*adapter, "Name");
   }
-  sample.systemTimeRemainingMinutes = sample.isCharging ? firstMinutes(*properties, timeKeysWhileCharging)
-                                                        : firstMinutes(*properties, timeKeysOtherwise);
+  sample.systemTimeRemainingMinutes = fills(*properties, sample)
+                                          ? firstMinutes(*properties, timeKeysWhileCharging)
+                                          : firstMinutes(*properties, timeKeysOtherwise);
   return sample;
 }
 

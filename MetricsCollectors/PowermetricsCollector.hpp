@@ -40,7 +40,8 @@ class PowermetricsCollecting {
 /// root, and rejects an answer without any power figure or task.
 ///
 /// For diagnosis the raw exchange is appended to a dump file while QZL_PM_RAW_DUMP is "1" or
-/// /tmp/qzl-powermetrics-debug.flag exists: to QZL_PM_RAW_DUMP_PATH, else /tmp/qzl-powermetrics-raw.log.
+/// /tmp/qzl-powermetrics-debug.flag exists: to QZL_PM_RAW_DUMP_PATH, else /tmp/qzl-powermetrics-raw.log,
+/// which must not be a symbolic link.
 ///
 /// Immutable. A call blocks for as long as the tool runs, bounded by the runner's time-out.
 class PowermetricsCollector final : public PowermetricsCollecting {

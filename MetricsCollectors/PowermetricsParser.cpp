@@ -105,7 +105,8 @@ std::optional<double> PowermetricsParser::powerValue(std::string_view line, std:
   // which RE2's own \s and \b are not; so they are spelled out. What stands before the match does not matter,
   // so neither do the colon and the blanks behind the label.
   static const RE2 pattern(
-      R"(([0-9]+(?:\.[0-9]+)?)[\t\n\v\f\r\x{85}\pZ]*([muMkK]?W)(?:[^\pL\pM\p{Nd}\p{Pc}]|$))", RE2::Quiet);
+      R"(([0-9]+(?:\.[0-9]+)?)[\t\n\v\f\r\x{85}\pZ]*([muMkK]?W)(?:[^\pL\pM\p{Nd}\p{Nl}\p{Pc}\x{200C}\x{200D}\x{24B6}-\x{24E9}]|$))",
+      RE2::Quiet);
   re2::StringPiece number;
   re2::StringPiece unit;
   const std::string_view rest = line.substr(label.size());

@@ -26,6 +26,8 @@ constexpr std::size_t typicalLineLength = 32;
 constexpr std::size_t mostReservedRows = 512;
 /// No system opens a longer path (PATH_MAX of Linux; macOS allows 1024).
 constexpr std::size_t longestPath = 4096;
+/// Nor a longer name in a folder (NAME_MAX of both); what exceeds it need not be looked for.
+constexpr std::size_t longestFileName = 255;
 
 /// Busier first, then the smaller pid.
 bool ranksBefore(const PSRow& row, const PSRow& other) {
@@ -219,17 +221,20 @@ std::optional<std::string> ProcessSampler::resolvedCommandPath(std::string_view 
   if (!text.starts_with('/')) return std::nullopt;
   // A path with blanks in it looks like a command with arguments: the longest run of words that exists is the
   // path.
-  std::string words;
+  std::string path;
   std::vector<std::size_t> wordEnds;
-  for (const std::string_view word : splitWhitespace(text)) {
-    if (!words.empty()) words += ' ';
-    words += word;
-    if (words.size() > longestPath) break;
-    wordEnds.push_back(words.size());
+  for (std::string_view rest = text; path.size() <= longestPath;) {
+    const std::string_view word = firstWord(rest);
+    if (word.empty()) break;
+    rest.remove_prefix(static_cast<std::size_t>(word.data() + word.size() - rest.data()));
+    if (!path.empty()) path += ' ';
+    path += word;
+    wordEnds.push_back(path.size());
   }
   for (auto end = wordEnds.rbegin(); end != wordEnds.rend(); ++end) {
-    std::string path = words.substr(0, *end);
-    if (surroundings_.fileExists(path)) return path;
+    path.resize(*end);
+    const bool tooLong = path.size() > longestPath || lastPathComponent(path).size() > longestFileName;
+    if (!tooLong && surroundings_.fileExists(path)) return path;
   }
   return std::nullopt;
 }

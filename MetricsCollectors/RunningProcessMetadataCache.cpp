@@ -42,13 +42,20 @@ std::size_t RunningProcessMetadataCache::size() const {
 void RunningProcessMetadataCache::pruneEntries(PointInTime now) {
   std::erase_if(entries_, [&](const auto& item) { return now - item.second.resolvedAt > hitTTLSeconds; });
   if (entries_.size() <= maxEntries) return;
-  std::vector<std::pair<std::int32_t, PointInTime>> newestFirst;
-  newestFirst.reserve(entries_.size());
-  for (const auto& [pid, entry] : entries_) newestFirst.emplace_back(pid, entry.resolvedAt);
-  std::stable_sort(newestFirst.begin(), newestFirst.end(),
-                   [](const auto& a, const auto& b) { return a.second > b.second; });
-  for (std::size_t index = maxEntries; index < newestFirst.size(); ++index)
-    entries_.erase(newestFirst[index].first);
+  const std::size_t excess = entries_.size() - maxEntries;
+  if (excess == 1) {  // what one look-up beyond the limit leaves: no list is needed to find the oldest
+    entries_.erase(
+        std::min_element(entries_.begin(), entries_.end(), [](const auto& left, const auto& right) {
+          return left.second.resolvedAt < right.second.resolvedAt;
+        }));
+    return;
+  }
+  std::vector<std::pair<PointInTime, std::int32_t>> byAge;
+  byAge.reserve(entries_.size());
+  for (const auto& [pid, entry] : entries_) byAge.emplace_back(entry.resolvedAt, pid);
+  const auto firstKept = byAge.begin() + static_cast<std::ptrdiff_t>(excess);
+  std::nth_element(byAge.begin(), firstKept, byAge.end());
+  for (auto oldest = byAge.begin(); oldest != firstKept; ++oldest) entries_.erase(oldest->second);
 }
 
 }  // namespace quenzel

@@ -16,6 +16,13 @@ std::optional<std::size_t> findIgnoringCase(std::string_view text, std::string_v
   return std::nullopt;
 }
 
+/// A path on disk may be any bytes; what is handed on is text.
+void repairTexts(RunningProcessMetadata& metadata) {
+  for (auto* text : {&metadata.executablePath, &metadata.bundlePath, &metadata.bundleID}) {
+    if (*text) *text = repairedUTF8(std::move(**text));
+  }
+}
+
 }  // namespace
 
 RunningProcessMetadataResolver::RunningProcessMetadataResolver(
@@ -40,6 +47,13 @@ std::optional<std::string> RunningProcessMetadataResolver::bundlePath(const std:
 }
 
 std::optional<RunningProcessMetadata> RunningProcessMetadataResolver::resolve(std::int32_t pid) {
+  RunningProcessMetadata metadata = lookUp(pid);
+  if (metadata == RunningProcessMetadata{}) return std::nullopt;
+  repairTexts(metadata);
+  return metadata;
+}
+
+RunningProcessMetadata RunningProcessMetadataResolver::lookUp(std::int32_t pid) {
   RunningProcessMetadata metadata;
   metadata.executablePath = processes_->executablePath(pid);
   if (metadata.executablePath) metadata.bundlePath = bundlePath(*metadata.executablePath);
@@ -52,7 +66,6 @@ std::optional<RunningProcessMetadata> RunningProcessMetadataResolver::resolve(st
   if (!metadata.bundleID && metadata.bundlePath) {
     metadata.bundleID = bundleIdentifierCache_.bundleIdentifier(*metadata.bundlePath);
   }
-  if (metadata == RunningProcessMetadata{}) return std::nullopt;
   return metadata;
 }
 

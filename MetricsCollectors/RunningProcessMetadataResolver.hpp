@@ -20,7 +20,7 @@ class RunningProcessMetadataResolver {
   /// The resolver over this system's processes.
   static RunningProcessMetadataResolver& shared();
 
-  /// None when nothing at all is known of the process.
+  /// None when nothing at all is known of the process. The texts are valid UTF-8.
   std::optional<RunningProcessMetadata> resolve(std::int32_t pid);
 
   /// The ".app" or ".xpc" bundle that a path is or lies in. An XPC service inside an application belongs to
@@ -28,6 +28,8 @@ class RunningProcessMetadataResolver {
   static std::optional<std::string> bundlePath(const std::string& executablePath);
 
  private:
+  RunningProcessMetadata lookUp(std::int32_t pid);
+
   std::unique_ptr<platform::RunningProcesses> processes_;
   BundleIdentifierCache bundleIdentifierCache_;
 };

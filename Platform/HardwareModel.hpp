@@ -7,7 +7,9 @@ namespace quenzel::platform {
 struct ModelledHardware {
   bool battery = false;
   bool powerCounters = false;
+  bool lowPowerMode = false;  ///< the setting is kept by the model and changes nothing about the machine
 
+  /// Whether power figures are modelled; the setting is none.
   bool any() const { return battery || powerCounters; }
   bool operator==(const ModelledHardware&) const = default;
 };

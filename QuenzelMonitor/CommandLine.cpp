@@ -10,6 +10,7 @@
 #include "QuenzelMonitor/DaemonCommand.hpp"
 #include "QuenzelMonitor/InspectCommand.hpp"
 #include "QuenzelMonitor/SampleCommand.hpp"
+#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 
@@ -25,9 +26,10 @@ int runCommandLine(int argumentCount, const char* const* arguments, Console cons
     app.parse(argumentCount, arguments);
     if (!command) throw CLI::RequiredError("a command");
   } catch (const CLI::Success& request) {  // help or version
-    return app.exit(request, console.out, console.err);
+    const int status = app.exit(request, console.out, console.err);
+    return console.out.flush() ? status : exitFailure;
   } catch (const CLI::Error& error) {
-    console.err << "quenzel: " << error.what() << " (see --help)\n";
+    console.err << "quenzel: " << printableLine(error.what()) << " (see --help)\n";
     return exitUsage;
   }
   try {
@@ -36,7 +38,7 @@ int runCommandLine(int argumentCount, const char* const* arguments, Console cons
     if (!console.out) throw CommandError("can't write the output");
     return status;
   } catch (const std::exception& error) {
-    console.err << "quenzel: " << error.what() << '\n';
+    reportError(error, console);
     return exitFailure;
   }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <iosfwd>
 #include <stdexcept>
 #include <string>
@@ -23,6 +24,9 @@ class CommandError final : public std::runtime_error {
 inline constexpr int exitSuccess = 0;
 inline constexpr int exitFailure = 1;
 inline constexpr int exitUsage = 2;
+
+/// Tells the user of a failure, in one line whatever its text holds.
+void reportError(const std::exception& error, Console& console);
 
 /// The whole content of a file, or of the console's input for "-" or no name.
 /// @throws CommandError when it can't be read

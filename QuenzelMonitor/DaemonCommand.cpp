@@ -1,6 +1,7 @@
 #include "QuenzelMonitor/DaemonCommand.hpp"
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -10,7 +11,9 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "Platform/HardwareModel.hpp"
 #include "Platform/RequestTransport.hpp"
+#include "QuenzelMonitor/Arguments.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 
@@ -32,15 +35,23 @@ RequestReply ask(const Request& request) {
   return std::get<RequestReply>(std::move(result));
 }
 
-/// Asks the daemon and prints its reply: its own message, or `done` for a success without one.
-int report(const Request& request, const std::string& done, bool json, Console& console) {
-  const RequestReply reply = ask(request);
+/// What to ask, and what to say of a success that comes without a message.
+struct Question {
+  Request request;
+  std::string done;
+  bool modelled = false;  ///< whether a success changes a model only
+};
+
+/// Asks the daemon and prints its reply.
+int report(const Question& question, bool json, Console& console) {
+  const RequestReply reply = ask(question.request);
   if (json) {
     nlohmann::ordered_json document = {{"success", reply.success}};
     if (reply.message) document["message"] = *reply.message;
+    if (question.modelled) document["modelled"] = true;
     console.out << encodeJSON(document) << '\n';
   } else if (reply.success) {
-    console.out << reply.message.value_or(done) << '\n';
+    console.out << reply.message.value_or(question.done) << '\n';
   } else {
     throw CommandError(reply.message.value_or("the daemon refused and gave no reason"));
   }
@@ -57,35 +68,32 @@ void addDaemonCommand(CLI::App& app, std::function<int()>& command, Console& con
     CLI::App* request = daemon->add_subcommand(name, description);
     request->add_flag("--json", *json, "print the reply as JSON");
     request->callback([&command, &console, json, makeRequest] {
-      command = [&console, json, makeRequest] {
-        const auto [question, done] = makeRequest();
-        return report(question, done, *json, console);
-      };
+      command = [&console, json, makeRequest] { return report(makeRequest(), *json, console); };
     });
     return request;
   };
 
   addRequest("ping", "Is it there?", [] {
-    return std::pair<Request, std::string>([](RequestClient& client) { return client.ping(); },
-                                           "The daemon answers.");
+    return Question{[](RequestClient& client) { return client.ping(); }, "The daemon answers."};
   });
 
   const auto state = std::make_shared<std::string>();
   CLI::App* lowPower = addRequest("low-power", "Switch Low Power Mode", [state] {
     const bool enabled = *state == "on";
-    return std::pair<Request, std::string>(
-        [enabled](RequestClient& client) { return client.setLowPowerMode(enabled); },
-        "Low Power Mode is " + *state + ".");
+    const bool modelled = platform::modelledHardware().lowPowerMode;
+    return Question{[enabled](RequestClient& client) { return client.setLowPowerMode(enabled); },
+                    fmt::format("Low Power Mode is {}{}.", *state, modelled ? " (modelled)" : ""), modelled};
   });
   lowPower->add_option("STATE", *state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
 
-  const auto pid = std::make_shared<std::int32_t>(0);
+  const auto pid = std::make_shared<std::int64_t>(0);
   CLI::App* terminate = addRequest("terminate", "End one process", [pid] {
-    return std::pair<Request, std::string>(
-        [number = *pid](RequestClient& client) { return client.terminateProcess(number); },
-        fmt::format("Process {} has ended.", *pid));
+    const auto number = static_cast<std::int32_t>(*pid);
+    return Question{[number](RequestClient& client) { return client.terminateProcess(number); },
+                    fmt::format("Process {} has ended.", number)};
   });
-  terminate->add_option("PID", *pid, "its process id")->required();
+  using PIDRange = std::numeric_limits<std::int32_t>;
+  addIntegerOption(*terminate, "PID", *pid, PIDRange::min(), PIDRange::max(), "its process id")->required();
 }
 
 }  // namespace quenzel

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Environment.hpp"
+#include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/InspectStages.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 
@@ -61,8 +62,8 @@ void addInspectCommand(CLI::App& app, std::function<int()>& command, Console& co
   const auto options = std::make_shared<PSInspection>();
   const auto ps = [options](std::string_view input) { return inspectPS(input, *options); };
   CLI::App* psApp = addStage(*inspect, "ps", "text of ps in the sampler's form", ps, command, console);
-  psApp->add_option("--limit", options->limit, "how many of the busiest processes to keep")
-      ->capture_default_str();
+  addIntegerOption(*psApp, "--limit", options->limit, -anyCount, anyCount,
+                   "how many of the busiest processes to keep (1000)");
   psApp->add_flag("--tree", options->tree, "list every process as well");
   psApp->add_flag("--resolve", options->resolve, "look processes and paths up on this machine");
 }

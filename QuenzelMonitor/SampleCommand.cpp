@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "MetricsCollectors/DefaultShellRunner.hpp"
+#include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/SampleReport.hpp"
 #include "QuenzelMonitor/SamplingCycle.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
@@ -22,9 +23,9 @@ namespace {
 
 struct SampleOptions {
   bool json = false;
-  std::size_t top = 15;
-  std::optional<double> watchSeconds;
-  std::optional<std::uint64_t> count;
+  std::int64_t top = 15;
+  double watchSeconds = 0;  ///< 0: one cycle only
+  std::int64_t count = 0;   ///< 0: until interrupted
 };
 
 /// Columns of the terminal that the output goes to, if it goes to one.
@@ -37,10 +38,10 @@ std::optional<std::size_t> terminalWidth(const Console& console) {
 
 void print(const SamplingCycleResult& result, const SampleOptions& options, Console& console) {
   if (!options.json) {
-    console.out << sampleReport(result, {options.top, terminalWidth(console)});
+    console.out << sampleReport(result, {static_cast<std::size_t>(options.top), terminalWidth(console)});
   } else {
     // One document a line while repeating, so that a reader can take them apart.
-    const JSONStyle style = options.watchSeconds ? JSONStyle::compact : JSONStyle::pretty;
+    const JSONStyle style = options.watchSeconds > 0 ? JSONStyle::compact : JSONStyle::pretty;
     console.out << encodeJSON(encodeSample(result), style) << '\n';
   }
   console.out.flush();
@@ -51,10 +52,10 @@ void print(const SamplingCycleResult& result, const SampleOptions& options, Cons
 int watch(SamplingCycle& cycle, const SampleOptions& options, Console& console) {
   using Clock = std::chrono::steady_clock;
   const auto interval =
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*options.watchSeconds));
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options.watchSeconds));
   int status = exitSuccess;
   auto next = Clock::now();
-  for (std::uint64_t done = 0; !options.count || done < *options.count; ++done) {
+  for (std::int64_t done = 0; options.count == 0 || done < options.count; ++done) {
     if (done > 0) {
       next = std::max(next + interval, Clock::now());
       std::this_thread::sleep_until(next);
@@ -64,7 +65,10 @@ int watch(SamplingCycle& cycle, const SampleOptions& options, Console& console) 
       print(cycle.run(), options, console);
       status = exitSuccess;
     } catch (const ShellRunnerError& error) {
-      console.err << "quenzel: " << error.what() << std::endl;
+      reportError(error, console);
+      status = exitFailure;
+    } catch (const JSONCodingError& error) {
+      reportError(error, console);
       status = exitFailure;
     }
     if (!console.out) throw CommandError("can't write the output");
@@ -75,7 +79,7 @@ int watch(SamplingCycle& cycle, const SampleOptions& options, Console& console) 
 int sample(const SampleOptions& options, Console& console) {
   const DefaultShellRunner shell;
   SamplingCycle cycle(shell);
-  if (options.watchSeconds) return watch(cycle, options, console);
+  if (options.watchSeconds > 0) return watch(cycle, options, console);
   print(cycle.run(), options, console);
   return exitSuccess;
 }
@@ -87,13 +91,12 @@ void addSampleCommand(CLI::App& app, std::function<int()>& command, Console& con
   const auto options = std::make_shared<SampleOptions>();
   constexpr double longestWatchSeconds = 7 * 24 * 3600;
   sampleApp->add_flag("--json", options->json, "print input, metadata and battery status as JSON");
-  sampleApp->add_option("--top", options->top, "how many processes to list")->capture_default_str();
-  auto* watchOption =
-      sampleApp->add_option("--watch", options->watchSeconds, "repeat every SECONDS until interrupted");
-  watchOption->type_name("SECONDS")->check(CLI::Range(0.1, longestWatchSeconds));
-  sampleApp->add_option("--count", options->count, "with --watch: stop after that many cycles")
-      ->needs(watchOption)
-      ->check(CLI::PositiveNumber);
+  addIntegerOption(*sampleApp, "--top", options->top, 0, anyCount, "how many processes to list (15)");
+  auto* watchOption = addNumberOption(*sampleApp, "--watch", options->watchSeconds, 0.1, longestWatchSeconds,
+                                      "repeat every so many seconds until interrupted");
+  addIntegerOption(*sampleApp, "--count", options->count, 1, anyCount,
+                   "with --watch: stop after that many cycles")
+      ->needs(watchOption);
   sampleApp->callback(
       [&command, &console, options] { command = [&console, options] { return sample(*options, console); }; });
 }

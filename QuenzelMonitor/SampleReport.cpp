@@ -28,35 +28,49 @@ std::string batteryActivity(const BatteryStatusSample& battery) {
   return battery.fullyCharged.value_or(false) ? "full" : "neither charging nor discharging";
 }
 
+/// Minutes of 0 stand for a time that does not apply; a battery that is neither filled nor drained has none.
+std::string timeLeft(const BatteryStatusSample& battery) {
+  const std::int64_t minutes = battery.systemTimeRemainingMinutes.value_or(0);
+  if (minutes < 1 || (!battery.isCharging && !battery.dischargeWatts)) return "";
+  return fmt::format(", {} to {}", hoursAndMinutes(minutes), battery.isCharging ? "full" : "empty");
+}
+
 std::string batteryLine(const SamplingCycleResult& result) {
   const auto& battery = result.build.batteryStatus;
-  if (!battery) return "none";
+  if (!battery) return result.hasBattery ? "could not be read" : "none";
   std::string line = fmt::format("{:.1f} %, {}", battery->levelPercent, batteryActivity(*battery));
   if (battery->remainingWh) line += fmt::format(", {:.1f} Wh left", *battery->remainingWh);
-  if (const auto minutes = battery->systemTimeRemainingMinutes) {
-    line += fmt::format(", {} to {}", hoursAndMinutes(*minutes), battery->isCharging ? "full" : "empty");
-  }
-  return line.append(mark(result.modelled.battery));
+  return line.append(timeLeft(*battery)).append(mark(result.modelled.battery));
 }
 
 std::string powerSituation(const SamplingCycleResult& result) {
+  if (!result.hasBattery && !result.build.batteryStatus) return "external power (the machine has no battery)";
+  std::string line = result.onBattery ? "on battery" : "external power";
   const auto& battery = result.build.batteryStatus;
-  if (!battery) return "no battery: running on external power";
-  const bool external = battery->externalPowerConnected || battery->isCharging;
-  std::string line = external ? "external power" : "on battery";
-  if (battery->adapterWatts) line += fmt::format(", {} W adapter", *battery->adapterWatts);
+  if (battery && battery->adapterWatts) line += fmt::format(", {} W adapter", *battery->adapterWatts);
   return line.append(mark(result.modelled.battery));
+}
+
+/// The components that a total on external power is made of.
+std::string addedUp(const AttributionBuildMetadata& metadata) {
+  std::string parts = metadata.powermetricsHasPackagePower ? "package" : "";
+  for (const auto& [counts, part] :
+       {std::pair(metadata.screenModelAvailable, "display"), std::pair(metadata.usbModelAvailable, "USB")}) {
+    if (counts) parts += fmt::format("{}{}", parts.empty() ? "" : " + ", part);
+  }
+  return parts + " power";
 }
 
 std::string totalLine(const SamplingCycleResult& result) {
   const std::string_view source = totalPowerSource(result.build);
-  if (result.build.input.totalDischargeW <= 0)
-    return fmt::format("unknown: no source reports any power (source {})", source);
-  const bool measured = source == "IOKit";
-  const bool modelled = measured ? result.modelled.battery : result.modelled.powerCounters;
+  if (source == "none") return "unknown: the battery reports no discharge (source none)";
+  if (result.build.input.totalDischargeW <= 0) {
+    return fmt::format("unknown: no component reports its power (source {})", source);
+  }
+  const bool byBattery = source == "IOKit";
   return fmt::format("{:.2f} W, {} (source {}){}", result.build.input.totalDischargeW,
-                     measured ? "measured by the battery" : "package, display and USB added up", source,
-                     mark(modelled));
+                     byBattery ? "reported by the battery" : addedUp(result.build.metadata), source,
+                     mark(byBattery ? result.modelled.battery : result.modelled.powerCounters));
 }
 
 std::string estimateLine(double watts, bool available) {
@@ -93,14 +107,6 @@ std::string endOf(std::string_view text, std::size_t width) {
   return "…" + std::string(text.substr(graphemeOffset(text, length - width + 1)));
 }
 
-/// Control characters of a process's name have no business on the terminal.
-std::string printable(std::string_view text) {
-  std::string clean(text);
-  std::replace_if(
-      clean.begin(), clean.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-  return clean;
-}
-
 std::string processTable(const SamplingCycleResult& result, const SampleReportLayout& layout) {
   const auto rows = ranked(result.build.input.processes, layout.topProcesses);
   std::size_t sourceWidth = 12;
@@ -115,7 +121,7 @@ std::string processTable(const SamplingCycleResult& result, const SampleReportLa
     const std::string figures =
         fmt::format("{:>8}  {:>6.1f}  {:>8}  {:<{}}  ", row->pid, row->cpuPercent, watts,
                     wattsSource(*row, result.modelled.powerCounters), sourceWidth);
-    const std::string name = printable(row->name);
+    const std::string name = printableLine(row->name);
     const std::size_t room =
         layout.width && *layout.width > figures.size() + 8 ? *layout.width - figures.size() : 0;
     table += figures + (room > 0 ? endOf(name, room) : name) + '\n';
@@ -147,19 +153,21 @@ std::string sampleReport(const SamplingCycleResult& result, const SampleReportLa
       "  Total      {}\n"
       "  Display    {}\n"
       "  USB        {}\n"
-      "  Processes  {} seen, {} with powermetrics records\n\n",
+      "  Processes  {} sampled; powermetrics lists {}\n\n",
       iso8601Text(input.timestamp), powerSituation(result), batteryLine(result), totalLine(result),
       estimateLine(input.screenModelW, metadata.screenModelAvailable),
       estimateLine(input.usbModelW, metadata.usbModelAvailable), input.processes.size(),
       metadata.powermetricsParsedProcessCount);
   report += processTable(result, layout);
+  report += "CPU % is what ps reports: on Linux the average over the process's whole life.\n";
   if (!result.unavailable.empty()) report += "\nNot available:\n";
   for (const UnavailableSource& missing : result.unavailable) {
-    report += fmt::format("  {}: {}\n", missing.source, missing.reason);
+    report += fmt::format("  {}: {}\n", missing.source, printableLine(missing.reason));
   }
   if (result.modelled.any()) {
     report += fmt::format(
-        "\nModelled, not measured: {}{}{}. This machine has no such hardware, and a model was asked for.\n",
+        "\nModelled, not measured: {}{}{}. The machine has none that can be read, and a model was asked "
+        "for.\n",
         result.modelled.battery ? "the battery" : "",
         result.modelled.battery && result.modelled.powerCounters ? " and " : "",
         result.modelled.powerCounters ? "the power counters" : "");

@@ -3,31 +3,29 @@
 #include <exception>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include "MetricsCollectors/RunningProcessMetadataResolver.hpp"
+#include "SharedModels/Runtime/RuntimeLog.hpp"
 
 namespace quenzel {
 namespace {
 
 using UnavailableSources = std::vector<UnavailableSource>;
 
-/// Calls the collector and passes its result or its failure on, noting the failure for the report: the
-/// builder goes on without the source, and the user should know why.
-template <typename Collect>
-auto noting(UnavailableSources& unavailable, const char* source, Collect collect) {
-  try {
-    return collect();
-  } catch (const std::exception& error) {
-    unavailable.push_back({source, error.what()});
-    throw;
-  }
-}
+// The builder goes on without a source that fails; these note why it failed, for the report.
 
 class NotingPowermetricsCollector final : public PowermetricsCollecting {
  public:
   NotingPowermetricsCollector(const ShellRunning& shell, UnavailableSources& unavailable)
       : collector_(shell), unavailable_(unavailable) {}
   PowermetricsParseOutput collectNormalizedSample() const override {
-    return noting(unavailable_, "powermetrics", [&] { return collector_.collectNormalizedSample(); });
+    try {
+      return collector_.collectNormalizedSample();
+    } catch (const std::exception& error) {
+      unavailable_.push_back({"powermetrics", error.what()});
+      throw;
+    }
   }
 
  private:
@@ -37,26 +35,40 @@ class NotingPowermetricsCollector final : public PowermetricsCollecting {
 
 class NotingBatteryCollector final : public BatteryStatusCollecting {
  public:
-  NotingBatteryCollector(const ShellRunning& shell, UnavailableSources& unavailable)
-      : collector_(shell), unavailable_(unavailable) {}
+  NotingBatteryCollector(const ShellRunning& shell, UnavailableSources& unavailable, bool hasBattery)
+      : collector_(shell), unavailable_(unavailable), hasBattery_(hasBattery) {}
   BatteryStatusSample collectStatus() const override {
-    return noting(unavailable_, "battery", [&] { return collector_.collectStatus(); });
+    try {
+      return collector_.collectStatus();
+    } catch (const std::exception& error) {
+      unavailable_.push_back({"battery", hasBattery_ ? error.what() : "this machine has none"});
+      throw;
+    }
   }
 
  private:
   BatteryStatusCollector collector_;
   UnavailableSources& unavailable_;
+  bool hasBattery_;
 };
+
+/// The log's own lines have no room for a mark on each figure.
+void logModelled(const platform::ModelledHardware& modelled) {
+  if (!modelled.any()) return;
+  RuntimeLog::info("SamplingCycle", fmt::format("the figures of this cycle are modelled, not measured:{}{}",
+                                                modelled.battery ? " battery" : "",
+                                                modelled.powerCounters ? " power counters" : ""));
+}
 
 void noteSilentSources(const AttributionBuildMetadata& metadata, UnavailableSources& unavailable) {
   if (metadata.powermetricsCommandOK && !metadata.powermetricsHasPackagePower) {
     unavailable.push_back({"package power", "powermetrics reports no CPU, GPU or ANE power on this machine"});
   }
   if (!metadata.screenModelAvailable) {
-    unavailable.push_back({"display power", "the System Management Controller gives no reading"});
+    unavailable.push_back({"display power", "the System Management Controller gives no reading above 0 W"});
   }
   if (!metadata.usbModelAvailable) {
-    unavailable.push_back({"USB power", "the System Management Controller gives no reading"});
+    unavailable.push_back({"USB power", "the System Management Controller gives no reading above 0 W"});
   }
 }
 
@@ -65,28 +77,28 @@ void noteSilentSources(const AttributionBuildMetadata& metadata, UnavailableSour
 SamplingCycle::SamplingCycle(const ShellRunning& shell)
     : shell_(shell), processSampler_(shell), directBattery_(platform::makeBatteryRegistry()) {}
 
-/// A machine without a battery runs on its supply, whatever the configuration's default says.
-SamplingConfig SamplingCycle::currentConfig() {
-  const auto battery = directBattery_.sample();
-  SamplingSettings settings;
-  settings.isOnBatteryPower = battery && !battery->externalPowerConnected && !battery->isCharging;
-  return SamplingConfig(settings);
-}
-
 SamplingCycleResult SamplingCycle::run() {
   SamplingCycleResult result;
+  result.modelled = platform::modelledHardware();
+  logModelled(result.modelled);
+  const auto directReading = directBattery_.sample();
+  result.hasBattery = directReading.has_value();
+  // A machine without a battery runs on its supply, whatever the configuration's default says.
+  result.onBattery = directReading && !directReading->externalPowerConnected && !directReading->isCharging;
+
   const NotingPowermetricsCollector powermetrics(shell_, result.unavailable);
-  const NotingBatteryCollector battery(shell_, result.unavailable);
+  const NotingBatteryCollector battery(shell_, result.unavailable, result.hasBattery);
   const DisplayPowerEstimator display(smc_);
   const USBPowerEstimator usb(&smc_);
   const LiveAttributionInputBuilder builder(
       {processSampler_, powermetrics, display, usb, battery,
        [](std::int32_t pid) { return RunningProcessMetadataResolver::shared().resolve(pid); },
        RunningProcessMetadataCache::shared(), now, ComponentProfiler::shared()});
+  SamplingSettings settings;
+  settings.isOnBatteryPower = result.onBattery;
   result.build = builder.buildWithMetadata(
       processSampler_.sampleTopProcesses(LiveAttributionInputBuilder::processSampleLimit), {},
-      currentConfig());
-  result.modelled = platform::modelledHardware();
+      SamplingConfig(settings));
   noteSilentSources(result.build.metadata, result.unavailable);
   return result;
 }

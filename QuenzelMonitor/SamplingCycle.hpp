@@ -22,6 +22,8 @@ struct UnavailableSource {
 /// What one sampling cycle found out.
 struct SamplingCycleResult {
   AttributionBuildResult build;
+  bool hasBattery = false;  ///< whether the machine has one, read or not
+  bool onBattery = false;   ///< as the power sources say, whether or not the battery could be read in full
   std::vector<UnavailableSource> unavailable;
   platform::ModelledHardware modelled;  ///< hardware whose figures are modelled, not measured
 };
@@ -37,8 +39,6 @@ class SamplingCycle {
   SamplingCycleResult run();
 
  private:
-  SamplingConfig currentConfig();
-
   const ShellRunning& shell_;
   ProcessSampler processSampler_;
   SMCReader smc_;

@@ -43,7 +43,8 @@ class DictionaryWriter {
     if (value) entries_.insert_or_assign(key, PropertyValue(*value));
   }
   void setRounded(const char* key, std::optional<double> value) {
-    if (value) set(key, std::optional<std::int64_t>(std::llround(*value)));
+    // What only a driver's nonsense can come to is left out; it would not fit an integer.
+    if (value && std::abs(*value) <= 1e12) set(key, std::optional<std::int64_t>(std::llround(*value)));
   }
   PropertyDictionary take() { return std::move(entries_); }
 
@@ -62,12 +63,17 @@ std::optional<PropertyDictionary> adapterDetails(const std::vector<ExternalSuppl
   return std::nullopt;
 }
 
+/// The level is told in percent; without one there is nothing to compare.
+std::optional<std::int64_t> fullLevel(const BatteryReading& battery) {
+  return battery.levelPercent ? std::optional<std::int64_t>(100) : std::nullopt;
+}
+
 PropertyDictionary registryProperties(const PowerReading& power) {
   const BatteryReading& battery = *power.battery;
   const bool charging = battery.state == BatteryState::charging;
   DictionaryWriter properties;
   properties.set("CurrentCapacity", battery.levelPercent);
-  properties.set("MaxCapacity", std::optional<std::int64_t>(100));
+  properties.set("MaxCapacity", fullLevel(battery));
   properties.setRounded("AppleRawCurrentCapacity", battery.chargeMah);
   properties.setRounded("AppleRawMaxCapacity", battery.fullChargeMah);
   properties.setRounded("DesignCapacity", battery.designChargeMah);
@@ -96,7 +102,7 @@ PropertyDictionary powerSourceDescription(const PowerReading& power) {
   DictionaryWriter description;
   description.set("Type", std::optional<std::string>("InternalBattery"));
   description.set("Current Capacity", battery.levelPercent);
-  description.set("Max Capacity", std::optional<std::int64_t>(100));
+  description.set("Max Capacity", fullLevel(battery));
   description.set("Is Charging", std::optional(charging));
   // As the original: said only where it can be true, that is on outside power and not charging.
   if (external == true && !charging) {

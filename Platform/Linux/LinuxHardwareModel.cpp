@@ -1,5 +1,6 @@
 #include "Platform/HardwareModel.hpp"
 #include "Platform/Linux/LinuxSettings.hpp"
+#include "Platform/Linux/PlatformProfile.hpp"
 #include "Platform/Linux/PowerSupplies.hpp"
 #include "Platform/Linux/RaplZones.hpp"
 
@@ -8,7 +9,8 @@ namespace quenzel::platform {
 ModelledHardware modelledHardware() {
   if (!modelsHardware()) return {};
   return {.battery = readPowerSupplies(sysfsRoot()).batteries.empty(),
-          .powerCounters = readRaplZones(sysfsRoot()).empty()};
+          .powerCounters = readRaplZones(sysfsRoot()).empty(),
+          .lowPowerMode = !lowPowerProfile(sysfsRoot())};
 }
 
 }  // namespace quenzel::platform

@@ -1,5 +1,8 @@
+#include <algorithm>
+
 #include "Platform/HostCPUTicks.hpp"
 #include "Platform/Linux/ProcessorTimes.hpp"
+#include "Platform/Mutex.hpp"
 
 namespace quenzel::platform {
 namespace {
@@ -9,14 +12,31 @@ class LinuxHostCPUTicks final : public HostCPUTicks {
   std::optional<CPUTicks> read() override {
     const std::optional<ProcessorTimes> times = processorTimes();
     if (!times) return std::nullopt;
-    return CPUTicks{.user = modulo32(times->user),
-                    .system = modulo32(times->system + times->irq + times->softIRQ + times->steal),
-                    .idle = modulo32(times->idle + times->ioWait),
-                    .nice = modulo32(times->nice)};
+    const MutexLock guard(lock_);
+    return CPUTicks{
+        .user = risen(highest_.user, times->user),
+        .system = risen(highest_.system, times->system + times->irq + times->softIRQ + times->steal),
+        .idle = risen(highest_.idle, times->idle + times->ioWait),
+        .nice = risen(highest_.nice, times->nice)};
   }
 
  private:
-  static std::uint32_t modulo32(std::uint64_t ticks) { return static_cast<std::uint32_t>(ticks); }
+  struct Counters {
+    std::uint64_t user = 0;
+    std::uint64_t system = 0;
+    std::uint64_t idle = 0;
+    std::uint64_t nice = 0;
+  };
+
+  /// The counter modulo 2^32. The kernel's may step back (proc(5) says so of the time that waits for input
+  /// and output); then it stands still here, since whoever subtracts would take the step for a wrap.
+  static std::uint32_t risen(std::uint64_t& highest, std::uint64_t ticks) {
+    highest = std::max(highest, ticks);
+    return static_cast<std::uint32_t>(highest);
+  }
+
+  Mutex lock_;
+  Counters highest_ GUARDED_BY(lock_);
 };
 
 }  // namespace

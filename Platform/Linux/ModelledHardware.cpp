@@ -1,13 +1,13 @@
 #include "Platform/Linux/ModelledHardware.hpp"
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <utility>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -21,35 +21,39 @@
 #include "Platform/Linux/ProcessorTimes.hpp"
 #include "Platform/PropertyList.hpp"
 #include "Platform/Settings.hpp"
+#include "Platform/SharedDirectory.hpp"
 
 namespace quenzel::platform {
 namespace {
 
 // The daemon runs as root and the monitor as a user; whoever comes first must not lock the other out.
-constexpr mode_t sharedFolderMode = 0777;
 constexpr mode_t sharedFileMode = 0666;
+
+// Saving takes a moment; but any user can lock the file, and keep it locked.
+constexpr std::chrono::seconds lockPatience{1};
+constexpr std::chrono::milliseconds lockRetryInterval{20};
 
 std::string stateFolder() { return sharedDirectory() + "/Quenzel"; }
 std::string stateFile() { return stateFolder() + "/modelled-hardware.plist"; }
 std::string lockFile() { return stateFolder() + "/modelled-hardware.lock"; }
 
-void makeStateFolder() {
-  std::error_code failure;  // shows when the lock file can't be opened
-  if (std::filesystem::create_directories(stateFolder(), failure)) {
-    ::chmod(stateFolder().c_str(), sharedFolderMode);
-  }
+/// The file that whoever saves the state locks; closing it gives the lock back.
+FileDescriptor openLockFile() {
+  createSharedDataDirectory(stateFolder());  // a failure shows here
+  constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
+  FileDescriptor created(::open(lockFile().c_str(), flags | O_CREAT | O_EXCL, sharedFileMode));
+  if (!created.valid()) return FileDescriptor(::open(lockFile().c_str(), flags));
+  ::fchmod(created.get(), sharedFileMode);  // whatever the umask
+  return created;
 }
 
-/// The held lock, none when it can't be had. Closing the file gives it back.
-FileDescriptor lockState(int operation) {
-  makeStateFolder();
-  FileDescriptor file(::open(lockFile().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, sharedFileMode));
-  if (!file.valid()) return {};
-  ::fchmod(file.get(),
-           sharedFileMode);  // whatever the umask; fails for a file of somebody else, who did it already
-  int result = ::flock(file.get(), operation);
-  while (result < 0 && errno == EINTR) result = ::flock(file.get(), operation);
-  return result == 0 ? std::move(file) : FileDescriptor();
+bool lockWithin(std::chrono::milliseconds patience, const FileDescriptor& file) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(lockRetryInterval);
+  }
+  return true;
 }
 
 bool writeWhole(int file, std::string_view text) {
@@ -100,19 +104,23 @@ MachineActivity machineActivity() {
 }  // namespace
 
 ModelledHardwareState readModelledHardware() {
-  const FileDescriptor lock = lockState(LOCK_EX | LOCK_NB);
+  const FileDescriptor lock = openLockFile();
+  const bool locked = lockWithin({}, lock);
   const std::optional<ModelledHardwareState> former = savedState();
   const ModelledHardwareState state = advancedState(former, machineActivity());
-  if (lock.valid() && state != former) saveState(state);
+  if (locked && state != former) saveState(state);
   return state;
 }
 
-bool setModelledLowPowerMode(bool enabled) {
-  const FileDescriptor lock = lockState(LOCK_EX);
-  if (!lock.valid()) return false;
+std::optional<std::string> setModelledLowPowerMode(bool enabled) {
+  const FileDescriptor lock = openLockFile();
+  const int failure = errno;
+  if (!lock.valid()) return "can't open " + lockFile() + ": " + std::generic_category().message(failure);
+  if (!lockWithin(lockPatience, lock)) return "another program keeps " + lockFile() + " locked";
   ModelledHardwareState state = advancedState(savedState(), machineActivity());
   state.lowPowerMode = enabled;
-  return saveState(state);
+  if (!saveState(state)) return "can't save " + stateFile();
+  return std::nullopt;
 }
 
 }  // namespace quenzel::platform

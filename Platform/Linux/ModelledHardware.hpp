@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "Platform/Linux/ModelledPower.hpp"
 
 namespace quenzel::platform {
@@ -12,8 +15,8 @@ namespace quenzel::platform {
 /// own result is not saved. Without a state file that can be read and written each reading starts afresh.
 ModelledHardwareState readModelledHardware();
 
-/// Changes the modelled machine's Low Power Mode, waiting for other programs' saving to end; false when it
-/// could not be saved.
-bool setModelledLowPowerMode(bool enabled);
+/// Changes the modelled machine's Low Power Mode. Waits up to a second for other programs' saving to end.
+/// @return why it could not be saved, in words for a person; none when it worked
+std::optional<std::string> setModelledLowPowerMode(bool enabled);
 
 }  // namespace quenzel::platform

@@ -23,6 +23,12 @@ constexpr double chargeLevel = 0.05;
 constexpr double secondsPerHour = 3600;
 constexpr double microjoulesPerJoule = 1e6;
 
+// What no machine reaches, centuries of running and of full load, and adding to it can't overflow.
+constexpr double longestUptimeSeconds = 1e10;
+constexpr std::int64_t mostMicrojoules = 1'000'000'000'000'000'000;
+
+bool isPossibleEnergy(std::int64_t microjoules) { return microjoules >= 0 && microjoules <= mostMicrojoules; }
+
 double between(double idle, double busy, double busyFraction) {
   return idle + (busy - idle) * std::clamp(busyFraction, 0.0, 1.0);
 }
@@ -143,10 +149,11 @@ std::optional<ModelledHardwareState> decodeModelledHardware(const PropertyDictio
       read(list, "MemoryMicrojoules", state.memoryMicrojoules) &&
       read(list, "LowPowerMode", state.lowPowerMode);
   // Comparisons that a NaN fails, too: the file lies where every user can write.
-  const bool possible = state.activity.uptimeSeconds >= 0 && state.activity.busyTicks >= 0 &&
-                        state.activity.totalTicks >= 0 && state.busyFraction >= 0 &&
-                        state.busyFraction <= 1 && state.remainingWh >= 0 && state.remainingWh <= fullWh &&
-                        state.packageMicrojoules >= 0 && state.memoryMicrojoules >= 0;
+  const bool possible =
+      state.activity.uptimeSeconds >= 0 && state.activity.uptimeSeconds <= longestUptimeSeconds &&
+      state.activity.busyTicks >= 0 && state.activity.totalTicks >= 0 && state.busyFraction >= 0 &&
+      state.busyFraction <= 1 && state.remainingWh >= 0 && state.remainingWh <= fullWh &&
+      isPossibleEnergy(state.packageMicrojoules) && isPossibleEnergy(state.memoryMicrojoules);
   return complete && possible ? std::optional(state) : std::nullopt;
 }
 

@@ -11,13 +11,22 @@ namespace {
 
 constexpr double microPerMilli = 1000;
 
+/// Beyond it no attribute means anything: a million volts, amperes or watt-hours in their micro-units.
+constexpr std::int64_t largestValue = 1'000'000'000'000;
+
+/// What a resting battery may show without charging or discharging: noise of its gauge.
+constexpr double restingCurrentMa = 50;
+
 /// The attribute files of one supply.
 class Attributes {
  public:
   explicit Attributes(std::string folder) : folder_(std::move(folder)) {}
 
   std::optional<std::string> text(const char* name) const { return fileValue(folder_ + '/' + name); }
-  std::optional<std::int64_t> integer(const char* name) const { return fileInteger(folder_ + '/' + name); }
+  std::optional<std::int64_t> integer(const char* name) const {
+    const std::optional<std::int64_t> value = fileInteger(folder_ + '/' + name);
+    return value && *value >= -largestValue && *value <= largestValue ? value : std::nullopt;
+  }
 
   std::optional<double> milli(const char* microName) const {
     const std::optional<std::int64_t> micro = integer(microName);
@@ -50,12 +59,14 @@ BatteryState batteryState(const std::optional<std::string>& status) {
   return BatteryState::unknown;
 }
 
-/// Drivers disagree about the sign of a current, the status does not.
+/// Drivers disagree about the sign of a current, the status does not. A battery that rests has none, but for
+/// a current that is clearly there: then the driver is all that tells its sign.
 std::optional<double> signedCurrent(std::optional<double> current, BatteryState state) {
   if (!current) return std::nullopt;
   if (state == BatteryState::discharging) return -std::abs(*current);
   if (state == BatteryState::charging) return std::abs(*current);
-  return current;
+  const bool resting = state == BatteryState::notCharging || state == BatteryState::full;
+  return resting && std::abs(*current) < restingCurrentMa ? 0 : current;
 }
 
 std::optional<std::int64_t> percentOf(std::optional<double> part, std::optional<double> whole) {
@@ -112,6 +123,15 @@ void addAtVoltage(std::optional<double>& sum, std::optional<double> share, doubl
   sum = sum && share ? std::optional(*sum + *share * voltageRatio) : std::nullopt;
 }
 
+std::optional<std::int64_t> meanLevel(const std::vector<BatteryReading>& batteries) {
+  std::int64_t levels = 0;
+  for (const BatteryReading& battery : batteries) {
+    if (!battery.levelPercent) return std::nullopt;
+    levels += *battery.levelPercent;
+  }
+  return levels / static_cast<std::int64_t>(batteries.size());
+}
+
 BatteryState combinedState(const std::vector<BatteryReading>& batteries) {
   const auto is = [](BatteryState state) {
     return [state](const BatteryReading& battery) { return battery.state == state; };
@@ -148,7 +168,6 @@ std::optional<BatteryReading> combinedBattery(const std::vector<BatteryReading>&
   BatteryReading all = batteries.front();
   if (batteries.size() == 1) return all;
   all.state = combinedState(batteries);
-  std::int64_t levels = all.levelPercent.value_or(0);
   for (auto battery = batteries.begin() + 1; battery != batteries.end(); ++battery) {
     const double ratio = battery->voltageMV && all.voltageMV ? *battery->voltageMV / *all.voltageMV : 1;
     for (const auto field :
@@ -158,10 +177,9 @@ std::optional<BatteryReading> combinedBattery(const std::vector<BatteryReading>&
     }
     all.cycleCount = std::max(all.cycleCount, battery->cycleCount);
     all.temperatureCentiC = std::max(all.temperatureCentiC, battery->temperatureCentiC);
-    levels += battery->levelPercent.value_or(0);
   }
   all.levelPercent = percentOf(all.chargeMah, all.fullChargeMah);
-  if (!all.levelPercent) all.levelPercent = levels / static_cast<std::int64_t>(batteries.size());
+  if (!all.levelPercent) all.levelPercent = meanLevel(batteries);
   all.minutesToEmpty.reset();
   all.averageMinutesToEmpty.reset();
   all.minutesToFull.reset();

@@ -13,7 +13,7 @@ namespace quenzel::platform {
 
 enum class BatteryState { unknown, charging, discharging, notCharging, full };
 
-/// One battery at one instant.
+/// One battery at one instant. Values beyond any battery's count as not reported.
 ///
 /// A battery that counts energy (µWh, µW) is brought to charge and current through its present voltage, so
 /// that capacity times voltage is the energy that it reported.
@@ -21,7 +21,9 @@ struct BatteryReading {
   BatteryState state = BatteryState::unknown;
   std::optional<std::int64_t> levelPercent;  ///< 0 to 100
   std::optional<double> voltageMV;
-  std::optional<double> currentMa;  ///< negative while discharging; averageCurrentMa too
+  /// Negative while discharging, positive while charging; 0 below 50 mA when the battery is full or does not
+  /// charge, else with the driver's sign. averageCurrentMa likewise.
+  std::optional<double> currentMa;
   std::optional<double> averageCurrentMa;
   std::optional<double> chargeMah;
   std::optional<double> fullChargeMah;     ///< what a full charge holds today
@@ -59,7 +61,8 @@ PowerSupplies readPowerSupplies(const std::string& sysfsRoot);
 /// Several batteries as one, none for no battery. Voltage and identity are the first one's; charges and
 /// currents are sums of what each is worth at that voltage, so that energy and power come out right; the
 /// highest cycle count and temperature speak for all; times are left out, since none of the drivers knows the
-/// other battery. A sum that one of them can't contribute to is absent.
+/// other battery. The level is that of the sums, else the mean of the levels. A sum or mean that one of them
+/// can't contribute to is absent.
 std::optional<BatteryReading> combinedBattery(const std::vector<BatteryReading>& batteries);
 
 }  // namespace quenzel::platform

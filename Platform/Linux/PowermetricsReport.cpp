@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/EnergyZoneChannels.hpp"
+#include "Platform/Linux/KernelFiles.hpp"
 #include "Platform/Linux/ModelledPower.hpp"
 
 namespace quenzel::platform {
@@ -143,6 +144,19 @@ const Column columns[] = {
     {"GPU ms/s", 10, true, [](const PowermetricsRow&) { return number(0); }},
 };
 
+constexpr std::string_view deadTasks = "DEAD_TASKS";
+constexpr std::string_view allTasks = "ALL_TASKS";
+
+/// Whether a name could pass for another line of the report: every label of a power line holds " Power".
+bool couldDeceive(std::string_view name) {
+  std::string upper(name);
+  for (char& character : upper) {
+    if (character >= 'a' && character <= 'z') character = static_cast<char>(character - 'a' + 'A');
+  }
+  return upper.starts_with('*') || upper.starts_with(deadTasks) || upper.starts_with(allTasks) ||
+         upper.find(" POWER") != std::string::npos;
+}
+
 std::string printableName(std::string_view name) {
   std::string printable;
   for (const char character : name) {
@@ -150,11 +164,12 @@ std::string printableName(std::string_view name) {
     if (byte >= 0x80 && byte < 0xC0) continue;  // inside a UTF-8 character
     printable += byte >= 0x20 && byte < 0x7F ? character : '?';
   }
-  return printable.find_first_not_of(' ') == std::string::npos ? "?" : printable;
+  const std::string_view text = trimmed(printable);
+  return text.empty() || couldDeceive(text) ? '?' + std::string(text) : std::string(text);
 }
 
-std::string tableLine(const PowermetricsRow& row, std::string_view indentation, bool showAll) {
-  std::string line = cell(std::string(indentation) + printableName(row.name), nameWidth);
+std::string tableLine(std::string_view name, const PowermetricsRow& row, bool showAll) {
+  std::string line = cell(name, nameWidth);
   for (const Column& column : columns) {
     if (column.always || showAll) line += cell(column.text(row), column.width);
   }
@@ -177,8 +192,8 @@ PowermetricsTaskReport taskReport(const PowermetricsScan& before, const Powermet
   const double seconds = interval(before, after);
   const FormerTasks former(before);
   PowermetricsTaskReport report;
-  report.dead.name = "DEAD_TASKS";
-  report.all.name = "ALL_TASKS";
+  report.dead.name = deadTasks;
+  report.all.name = allTasks;
   report.all.id = -2;  // as the original numbers it
   std::map<std::string, PowermetricsGroup> groups;
   for (const TaskStat& task : after.tasks) {
@@ -217,8 +232,8 @@ std::optional<PowermetricsPower> measuredPower(const PowermetricsScan& before,
     if (former == before.energy->end()) continue;
     const double milliwatts = static_cast<double>(channel.value - former->value) / microjoulesPerMillijoule /
                               interval(before, after);
-    if (endsWith(channel.name, "CPU Energy")) power.cpuMilliwatts += milliwatts;
-    if (endsWith(channel.name, "GPU Energy")) power.gpuMilliwatts += milliwatts;
+    if (endsWith(channel.name, "CPU Energy")) addRate(power.cpuMilliwatts, milliwatts);
+    if (endsWith(channel.name, "GPU Energy")) addRate(power.gpuMilliwatts, milliwatts);
     if (channel.name == wholeMachineChannelName) power.systemMilliwatts = milliwatts;
   }
   return power;
@@ -236,24 +251,28 @@ PowermetricsPower modelledPower(const PowermetricsScan& before, const Powermetri
 std::string taskSection(const PowermetricsTaskReport& report, bool showAll) {
   std::string text = "*** Running tasks ***\n\n" + headerLine(showAll);
   for (const PowermetricsGroup& group : report.groups) {
-    text += tableLine(group.sum, "", showAll);
-    for (const PowermetricsRow& task : group.tasks) text += tableLine(task, "  ", showAll);
+    text += tableLine(printableName(group.sum.name), group.sum, showAll);
+    for (const PowermetricsRow& task : group.tasks) {
+      text += tableLine("  " + printableName(task.name), task, showAll);
+    }
   }
-  return text + tableLine(report.dead, "", showAll) + tableLine(report.all, "", showAll) + '\n';
+  return text + tableLine(report.dead.name, report.dead, showAll) +
+         tableLine(report.all.name, report.all, showAll) + '\n';
 }
 
 std::string powerSection(const std::optional<PowermetricsPower>& power) {
   std::string text = "**** Processor usage ****\n\n";
   if (!power) return text + "No energy counters are readable on this machine.\n\n";
   if (power->modelled) text += "Modelled hardware: these figures are modelled from the measured load.\n";
-  const auto line = [&](const char* label, double milliwatts) {
-    text += fmt::format("{}: {:.0f} mW\n", label, std::max(milliwatts, 0.0));
+  const auto line = [&](const char* label, const std::optional<double>& milliwatts) {
+    if (milliwatts) text += fmt::format("{}: {:.0f} mW\n", label, std::max(*milliwatts, 0.0));
   };
+  std::optional<double> combined = power->cpuMilliwatts;
+  addRate(combined, power->gpuMilliwatts);
   line("CPU Power", power->cpuMilliwatts);
   line("GPU Power", power->gpuMilliwatts);
-  line("ANE Power", 0);
-  line("Combined Power (CPU + GPU + ANE)", power->cpuMilliwatts + power->gpuMilliwatts);
-  if (power->systemMilliwatts) line("System Power", *power->systemMilliwatts);
+  line("Combined Power (CPU + GPU + ANE)", combined);
+  line("System Power", power->systemMilliwatts);
   return text + '\n';
 }
 

@@ -61,9 +61,10 @@ PowermetricsTaskReport taskReport(const PowermetricsScan& before, const Powermet
                                   double ticksPerSecond);
 
 struct PowermetricsPower {
-  double cpuMilliwatts = 0;
-  double gpuMilliwatts = 0;
-  std::optional<double> systemMilliwatts;  ///< of the whole machine, where it has such a counter
+  // Of the counters that the machine has; systemMilliwatts is that of the whole machine.
+  std::optional<double> cpuMilliwatts;
+  std::optional<double> gpuMilliwatts;
+  std::optional<double> systemMilliwatts;
   bool modelled = false;
 
   bool operator==(const PowermetricsPower&) const = default;
@@ -77,11 +78,12 @@ PowermetricsPower modelledPower(const PowermetricsScan& before, const Powermetri
 
 /// The task section with its header line. Every cell begins at its header's offset, whatever the names: a
 /// longer text is cut, and names are printable ASCII ("?" for any other character), so that bytes, characters
-/// and columns agree.
+/// and columns agree. Any user may name processes and groups: names are trimmed, and one that a reader could
+/// take for a power line, a section title or a summary gets a "?" in front.
 /// @param showAll all columns rather than those of processor time
 std::string taskSection(const PowermetricsTaskReport& report, bool showAll);
 
-/// The sections of processor and graphics power, which end the task section; without figures no power line.
+/// The section of power, which ends the task section; what nothing measured has no line.
 std::string powerSection(const std::optional<PowermetricsPower>& power);
 
 }  // namespace quenzel::platform

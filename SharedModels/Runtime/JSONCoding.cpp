@@ -6,8 +6,13 @@
 
 #include <fmt/format.h>
 
+#include "SharedModels/Runtime/Text.hpp"
+
 namespace quenzel {
 namespace {
+
+/// How much of an offending text an error repeats.
+constexpr std::size_t longestQuote = 60;
 
 std::string_view nameOfType(const nlohmann::json& json) {
   switch (json.type()) {
@@ -149,7 +154,8 @@ JSONCodingError JSONCodingError::outOfRange(const JSONPath& path, const nlohmann
 }
 
 JSONCodingError JSONCodingError::invalidValue(const JSONPath& path, std::string_view found) {
-  return {Kind::invalidValue, path, fmt::format("\"{}\" is none of the possible values", found)};
+  return {Kind::invalidValue, path,
+          fmt::format("\"{}\" is none of the possible values", printableLine(found.substr(0, longestQuote)))};
 }
 
 JSONCodingError JSONCodingError::notFinite(const JSONPath& path) {

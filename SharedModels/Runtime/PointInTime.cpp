@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <ctime>
 
 namespace quenzel {
@@ -11,13 +12,16 @@ PointInTime now() {
   // Counted from 2001 before it becomes a double, which holds the microseconds of today but not its
   // nanoseconds.
   const auto since1970 = std::chrono::system_clock::now().time_since_epoch();
-  const auto since2001 =
-      std::chrono::duration_cast<microseconds>(since1970 - std::chrono::seconds(978307200));
+  const std::chrono::seconds epochOffset(static_cast<std::int64_t>(PointInTime::epochOffsetSeconds));
+  const auto since2001 = std::chrono::duration_cast<microseconds>(since1970 - epochOffset);
   return {static_cast<double>(since2001.count()) / 1e6};
 }
 
 std::string iso8601Text(PointInTime time) {
-  const auto seconds = static_cast<std::time_t>(std::floor(time.secondsSince1970()));
+  constexpr double mostSeconds = 1e15;  // far beyond any calendar, far within any integer
+  const double sinceEpoch = std::floor(time.secondsSince1970());
+  if (!(std::abs(sinceEpoch) < mostSeconds)) return "";
+  const auto seconds = static_cast<std::time_t>(sinceEpoch);
   std::tm fields{};
   if (::gmtime_r(&seconds, &fields) == nullptr) return "";
   char text[48];

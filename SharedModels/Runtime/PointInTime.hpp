@@ -32,7 +32,7 @@ constexpr PointInTime operator-(PointInTime time, double seconds) {
 /// The wall clock, which may be set back.
 PointInTime now();
 
-/// ISO 8601 in UTC with whole seconds: "2025-01-31T12:00:00Z".
+/// ISO 8601 in UTC with whole seconds: "2025-01-31T12:00:00Z"; empty for an instant beyond any calendar.
 std::string iso8601Text(PointInTime time);
 
 }  // namespace quenzel

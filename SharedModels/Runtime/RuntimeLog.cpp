@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <system_error>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include "Platform/Environment.hpp"
 #include "Platform/Mutex.hpp"
 #include "Platform/Settings.hpp"
+#include "Platform/SharedDirectory.hpp"
 #include "Platform/SystemLog.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 #include "SharedModels/Runtime/NotificationCentre.hpp"
@@ -60,9 +60,9 @@ void writeToSystemLog(RuntimeLogLevel level, std::string_view component, std::st
 
 void appendToSharedFile(const std::string& line) {
   const std::string path = RuntimeLog::sharedLogPath();
-  std::error_code failure;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failure);
-  if (!failure) platform::appendToFile(path, line, 0644);
+  if (platform::createSharedDataDirectory(std::filesystem::path(path).parent_path())) {
+    platform::appendToFile(path, line, 0644);
+  }
 }
 
 void write(RuntimeLogLevel level, std::string_view component, std::string_view message) {

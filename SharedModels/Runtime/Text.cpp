@@ -32,6 +32,13 @@ bool isWhitespace(std::int32_t codepoint) {
 
 bool isASCIIWhitespace(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
 
+/// Controls (C0, DEL, C1), line and paragraph separators, and the bidirectional controls of Unicode Annex 9.
+bool isUnprintable(std::int32_t codepoint) {
+  return codepoint < 0x20 || (codepoint >= 0x7F && codepoint < 0xA0) ||
+         (codepoint >= 0x2028 && codepoint <= 0x202E) || (codepoint >= 0x2066 && codepoint <= 0x2069) ||
+         codepoint == 0x200E || codepoint == 0x200F || codepoint == 0x61C;
+}
+
 struct Character {
   std::int32_t codepoint;  ///< -1 for an ill-formed byte
   std::size_t length;
@@ -289,6 +296,22 @@ std::string repairedUTF8(std::string bytes) {
   if (clean == 0) return bytes;
   repaired.append(text, clean);
   return repaired;
+}
+
+std::string printableLine(std::string_view text) {
+  const std::string repaired = repairedUTF8(std::string(text));
+  std::string line;
+  line.reserve(repaired.size());
+  for (std::size_t offset = 0; offset < repaired.size();) {
+    const Character character = characterAt(repaired, offset);
+    if (isUnprintable(character.codepoint)) {
+      line += '?';
+    } else {
+      line.append(repaired, offset, character.length);
+    }
+    offset += character.length;
+  }
+  return line;
 }
 
 std::string_view lastPathComponent(std::string_view path) {

@@ -58,6 +58,10 @@ std::size_t graphemeCount(std::string_view text);
 /// recommends) becomes U+FFFD. Valid input is returned as it is.
 std::string repairedUTF8(std::string bytes);
 
+/// The text as one line that is safe to show on a terminal: control characters, line breaks and characters
+/// that turn the writing direction become "?", ill-formed bytes U+FFFD.
+std::string printableLine(std::string_view text);
+
 /// What follows the last "/" that is not at the end: "ps" of "/bin/ps" and of "/bin/ps/".
 std::string_view lastPathComponent(std::string_view path);
 

@@ -17,53 +17,29 @@ using testing::FakeShell;
 
 PropertyValue integer(std::int64_t value) { return {value}; }
 
-/// A battery in which no two properties hold the same value.
+// A battery in which no two properties hold the same value, and what is read from it.
+// clang-format off
 PropertyDictionary battery() {
-  return {{"AppleRawCurrentCapacity", integer(4000)},
-          {"CurrentCapacity", integer(81)},
-          {"AppleRawMaxCapacity", integer(4900)},
-          {"MaxCapacity", integer(100)},
-          {"Voltage", integer(12500)},
-          {"Amperage", integer(-1500)},
-          {"InstantAmperage", integer(-1400)},
-          {"IsCharging", false},
-          {"CycleCount", integer(17)},
-          {"Temperature", integer(3012)},
-          {"DesignCapacity", integer(5103)},
-          {"NominalChargeCapacity", integer(4950)},
-          {"DesignCycleCount9C", integer(1000)},
-          {"Serial", "F5D"},
-          {"BatterySerialNumber", "other"},
-          {"DeviceName", "bq40"},
-          {"FullyCharged", false},
-          {"ExternalConnected", false},
-          {"AvgTimeToFull", integer(65535)},
-          {"TimeToFull", integer(31)},
-          {"AvgTimeToEmpty", integer(65535)},
-          {"TimeRemaining", integer(240)},
+  return {{"AppleRawCurrentCapacity", integer(4000)}, {"CurrentCapacity", integer(81)},
+          {"AppleRawMaxCapacity", integer(4900)}, {"MaxCapacity", integer(100)},
+          {"Voltage", integer(12500)}, {"Amperage", integer(-1500)}, {"InstantAmperage", integer(-1400)},
+          {"IsCharging", false}, {"CycleCount", integer(17)}, {"Temperature", integer(3012)},
+          {"DesignCapacity", integer(5103)}, {"NominalChargeCapacity", integer(4950)},
+          {"DesignCycleCount9C", integer(1000)}, {"Serial", "F5D"}, {"BatterySerialNumber", "other"},
+          {"DeviceName", "bq40"}, {"FullyCharged", false}, {"ExternalConnected", false},
+          {"AvgTimeToFull", integer(65535)}, {"TimeToFull", integer(31)},
+          {"AvgTimeToEmpty", integer(65535)}, {"TimeRemaining", integer(240)},
           {"AdapterDetails", PropertyDictionary{{"Watts", integer(96)}, {"Name", "96W"}}}};
 }
 
 BatteryStatusSample registrySample() {
-  return {.levelPercent = 81,
-          .remainingWh = 50,
-          .systemTimeRemainingMinutes = 240,
-          .dischargeWatts = 18.75,
-          .cycleCount = 17,
-          .voltageMV = 12500,
-          .amperageMa = -1500,
-          .temperatureCentiC = 3012,
-          .designCapacityMah = 5103,
-          .maxCapacityMah = 4900,
-          .currentCapacityMah = 4000,
-          .nominalChargeCapacityMah = 4950,
-          .designCycleCount = 1000,
-          .serialNumber = "F5D",
-          .deviceName = "bq40",
-          .fullyCharged = false,
-          .adapterWatts = 96,
-          .adapterName = "96W"};
+  return {.levelPercent = 81, .remainingWh = 50, .systemTimeRemainingMinutes = 240, .dischargeWatts = 18.75,
+          .cycleCount = 17, .voltageMV = 12500, .amperageMa = -1500, .temperatureCentiC = 3012,
+          .designCapacityMah = 5103, .maxCapacityMah = 4900, .currentCapacityMah = 4000,
+          .nominalChargeCapacityMah = 4950, .designCycleCount = 1000, .serialNumber = "F5D",
+          .deviceName = "bq40", .fullyCharged = false, .adapterWatts = 96, .adapterName = "96W"};
 }
+// clang-format on
 
 BatteryStatusSample collected(const PropertyDictionary& properties) {
   return BatteryStatusCollector::statusFrom(platform::encodePropertyList(PropertyValue::Array{properties}));
@@ -82,25 +58,25 @@ TEST(BatteryStatusCollector, FallsBackKeyByKey) {
   PropertyDictionary properties = battery();
   for (const char* key : {"AppleRawCurrentCapacity", "AppleRawMaxCapacity", "Amperage", "Serial"})
     properties.erase(key);
-  properties.insert_or_assign("AdapterDetails", "none");
-  properties.insert_or_assign("CycleCount", "many");
-  properties.insert_or_assign("FullyCharged", integer(1));
-  const BatteryStatusSample sample = collected(properties);
-  EXPECT_EQ(sample.currentCapacityMah, 81);
-  EXPECT_EQ(sample.maxCapacityMah, 100);
-  EXPECT_EQ(sample.amperageMa, -1400);
-  EXPECT_EQ(sample.serialNumber, "other");
-  EXPECT_EQ(sample.adapterWatts, std::nullopt);
-  EXPECT_EQ(sample.cycleCount, std::nullopt);
-  EXPECT_EQ(sample.fullyCharged, true);
+  BatteryStatusSample expected = registrySample();
+  expected.currentCapacityMah = 81;
+  expected.remainingWh = 1.0125;  // 81 mAh of 12.5 V
+  expected.maxCapacityMah = 100;
+  expected.amperageMa = -1400;
+  expected.dischargeWatts = 17.5;
+  expected.serialNumber = "other";
+  EXPECT_EQ(collected(properties), expected);
 }
 
-TEST(BatteryStatusCollector, ReadsCurrentsLevelsAndTimes) {
+TEST(BatteryStatusCollector, ReadsTypesCurrentsLevelsAndTimes) {
   const auto sampleWith = [](const char* key, PropertyValue value) {
     PropertyDictionary properties = battery();
     properties.insert_or_assign(key, std::move(value));
     return collected(properties);
   };
+  EXPECT_EQ(sampleWith("AdapterDetails", "none").adapterWatts, std::nullopt);
+  EXPECT_EQ(sampleWith("CycleCount", "many").cycleCount, std::nullopt);
+  EXPECT_EQ(sampleWith("FullyCharged", integer(1)).fullyCharged, true);
   EXPECT_EQ(sampleWith("Amperage", integer(4294965764)).amperageMa, -1532);  // a gauge 32 bits wide
   EXPECT_EQ(sampleWith("Amperage", integer(500)).dischargeWatts, std::nullopt);
   EXPECT_EQ(sampleWith("Voltage", integer(0)).remainingWh, std::nullopt);
@@ -120,9 +96,9 @@ TEST(BatteryStatusCollector, FailsOnWhatIsNoBattery) {
   const auto exit = thrownBy<ShellRunnerError>([&] { BatteryStatusCollector(shell).collectStatus(); });
   EXPECT_STREQ(exit.what(), "Command exited with status 2: no");
   thrownBy<PropertyListError>([] { BatteryStatusCollector::statusFrom(""); });
-  for (const PropertyValue& shape :
-       {PropertyValue(PropertyDictionary{}), PropertyValue(PropertyValue::Array{}),
-        PropertyValue(PropertyValue::Array{integer(1)})}) {
+  const PropertyValue shapes[] = {PropertyDictionary{}, PropertyValue::Array{},
+                                  PropertyValue::Array{integer(1)}};
+  for (const PropertyValue& shape : shapes) {
     const std::string list = platform::encodePropertyList(shape);
     const auto error = thrownBy<ShellRunnerError>([&] { BatteryStatusCollector::statusFrom(list); });
     EXPECT_STREQ(error.what(), "Failed to launch command: Unable to parse AppleSmartBattery plist output.");
@@ -131,39 +107,26 @@ TEST(BatteryStatusCollector, FailsOnWhatIsNoBattery) {
 
 TEST(DirectBatteryStatusReader, ResolvesTheLevel) {
   using Value = std::optional<std::int64_t>;
-  struct Row {
-    Value displayCurrent;
-    Value displayMax;
-    Value rawCurrent;
-    Value rawMax;
-    bool isCharged;
-    double level;
-  };
-  const Row rows[] = {
+  // The current and the full charge as displayed, both as measured, whether it is charged, and the level.
+  const std::tuple<Value, Value, Value, Value, bool, double> rows[] = {
       {85, 100, 1, 2, false, 85},   {85, 100, {}, {}, true, 100},   {{}, {}, {}, {}, true, 100},
       {40, 80, {}, {}, false, 50},  {150, 100, {}, {}, false, 100}, {150, {}, 2000, 4000, false, 50},
       {60, 0, {}, {}, false, 60},   {-1, 100, 30, 60, false, 50},   {{}, 100, 80, {}, false, 80},
       {{}, {}, 3000, {}, false, 0}, {{}, {}, 3000, 0, false, 0},    {{}, {}, -5, {}, false, 0},
-      {{}, {}, -5, 100, false, 0},  {{}, {}, {}, 4000, false, 0},   {{}, {}, 5000, 4000, false, 100},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(DirectBatteryStatusReader::resolveLevelPercent(row.displayCurrent, row.displayMax,
-                                                             row.rawCurrent, row.rawMax, row.isCharged),
-              row.level)
-        << ::testing::PrintToString(
-               std::tuple(row.displayCurrent, row.displayMax, row.rawCurrent, row.rawMax));
+      {{}, {}, -5, 100, false, 0},  {{}, {}, {}, 4000, false, 0},   {{}, {}, 5000, 4000, false, 100}};
+  for (const auto& row : rows) {
+    const auto& [current, full, rawCurrent, rawFull, isCharged, level] = row;
+    EXPECT_EQ(DirectBatteryStatusReader::resolveLevelPercent(current, full, rawCurrent, rawFull, isCharged),
+              level)
+        << ::testing::PrintToString(row);
   }
 }
 
-class FakeRegistry final : public platform::BatteryRegistry {
- public:
+struct FakeRegistry final : platform::BatteryRegistry {
+  std::optional<PropertyDictionary> properties, description, adapter;
   std::optional<PropertyDictionary> batteryProperties() override { return properties; }
   std::optional<PropertyDictionary> internalBatteryDescription() override { return description; }
   std::optional<PropertyDictionary> externalAdapterDetails() override { return adapter; }
-
-  std::optional<PropertyDictionary> properties;
-  std::optional<PropertyDictionary> description;
-  std::optional<PropertyDictionary> adapter;
 };
 
 TEST(DirectBatteryStatusReader, JoinsPowerSourceRegistryAndAdapter) {
@@ -172,7 +135,6 @@ TEST(DirectBatteryStatusReader, JoinsPowerSourceRegistryAndAdapter) {
   DirectBatteryStatusReader reader(std::move(registry));
   source.description = PropertyDictionary{{"Current Capacity", integer(50)}};
   EXPECT_EQ(reader.sample(), std::nullopt) << "without the service there is no battery";
-
   source.properties = battery();
   source.description =
       PropertyDictionary{{"Current Capacity", integer(42)},       {"Max Capacity", integer(84)},
@@ -203,6 +165,8 @@ TEST(DirectBatteryStatusReader, JoinsPowerSourceRegistryAndAdapter) {
   EXPECT_EQ(charging.systemTimeRemainingMinutes, std::nullopt) << "still calculating";
   EXPECT_EQ(charging.adapterWatts, std::nullopt);
   EXPECT_EQ(charging.levelPercent, 4000.0 / 4900 * 100);
+  source.description->insert_or_assign("Time to Full Charge", integer(0));
+  EXPECT_EQ(reader.sample().value().systemTimeRemainingMinutes, std::nullopt) << "the time does not apply";
 }
 
 }  // namespace

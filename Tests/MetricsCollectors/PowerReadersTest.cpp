@@ -1,6 +1,4 @@
 #include <bit>
-#include <cstring>
-#include <deque>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,72 +13,40 @@ namespace quenzel {
 namespace {
 
 using testing::FakeClock;
+using ::testing::Return;
 using Watts = std::optional<double>;
 
 TEST(SMCValue, DecodesEveryType) {
-  struct Row {
-    std::string_view type;
-    std::array<std::uint8_t, 4> bytes;
-    Watts value;
-  };
-  const Row rows[] = {
-      {"flt ", {0x00, 0x00, 0x20, 0x41}, 10.0},
-      {"ui8 ", {0xFE, 1, 1, 1}, 254.0},
-      {"ui8", {7, 1, 1, 1}, 7.0},
-      {"ui16", {0x34, 0x12, 9, 9}, 4660.0},
-      {"ui32", {0xFF, 0xFF, 0xFF, 0xFF}, 4294967295.0},
-      {"sp78", {0x1A, 0x80, 9, 9}, 26.5},
-      {"sp78", {0xFF, 0xC0, 9, 9}, -0.25},
-      {"fpe2", {0x00, 0x0A, 9, 9}, 2.5},
-      {"fp88", {0x80, 0x80, 9, 9}, 128.5},
-      // With 0x8000 an unsigned type of n fraction bits holds 2^(15-n), a signed one -2^(15-n).
-      {"fp1f", {0x80, 0, 0, 0}, 1.0},
-      {"fp2e", {0x80, 0, 0, 0}, 2.0},
-      {"fp3d", {0x80, 0, 0, 0}, 4.0},
-      {"fp4c", {0x80, 0, 0, 0}, 8.0},
-      {"fp5b", {0x80, 0, 0, 0}, 16.0},
-      {"fp6a", {0x80, 0, 0, 0}, 32.0},
-      {"fp79", {0x80, 0, 0, 0}, 64.0},
-      {"fpa6", {0x80, 0, 0, 0}, 512.0},
-      {"fpc4", {0x80, 0, 0, 0}, 2048.0},
-      {"sp1e", {0x80, 0, 0, 0}, -2.0},
-      {"sp2d", {0x80, 0, 0, 0}, -4.0},
-      {"sp3c", {0x80, 0, 0, 0}, -8.0},
-      {"sp4b", {0x80, 0, 0, 0}, -16.0},
-      {"sp5a", {0x80, 0, 0, 0}, -32.0},
-      {"sp69", {0x80, 0, 0, 0}, -64.0},
-      {"sp87", {0x80, 0, 0, 0}, -256.0},
-      {"sp96", {0x80, 0, 0, 0}, -512.0},
-      {"spa5", {0x80, 0, 0, 0}, -1024.0},
-      {"spb4", {0x80, 0, 0, 0}, -2048.0},
-      {"spf0", {0x80, 0, 0, 0}, -32768.0},
-      {"ch8*", {1, 2, 3, 4}, std::nullopt},
-      {"fp97", {1, 2, 3, 4}, std::nullopt},
-      {"", {1, 2, 3, 4}, std::nullopt},
-  };
-  for (const Row& row : rows) EXPECT_EQ(decodeSMCValue(row.type, row.bytes), row.value) << row.type;
+  // clang-format off
+  const std::tuple<std::string_view, std::array<std::uint8_t, 4>, Watts> rows[] = {
+      {"flt ", {0, 0, 0x20, 0x41}, 10.0},   {"ui8 ", {0xFE, 1, 1, 1}, 254.0},    {"ui8", {7, 1, 1, 1}, 7.0},
+      {"ui16", {0x34, 0x12, 9, 9}, 4660.0}, {"ui32", {255, 255, 255, 255}, 4294967295.0},
+      {"sp78", {0x1A, 0x80, 9, 9}, 26.5},   {"sp78", {0xFF, 0xC0, 9, 9}, -0.25}, {"fpe2", {0, 10, 9, 9}, 2.5},
+      {"fp88", {0x80, 0x80, 9, 9}, 128.5},  {"ch8*", {1, 2, 3, 4}, {}},          {"fp97", {1, 2, 3, 4}, {}},
+      {"", {1, 2, 3, 4}, {}}};
+  // With 0x8000 an unsigned type of n fraction bits holds 2^(15-n), a signed one -2^(15-n).
+  const std::pair<std::string_view, double> fixedPoint[] = {
+      {"fp1f", 1},   {"fp2e", 2},   {"fp3d", 4},     {"fp4c", 8},    {"fp5b", 16},    {"fp6a", 32},    {"fp79", 64},
+      {"fpa6", 512}, {"fpc4", 2048}, {"sp1e", -2},   {"sp2d", -4},   {"sp3c", -8},    {"sp4b", -16},   {"sp5a", -32},
+      {"sp69", -64}, {"sp87", -256}, {"sp96", -512}, {"spa5", -1024}, {"spb4", -2048}, {"spf0", -32768}};
+  // clang-format on
+  for (const auto& [type, bytes, value] : rows) EXPECT_EQ(decodeSMCValue(type, bytes), value) << type;
+  for (const auto& [type, value] : fixedPoint) EXPECT_EQ(decodeSMCValue(type, {0x80}), value) << type;
   EXPECT_EQ(packFourCharacterCode("PSTR"), 0x50535452U);
   EXPECT_EQ(packFourCharacterCode("PST"), 0U);
   EXPECT_EQ(unpackFourCharacterCode(0x666C7420), "flt ");
 }
 
-/// A controller whose keys are in a map; counts what it is asked.
+/// What a controller holds, its keys with the type and the bytes of each, and what it was asked.
+struct ControllerState {
+  std::map<std::string, std::pair<std::string, std::array<std::uint8_t, 4>>> keys;
+  bool opens = true, callsFail = false;
+  int opened = 0, closed = 0, infoRequests = 0;
+};
+
 class FakeController final : public platform::SMCUserClient {
  public:
-  struct Key {
-    std::string type;
-    std::array<std::uint8_t, 4> bytes{};
-  };
-  struct State {
-    std::map<std::string, Key> keys;
-    bool opens = true;
-    bool callsFail = false;
-    int opened = 0;
-    int closed = 0;
-    int infoRequests = 0;
-  };
-  explicit FakeController(State& state) : state_(state) {}
-
+  explicit FakeController(ControllerState& state) : state_(state) {}
   bool open() override {
     ++state_.opened;
     return state_.opens;
@@ -94,9 +60,9 @@ class FakeController final : public platform::SMCUserClient {
       answer.result = 0x84;
     } else if (asked.command == SMCExchangeRecord::readKeyInfo) {
       ++state_.infoRequests;
-      answer.keyInfo = {4, packFourCharacterCode(key->second.type), 0x80};
+      answer.keyInfo = {4, packFourCharacterCode(key->second.first), 0x80};
     } else if (asked.command == SMCExchangeRecord::readKeyBytes && asked.keyInfo.dataSize == 4) {
-      std::copy(key->second.bytes.begin(), key->second.bytes.end(), answer.bytes.begin());
+      std::copy_n(key->second.second.begin(), 4, answer.bytes.begin());
     } else {
       answer.result = 0x82;
     }
@@ -105,13 +71,12 @@ class FakeController final : public platform::SMCUserClient {
   }
 
  private:
-  State& state_;
+  ControllerState& state_;
 };
 
 TEST(SMCReader, ReadsKeysAndRemembersTheirTypes) {
-  FakeController::State state;
-  state.keys = {
-      {"PDBR", {"flt ", {0, 0, 0x20, 0x41}}}, {"PU1R", {"sp78", {0x01, 0x80}}}, {"PU2R", {"ch8*", {}}}};
+  ControllerState state{
+      {{"PDBR", {"flt ", {0, 0, 0x20, 0x41}}}, {"PU1R", {"sp78", {1, 0x80}}}, {"PU2R", {"ch8*", {}}}}};
   {
     SMCReader reader(std::make_unique<FakeController>(state));
     reader.connect();
@@ -128,28 +93,17 @@ TEST(SMCReader, ReadsKeysAndRemembersTheirTypes) {
     EXPECT_EQ(reader.readDisplayPowerWatts(), std::nullopt);
   }
   EXPECT_EQ(state.closed, 1);
-}
-
-TEST(SMCReader, StaysSilentWithoutAController) {
-  FakeController::State state;
-  state.opens = false;
-  state.keys = {{"PSTR", {"ui8 ", {9}}}};
-  {
-    SMCReader reader(std::make_unique<FakeController>(state));
-    EXPECT_EQ(reader.readSystemTotalPowerWatts(), std::nullopt);
-  }
-  EXPECT_EQ(state.closed, 0);
+  ControllerState absent{{{"PSTR", {"ui8 ", {9}}}}, false};
+  EXPECT_EQ(SMCReader(std::make_unique<FakeController>(absent)).readSystemTotalPowerWatts(), std::nullopt);
+  EXPECT_EQ(absent.closed, 0);
 }
 
 struct FakePower final : SMCTotalPowerReading, SMCDisplayPowerReading, SMCUSBPowerReading {
-  Watts total;
-  Watts display;
-  Watts left;
-  Watts right;
-  std::optional<double> readSystemTotalPowerWatts() override { return total; }
-  std::optional<double> readDisplayPowerWatts() override { return display; }
-  std::optional<double> readThunderboltLeftPowerWatts() override { return left; }
-  std::optional<double> readThunderboltRightPowerWatts() override { return right; }
+  Watts total, display, left, right;
+  Watts readSystemTotalPowerWatts() override { return total; }
+  Watts readDisplayPowerWatts() override { return display; }
+  Watts readThunderboltLeftPowerWatts() override { return left; }
+  Watts readThunderboltRightPowerWatts() override { return right; }
 };
 
 TEST(StatsSystemTotalPowerReader, KeepsAnEnergyAccount) {
@@ -173,24 +127,20 @@ TEST(StatsSystemTotalPowerReader, KeepsAnEnergyAccount) {
 }
 
 TEST(StatsSystemTotalSnapshot, ShowsTheAverageWhereNothingIsDrawn) {
-  EXPECT_EQ((StatsSystemTotalSnapshot{0.005, 7, 1, true}.preferredVisibleW()), 7.0);
-  EXPECT_EQ((StatsSystemTotalSnapshot{0.01, 7, 1, true}.preferredVisibleW()), 7.0);
-  EXPECT_EQ((StatsSystemTotalSnapshot{0.02, 7, 1, true}.preferredVisibleW()), 0.02);
-  EXPECT_EQ((StatsSystemTotalSnapshot{-3, -7, 1, true}.preferredVisibleW()), 0.0);
+  for (const auto& [current, average, visible] :
+       {std::tuple(0.005, 7.0, 7.0), {0.01, 7, 7}, {0.02, 7, 0.02}, {-3, -7, 0}}) {
+    EXPECT_EQ((StatsSystemTotalSnapshot{current, average, 1, true}.preferredVisibleW()), visible);
+  }
 }
 
 TEST(PowerEstimators, CountWhatIsThereAndNotNegative) {
-  struct Row {
-    Watts left;
-    Watts right;
-    double usb;
-  };
-  const Row rows[] = {{{}, 7.5, 7.5}, {2.5, 1.0, 3.5}, {-2.0, 1.0, 1.0}, {{}, {}, 0.0}};
   FakePower power;
-  for (const Row& row : rows) {
-    power.left = row.left;
-    power.right = row.right;
-    EXPECT_EQ(USBPowerEstimator(&power).estimateWatts(), row.usb);
+  const std::tuple<Watts, Watts, double> ports[] = {
+      {{}, 7.5, 7.5}, {2.5, 1.0, 3.5}, {-2.0, 1.0, 1.0}, {{}, {}, 0.0}};
+  for (const auto& [left, right, usb] : ports) {
+    power.left = left;
+    power.right = right;
+    EXPECT_EQ(USBPowerEstimator(&power).estimateWatts(), usb);
   }
   EXPECT_EQ(USBPowerEstimator(nullptr).estimateWatts(), 0.0);
   for (const auto& [reading, watts] : {std::pair<Watts, double>{{}, 0.0}, {-1.0, 0.0}, {3.25, 3.25}}) {
@@ -204,27 +154,22 @@ TEST(PowerEstimators, CountWhatIsThereAndNotNegative) {
   }
 }
 
-class ScriptedTicks final : public platform::HostCPUTicks {
- public:
-  explicit ScriptedTicks(std::deque<std::optional<platform::CPUTicks>> readings)
-      : readings_(std::move(readings)) {}
-  std::optional<platform::CPUTicks> read() override {
-    const auto reading = readings_.front();
-    readings_.pop_front();
-    return reading;
-  }
-
- private:
-  std::deque<std::optional<platform::CPUTicks>> readings_;
+struct FakeTicks final : platform::HostCPUTicks {
+  MOCK_METHOD(std::optional<platform::CPUTicks>, read, (), (override));
 };
 
 TEST(SystemCPULoadReader, MeasuresBetweenSamples) {
-  FakeClock clock;
+  using platform::CPUTicks;
   constexpr std::uint32_t highest = 0xFFFFFFFF;
-  SystemCPULoadReader reader(
-      0, std::make_unique<ScriptedTicks>(std::deque<std::optional<platform::CPUTicks>>{
-             platform::CPUTicks{100, 200, 300, highest - 4}, platform::CPUTicks{130, 210, 350, 5},
-             std::nullopt, platform::CPUTicks{130, 210, 350, 5}, platform::CPUTicks{130, 210, 351, 5}}));
+  auto ticks = std::make_unique<FakeTicks>();
+  EXPECT_CALL(*ticks, read)
+      .WillOnce(Return(CPUTicks{100, 200, 300, highest - 4}))
+      .WillOnce(Return(CPUTicks{130, 210, 350, 5}))
+      .WillOnce(Return(std::nullopt))
+      .WillOnce(Return(CPUTicks{130, 210, 350, 5}))
+      .WillOnce(Return(CPUTicks{130, 210, 351, 5}));
+  SystemCPULoadReader reader(0, std::move(ticks));
+  FakeClock clock;
   const auto sampleAfter = [&](double seconds) {
     clock.advance(seconds);
     return reader.sample(clock.now());

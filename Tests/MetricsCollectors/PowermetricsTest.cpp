@@ -13,9 +13,8 @@
 namespace quenzel {
 namespace {
 
-using ::testing::ElementsAre;
+using namespace ::testing;
 using testing::FakeShell;
-using ::testing::MatchesRegex;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
 using Parser = PowermetricsParser;
@@ -26,34 +25,21 @@ using Row = Parser::TaskActivityRow;
 const std::string header = "*** Running tasks ***\n\nName                ID     CPU ms/s  User%  GPU ms/s\n";
 
 Parser::RunningTasks tasksOf(const std::string& rows) {
-  static std::string text;  // the lines are views into it
-  text = header + rows;
+  const std::string text = header + rows;
   return Parser::parseRunningTasks(splitAtLineFeeds(text));
 }
 
 TEST(PowermetricsParser, ReadsPowerValues) {
-  struct ValueRow {
-    std::string_view line;
-    std::optional<double> watts;
-  };
-  const ValueRow rows[] = {
-      {"CPU Power: 1234 mW", 1.234},
-      {"CPU Power: 0.5 W", 0.5},
-      {"CPU Power : : 250000uW", 0.25},
-      {"CPU Power: 2 kW", 2000.0},
+  // clang-format off
+  const std::pair<std::string_view, std::optional<double>> rows[] = {
+      {"CPU Power: 1234 mW", 1.234}, {"CPU Power: 0.5 W", 0.5}, {"CPU Power : : 250000uW", 0.25},
+      {"CPU Power: 2 kW", 2000.0},   {"CPU Power: 5 W.", 5.0},  {"CPU Power: about 12 of 40 mW", 0.04},
       {"CPU Power: 3 MW", 0.003},  // what the tool calls MW is milliwatts
-      {"CPU Power: about 12 of 40 mW", 0.04},
       {"CPU Power: 7\u00A0mW", 0.007},
-      {"CPU Power: 5 mWh", std::nullopt},
-      {"CPU Power: 5 W\u00E9", std::nullopt},
-      {"CPU Power: 5 W.", 5.0},
-      {"CPU Power: mW", std::nullopt},
-      {"CPU Power: 5 w", std::nullopt},
-      {"cpu power: 5 W", std::nullopt},
-      {"Package Power: 5 W", std::nullopt},
-  };
-  for (const ValueRow& row : rows)
-    EXPECT_EQ(Parser::powerValue(row.line, "CPU Power"), row.watts) << row.line;
+      {"CPU Power: 5 mWh", {}}, {"CPU Power: 5 W\u00E9", {}}, {"CPU Power: mW", {}},
+      {"CPU Power: 5 w", {}},   {"cpu power: 5 W", {}},       {"Package Power: 5 W", {}}};
+  // clang-format on
+  for (const auto& [line, watts] : rows) EXPECT_EQ(Parser::powerValue(line, "CPU Power"), watts) << line;
 }
 
 TEST(PowermetricsParser, TakesTheLastPackageLineAndTheFirstSystemLine) {
@@ -67,8 +53,9 @@ TEST(PowermetricsParser, TakesTheLastPackageLineAndTheFirstSystemLine) {
   EXPECT_EQ(output.totalSystemWatts, 9.0);
   EXPECT_TRUE(output.hasPackagePower());
   EXPECT_EQ(Parser().parse("Combined Power (CPU + GPU + ANE): 1.5 W").combinedPackageW, 1.5);
-  EXPECT_EQ(Parser().parse(""), PowermetricsParseOutput{});
-  EXPECT_FALSE(Parser().parse("").hasPackagePower());
+  const PowermetricsParseOutput nothing = Parser().parse("");
+  EXPECT_EQ(nothing, PowermetricsParseOutput{});
+  EXPECT_FALSE(nothing.hasPackagePower());
 }
 
 TEST(PowermetricsParser, KeepsTaskRowsOnly) {
@@ -83,74 +70,60 @@ TEST(PowermetricsParser, KeepsTaskRowsOnly) {
       "                    14     1.00      1.00   0.00\n"
       "  negative          15     -4.00     1.00   -\n"
       "  short             16\n"
+      "  a-name-that-runs-into-its-id 12    25.03\n"
       "ALL_TASKS           -2     125.5     50.00  1.50\n");
   EXPECT_THAT(tasks.rows,
               ElementsAre(Row{12, "first", 25.03, 1.5}, Row{15, "negative", 0, 0}, Row{16, "short", 0, 0}));
   EXPECT_EQ(tasks.cpuTotal, 25.03);
   EXPECT_EQ(tasks.gpuTotal, 1.5);
   EXPECT_EQ(tasks.allTasks, 125.5);
-}
-
-TEST(PowermetricsParser, KnowsWhereASectionBeginsAndEnds) {
-  EXPECT_THAT(tasksOf("**** Processor usage ****\n  late 5 1.0\n*** Running tasks ***\n").rows,
-              ElementsAre());
-  EXPECT_THAT(tasksOf("*** not the end ***\n  one               5      1.0              0.0\n").rows,
-              ElementsAre(Row{5, "one", 1, 0}));
-  // Without the GPU title no line is a header, and so no row is read.
-  const std::string noGPU =
-      "*** Running tasks ***\nName                ID     CPU ms/s\n  one               5      1.0\n";
-  EXPECT_THAT(Parser().parse(noGPU).processes, ElementsAre());
-  EXPECT_THAT(Parser()
-                  .parse("*** Running tasks\n" + header.substr(22) + "  one               5      1.0\n")
-                  .processes,
-              ElementsAre());
   EXPECT_EQ(tasksOf("  ALL_tasks         -2     80.0\n  ALL_TASKS         -2     x\n").allTasks,
             std::nullopt);
 }
 
+TEST(PowermetricsParser, KnowsWhereASectionBeginsAndEnds) {
+  const std::string one = "  one               5      1.0              0.0\n";
+  EXPECT_THAT(tasksOf("**** Processor usage ****\n" + one).rows, IsEmpty());
+  EXPECT_THAT(tasksOf("*** not the end ***\n" + one).rows, ElementsAre(Row{5, "one", 1, 0}));
+  const std::string withoutGPU = header.substr(0, header.find("GPU")) + "\n";  // then no line is a header
+  EXPECT_THAT(Parser().parse(withoutGPU + one).processes, IsEmpty());
+  EXPECT_THAT(Parser().parse("*** Running tasks\n" + header.substr(22) + one).processes, IsEmpty());
+}
+
 TEST(PowermetricsParser, CutsColumnsByUserPerceivedCharacters) {
-  // Accents, a flag and a family of joined characters count one each, so the columns behind them stay where
-  // they are.
+  // Accents, a flag and a family of joined characters count one each, so the columns behind them stay in
+  // place.
   EXPECT_THAT(tasksOf("  Caf\u0065\u0301 \U0001F1E9\U0001F1EA            12     25.03     50.00  1.50\n"
                       "  \U0001F469\u200D\U0001F4BB                 13     2.00      50.00  0.50\n"
                       "\u3000wide blank         14     3.00      50.00  0.25\n")
                   .rows,
               ElementsAre(Row{12, "Caf\u0065\u0301 \U0001F1E9\U0001F1EA", 25.03, 1.5},
                           Row{13, "\U0001F469\u200D\U0001F4BB", 2, 0.5}, Row{14, "wide blank", 3, 0.25}));
-  // A name that runs into the next column takes the id along, and the row has none.
-  EXPECT_THAT(tasksOf("  a-name-that-is-much-too-long 12     25.03\n").rows, ElementsAre());
-  EXPECT_EQ(Parser::columnValue("abc", 1, 2), "b");
-  EXPECT_EQ(Parser::columnValue("abc", 2, 2), "");
-  EXPECT_EQ(Parser::columnValue("abc", 7, 9), "");
-  EXPECT_EQ(Parser::columnValue("abc", 2, std::nullopt), "c");
+  const std::tuple<std::size_t, std::optional<std::size_t>, std::string_view> columns[] = {
+      {1, 2, "b"}, {2, 2, ""}, {7, 9, ""}, {2, std::nullopt, "c"}};
+  for (const auto& [start, end, text] : columns) EXPECT_EQ(Parser::columnValue("abc", start, end), text);
   EXPECT_EQ(Parser::boundedIndex("e\u0301", 9), 3U);
-  EXPECT_EQ(Parser::parseFirstDouble("\t25.03 12.4"), 25.03);
-  EXPECT_EQ(Parser::parseFirstDouble(" - "), std::nullopt);
 }
 
 TEST(PowermetricsParser, SharesPackagePowerOut) {
-  const std::string rows =
-      "  a                 1      30.0      0      0\n  b                 2      10.0      0      0\n";
   const std::string watts = "CPU Power: 4 W\nGPU Power: 3 W\nANE Power: 2 W\n";
-  const PowermetricsParseOutput byCPU = Parser().parse(header + rows + watts);
+  const std::string a = "  a                 1      30.0      0      0\n";
+  const std::string b = "  b                 2      10.0      0      ";
+  const std::string idle = "  a                 1      0.0       0      0\n";
+  const std::string all = "ALL_TASKS           -2     ";
+  const auto parsed = [&](const std::string& rows) { return Parser().parse(header + rows + watts); };
+  const auto byCPU = parsed(a + b + "0\n");
   EXPECT_TRUE(byCPU.gpuPackageAllocatedByCPUShare());
   EXPECT_THAT(byCPU.processes, ElementsAre(PowermetricsProcessRecord{1, "a", 30, 0, 3, 2.25, 1.5, 6.75},
                                            PowermetricsProcessRecord{2, "b", 10, 0, 1, 0.75, 0.5, 2.25}));
-
-  const PowermetricsParseOutput byGPU = Parser().parse(
-      header +
-      "  a                 1      30.0      0      0\n  b                 2      10.0      0      5\n" +
-      watts);
+  const auto byGPU = parsed(a + b + "5\n");
   EXPECT_FALSE(byGPU.gpuPackageAllocatedByCPUShare());
   EXPECT_EQ(byGPU.processes.at(1).gpuPackageW, 3.0);
-
-  const std::string idle = "  a                 1      0.0       0      0\n";
-  EXPECT_EQ(Parser().parse(header + idle + watts).processes.at(0).packageW, 0.0);  // nothing to share out by
-  const auto onTotal = Parser().parse(header + idle + "ALL_TASKS           -2     50.0\n" + watts);
+  EXPECT_EQ(parsed(idle).processes.at(0).packageW, 0.0);  // nothing to share out by
+  const auto onTotal = parsed(idle + all + "50.0\n");
   EXPECT_EQ(onTotal.resolvedCPUAttributionDenominator(), 50.0);
   EXPECT_TRUE(onTotal.gpuPackageAllocatedByCPUShare());
-  EXPECT_EQ(Parser().parse(header + "ALL_TASKS           -2     -5.0\n").resolvedCPUAttributionDenominator(),
-            0.0);
+  EXPECT_EQ(parsed(all + "-5.0\n").resolvedCPUAttributionDenominator(), 0.0);
 }
 
 /// What the collector runs, and as which executable, depends on who runs these tests.
@@ -174,33 +147,28 @@ TEST(PowermetricsCollector, RunsTheToolAtLowPriorityAndWithoutAPrompt) {
 
 TEST(PowermetricsCollector, JudgesTheAnswer) {
   using Kind = PowermetricsCollectorError::Kind;
-  struct JudgeRow {
-    FakeShell::Reply reply;
-    Kind kind;
-    std::string description;
-  };
-  const JudgeRow rows[] = {
+  const std::string prefix = "powermetrics command failed: ",
+                    nothing = "powermetrics returned no usable power data.";
+  const std::tuple<FakeShell::Reply, Kind, std::string> rows[] = {
       {ShellRunnerError::timedOut("x y", 15), Kind::commandFailed,
-       "powermetrics command failed: Command timed out after 15.0s: x y"},
+       prefix + "Command timed out after 15.0s: x y"},
       {ShellResult{1, "", "\n\nsudo: A Password is required\n"}, Kind::insufficientPrivileges,
        "powermetrics requires admin privileges: sudo: A Password is required"},
       {ShellResult{1, "", " u is\nNOT in the sudoers file"}, Kind::insufficientPrivileges,
        "powermetrics requires admin privileges:  u is"},
-      {ShellResult{1, "", "\n\nfoo"}, Kind::commandFailed, "powermetrics command failed: foo"},
-      {ShellResult{64, "", ""}, Kind::commandFailed, "powermetrics command failed: <empty>"},
-      {ShellResult{0, "nothing of use\n", "password"}, Kind::emptyOrUnparseableOutput,
-       "powermetrics returned no usable power data."},
-      {ShellResult{0, "System Power: 0 W\n", ""}, Kind::emptyOrUnparseableOutput,
-       "powermetrics returned no usable power data."},
+      {ShellResult{1, "", "\n\nfoo"}, Kind::commandFailed, prefix + "foo"},
+      {ShellResult{64, "", ""}, Kind::commandFailed, prefix + "<empty>"},
+      {ShellResult{0, "nothing of use\n", "password"}, Kind::emptyOrUnparseableOutput, nothing},
+      {ShellResult{0, "System Power: 0 W\n", ""}, Kind::emptyOrUnparseableOutput, nothing},
   };
   const ScopedEnvironment quiet{{{"QZL_LOG_DISABLED", "1"}}};
-  for (const JudgeRow& row : rows) {
+  for (const auto& [reply, kind, description] : rows) {
     FakeShell shell;
-    shell.reply(expectedCommand().executable, row.reply);
+    shell.reply(expectedCommand().executable, reply);
     const auto error =
         thrownBy<PowermetricsCollectorError>([&] { PowermetricsCollector(shell).collectNormalizedSample(); });
-    EXPECT_EQ(error.kind(), row.kind);
-    EXPECT_EQ(error.what(), row.description);
+    EXPECT_EQ(error.kind(), kind);
+    EXPECT_EQ(error.what(), description);
   }
 }
 

@@ -50,30 +50,23 @@ class ProcessSampling : public ::testing::Test {
 
 TEST(ProcessSampler, ReadsLines) {
   using PSRow = ProcessSampler::PSRow;
-  struct LineRow {
-    std::string_view line;
-    std::optional<PSRow> row;
+  const std::pair<std::string_view, PSRow> rows[] = {
+      {"  12   1  0.5  0.1 /sbin/x --flag ", {12, 1, 0.5, 0.1, "/sbin/x --flag"}},
+      {"12\t1\t0\t.1\tx", {12, 1, 0, 0.1, "x"}},
+      {"-2 0 1e1 0.0 x", {-2, 0, 10, 0, "x"}},
   };
-  const LineRow rows[] = {
-      {"  12   1  0.5  0.1 /sbin/x --flag ", PSRow{12, 1, 0.5, 0.1, "/sbin/x --flag"}},
-      {"12\t1\t0\t.1\tx", PSRow{12, 1, 0, 0.1, "x"}},
-      {"-2 0 1e1 0.0 x", PSRow{-2, 0, 10, 0, "x"}},
-      {"12 1 0.0 0.1", std::nullopt},
-      {"12 1 0.0 0.1  ", std::nullopt},
-      {"x 1 0.0 0.1 name", std::nullopt},
-      {"12 1 - 0.1 name", std::nullopt},
-      {"PID PPID %CPU %MEM COMMAND", std::nullopt},
-      {" ", std::nullopt},
-  };
-  for (const LineRow& row : rows) EXPECT_EQ(ProcessSampler::parsePSLine(row.line), row.row) << row.line;
+  for (const auto& [line, row] : rows) EXPECT_EQ(ProcessSampler::parsePSLine(line), row) << line;
+  for (const auto* line : {"12 1 0.0 0.1", "12 1 0.0 0.1  ", "x 1 0.0 0.1 name", "12 1 - 0.1 name", " "}) {
+    EXPECT_EQ(ProcessSampler::parsePSLine(line), std::nullopt) << line;
+  }
 }
 
 TEST_F(ProcessSampling, RanksByCPUThenPidWithinTheLimit) {
   shell_.output("/bin/ps", "10 1 5.0 0 a\r\n3 1 5.0 0 b\u2028 7 0 9.0 0 c\n\nnot a row\n8 1 0.0 0 d\n");
-  EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(2)), (std::vector<std::int64_t>{7, 3}));
-  EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(0)), (std::vector<std::int64_t>{7}));
-  EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(-9)), (std::vector<std::int64_t>{7}));
-  EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(1000)), (std::vector<std::int64_t>{7, 3, 10, 8}));
+  using PIDs = std::vector<std::int64_t>;
+  const std::pair<std::int64_t, PIDs> rows[] = {{2, {7, 3}}, {0, {7}}, {-9, {7}}, {1000, {7, 3, 10, 8}}};
+  for (const auto& [limit, pids] : rows)
+    EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(limit)), pids) << limit;
   EXPECT_EQ(shell_.calls().at(0),
             (FakeShell::Call{"/bin/ps", {"-A", "-ww", "-o", "pid=,ppid=,%cpu=,%mem=,command="}}));
 }
@@ -88,16 +81,14 @@ TEST_F(ProcessSampling, BuildsTheTreeWithOneLookupAProcess) {
             (ProcessSample{.pid = 7, .name = "/opt/c", .bundleID = "org.c", .cpuPercent = 9}));
   EXPECT_EQ(snapshot.allProcesses.at(0).parentPID, 1);
   EXPECT_THAT(lookups_, ElementsAre(10, 7));
-  ASSERT_EQ(spans_.size(), 1U);
+  lookups_.clear();
+  clock_.advance(121);
+  sampler().sampleTopProcesses(1);
+  EXPECT_THAT(lookups_, ElementsAre(7)) << "what is not returned is not looked up";
+  ASSERT_EQ(spans_.size(), 2U);
   EXPECT_EQ(spans_[0].component, "daemonSampleProcessSampler");
   EXPECT_EQ(spans_[0].context,
             (ComponentProfiler::Context{{"stage", "parse"}, {"limit", "1"}, {"includeAll", "1"}}));
-}
-
-TEST_F(ProcessSampling, LooksUpOnlyWhatItReturns) {
-  shell_.output("/bin/ps", "1 0 0.1 0 a\n2 1 0.2 0 b\n3 1 0.3 0 c\n");
-  sampler().sampleTopProcesses(1);
-  EXPECT_THAT(lookups_, ElementsAre(3));
 }
 
 TEST_F(ProcessSampling, PassesFailuresOn) {
@@ -120,37 +111,32 @@ TEST_F(ProcessSampling, TakesImpossibleListsForFatal) {
 }
 
 TEST_F(ProcessSampling, ResolvesNames) {
-  files_ = {"/Applications/My Tool.app/Contents/MacOS/My Tool", "/opt/a b/c", "/bin/tool", "/opt"};
+  files_ = {"/Applications/My Tool.app/Contents/MacOS/My Tool", "/opt/a b/c", "/bin/tool", "/opt", "opt b/c"};
   struct NameRow {
     std::string_view commandLine;
     std::optional<Metadata> metadata;
     std::string name;
   };
+  const std::string spaced = "/Applications/My Tool.app/Contents/MacOS/My Tool";
   const NameRow rows[] = {
       {"/bin/tool -x", Metadata{" /usr/bin/real ", {}, {}}, " /usr/bin/real "},
       {"/bin/tool -x", Metadata{{}, "/Applications/B.app", {}}, "/Applications/B.app"},
       {"/bin/tool -x", Metadata{"  ", "/Applications/B.app", {}}, "/bin/tool"},
       {"/bin/tool -x", Metadata{{}, {}, "org.b"}, "/bin/tool"},
-      {"/Applications/My Tool.app/Contents/MacOS/My Tool --flag",
-       {},
-       "/Applications/My Tool.app/Contents/MacOS/My Tool"},
+      {"/Applications/My Tool.app/Contents/MacOS/My Tool --flag", {}, spaced},
       {"\"/opt/a b/c\" -x", {}, "/opt/a b/c"},
       {"launchd", {}, "launchd"},
-      {"sshd: user [priv]", {}, "sshd: user [priv]"},
+      {"opt b/c x", {}, "opt b/c x"},
       {"/gone/tool  -x", {}, "/gone/tool  -x"},
   };
   for (const NameRow& row : rows) {
     EXPECT_EQ(sampler().resolveProcessName(row.commandLine, row.metadata), row.name);
   }
-  struct TokenRow {
-    std::string_view commandLine;
-    std::optional<std::string> token;
-  };
-  const TokenRow tokens[] = {
+  const std::pair<std::string_view, std::optional<std::string>> tokens[] = {
       {" a b", "a"},      {"", std::nullopt},           {"\"\" x", std::nullopt},
       {"'a b' c", "a b"}, {"\"a\\\"b\\\\c", "a\"b\\c"}, {"'a\"b'", "a\"b"},
   };
-  for (const TokenRow& row : tokens) EXPECT_EQ(ProcessSampler::executableToken(row.commandLine), row.token);
+  for (const auto& [line, token] : tokens) EXPECT_EQ(ProcessSampler::executableToken(line), token);
 }
 
 class FakeProcesses final : public platform::RunningProcesses {
@@ -192,6 +178,7 @@ TEST(RunningProcessMetadata, IsResolvedFromPathBundleAndRecord) {
       {{{}, Application{"/A/G.app", {}}, {{"/A/G.app", "org.g"}}}, Metadata{{}, "/A/G.app", "org.g"}},
       {{"/bin/x", Application{{}, "org.x"}, {}}, Metadata{"/bin/x", {}, "org.x"}},
       {{{}, Application{}, {}}, std::nullopt},
+      {{"/bin/caf\xE9", {}, {}}, Metadata{"/bin/caf\uFFFD", {}, {}}},
   };
   for (const ResolveRow& row : rows) {
     FakeProcesses::State state = row.state;
@@ -200,67 +187,67 @@ TEST(RunningProcessMetadata, IsResolvedFromPathBundleAndRecord) {
     resolver.resolve(7);
     EXPECT_LE(state.bundleReads, 1) << "a bundle is read once";
   }
-  using Resolver = RunningProcessMetadataResolver;
-  EXPECT_EQ(Resolver::bundlePath("/A/Foo.APP/Contents/MacOS/Foo"), "/A/Foo.APP");
-  EXPECT_EQ(Resolver::bundlePath("/A/Foo.app/XPCServices/S.xpc/S"), "/A/Foo.app");
-  EXPECT_EQ(Resolver::bundlePath("/S.xpc/A.App/x"), "/S.xpc/A.App");
-  EXPECT_EQ(Resolver::bundlePath("/L/S.XPC/S"), "/L/S.XPC");
-  EXPECT_EQ(Resolver::bundlePath("/A/Foo.app"), "/A/Foo.app");
-  EXPECT_EQ(Resolver::bundlePath("/A/Foo.APP"), std::nullopt);  // at the end only in lower case
+  const std::pair<std::string, std::optional<std::string>> paths[] = {
+      {"/A/Foo.APP/Contents/MacOS/Foo", "/A/Foo.APP"},
+      {"/A/Foo.app/X/S.xpc/S", "/A/Foo.app"},
+      {"/S.xpc/A.App/x", "/S.xpc/A.App"},
+      {"/L/S.XPC/S", "/L/S.XPC"},
+      {"/A/Foo.app", "/A/Foo.app"},
+      {"/A/Foo.APP", std::nullopt},  // at the end in lower case only
+  };
+  for (const auto& [path, bundle] : paths)
+    EXPECT_EQ(RunningProcessMetadataResolver::bundlePath(path), bundle) << path;
 }
 
-TEST(RunningProcessMetadataCache, KeepsHitsLongerThanMisses) {
+/// Asks a cache for pids, counting the look-ups.
+struct CountingLookup {
   RunningProcessMetadataCache cache;
   FakeClock clock;
-  int lookups = 0;
   std::optional<Metadata> answer;
-  const auto resolve = [&] {
-    return cache.resolve(7, clock.now(), [&](std::int32_t) {
+  int lookups = 0;
+
+  std::optional<Metadata> resolve(std::int32_t pid) {
+    return cache.resolve(pid, clock.now(), [this](std::int32_t) {
       ++lookups;
       return answer;
     });
+  }
+};
+
+TEST(RunningProcessMetadataCache, KeepsHitsLongerThanMisses) {
+  CountingLookup known;
+  const auto lookupsAfter = [&](double seconds) {
+    known.clock.advance(seconds);
+    const bool found = known.resolve(7).has_value();
+    EXPECT_EQ(found, known.lookups > 1);
+    return known.lookups;
   };
-  EXPECT_EQ(resolve(), std::nullopt);
-  clock.advance(15);
-  answer = Metadata{"/bin/x", {}, {}};
-  EXPECT_EQ(resolve(), std::nullopt);
-  clock.advance(0.001);
-  EXPECT_EQ(resolve(), answer);
-  clock.advance(120);
-  EXPECT_EQ(resolve(), answer);
-  EXPECT_EQ(lookups, 2);
-  clock.advance(0.001);
-  resolve();
-  EXPECT_EQ(lookups, 3);
+  EXPECT_EQ(lookupsAfter(0), 1);
+  known.answer = Metadata{"/bin/x", {}, {}};
+  EXPECT_EQ(lookupsAfter(15), 1);
+  EXPECT_EQ(lookupsAfter(0.001), 2);
+  EXPECT_EQ(lookupsAfter(120), 2);
+  EXPECT_EQ(lookupsAfter(0.001), 3);
 }
 
 TEST(RunningProcessMetadataCache, PrunesOldEntriesAndKeepsTheNewest) {
-  RunningProcessMetadataCache cache;
-  FakeClock clock;
-  const auto miss = [](std::int32_t) { return std::optional<Metadata>(); };
-  const auto fill = [&](std::int32_t from, std::int32_t to) {
-    for (std::int32_t pid = from; pid < to; ++pid) cache.resolve(pid, clock.now(), miss);
-  };
-  fill(0, 63);
-  clock.advance(120.5);
-  EXPECT_EQ(cache.size(), 63U);
-  fill(63, 64);  // the 64th look-up prunes
-  EXPECT_EQ(cache.size(), 1U);
+  CountingLookup known;
+  for (std::int32_t pid = 0; pid < 63; ++pid) known.resolve(pid);
+  known.clock.advance(120.5);
+  EXPECT_EQ(known.cache.size(), 63U);
+  known.resolve(63);  // the 64th look-up prunes
+  EXPECT_EQ(known.cache.size(), 1U);
   for (std::int32_t pid = 1000; pid < 6000; ++pid) {
-    clock.advance(0.001);
-    fill(pid, pid + 1);
+    known.clock.advance(0.001);
+    known.resolve(pid);
   }
-  EXPECT_EQ(cache.size(), 4096U);
-  int lookups = 0;
-  const auto counting = [&](std::int32_t) {
-    ++lookups;
-    return std::optional<Metadata>();
-  };
-  cache.resolve(5999, clock.now(), counting);
-  cache.resolve(6000 - 4096, clock.now(), counting);
-  EXPECT_EQ(lookups, 0) << "the newest stayed";
-  cache.resolve(6000 - 4097, clock.now(), counting);
-  EXPECT_EQ(lookups, 1) << "the oldest went";
+  EXPECT_EQ(known.cache.size(), 4096U);
+  known.lookups = 0;
+  known.resolve(5999);
+  known.resolve(6000 - 4096);
+  EXPECT_EQ(known.lookups, 0) << "the newest stayed";
+  known.resolve(6000 - 4097);
+  EXPECT_EQ(known.lookups, 1) << "the oldest went";
 }
 
 }  // namespace

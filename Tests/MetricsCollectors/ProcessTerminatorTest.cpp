@@ -3,7 +3,6 @@
 #include <deque>
 
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,48 +15,30 @@ using namespace std::chrono_literals;
 using Result = ProcessTerminationResult;
 
 /// Answers kill(2) from a script, one errno a call, and advances its clock while sleeping.
-class ScriptedSignals final : public SignalOperations {
- public:
-  explicit ScriptedSignals(std::deque<int> errors) : errors_(std::move(errors)) {}
+struct ScriptedSignals final : SignalOperations {
+  std::deque<int> errors = {};
+  int clockDirection = 1;
+  std::size_t sent = 0;
+  std::chrono::microseconds slept{0};
 
   std::int32_t ownPID() override { return 1234; }
-  int send(std::int32_t, int signal) override {
-    signals.push_back(signal);
-    if (errors_.empty()) return 0;
-    const int error = errors_.front();
-    errors_.pop_front();
-    return error;
+  int send(std::int32_t, int) override { return sent++ < errors.size() ? errors[sent - 1] : 0; }
+  std::chrono::system_clock::time_point now() override {
+    return std::chrono::system_clock::time_point(1'000'000s) + slept * clockDirection;
   }
-  std::chrono::system_clock::time_point now() override { return now_; }
-  void sleep(std::chrono::microseconds duration) override {
-    slept += duration;
-    now_ += clockRunsBackwards ? -duration : duration;
-  }
-
-  std::vector<int> signals;
-  std::chrono::microseconds slept{0};
-  bool clockRunsBackwards = false;
-
- private:
-  std::deque<int> errors_;
-  std::chrono::system_clock::time_point now_{1'000'000s};
+  void sleep(std::chrono::microseconds duration) override { slept += duration; }
 };
 
 constexpr int polls = 18;  // one every 20 ms within 350 ms
 
-std::deque<int> aliveFor(int probes, std::deque<int> then) {
-  then.insert(then.begin(), static_cast<std::size_t>(probes), 0);
-  return then;
-}
-
 TEST(ProcessTerminator, HasOneMessageForEveryPath) {
-  struct Row {
-    std::int32_t pid;
-    std::deque<int>
-        errors;  ///< of the probe, SIGTERM, the probes of the wait, SIGKILL, the probes of the second wait
-    Result result;
+  /// The errors of a process that outlives SIGTERM and the wait for it.
+  const auto survivor = [](std::deque<int> then) {
+    then.insert(then.begin(), 2 + polls, 0);
+    return then;
   };
-  const Row rows[] = {
+  // The errors are of the probe, SIGTERM, the probes of the wait, SIGKILL, the probes of the second wait.
+  const std::tuple<std::int32_t, std::deque<int>, Result> rows[] = {
       {0, {}, Result::failure("Invalid PID 0.")},
       {-5, {}, Result::failure("Invalid PID -5.")},
       {1234, {}, Result::failure("Refusing to terminate the current process (1234).")},
@@ -68,69 +49,45 @@ TEST(ProcessTerminator, HasOneMessageForEveryPath) {
       {7, {0, 0, ESRCH}, Result::success()},
       {7, {0, 0, 0, 0, ESRCH}, Result::success()},
       {7, {0, 0, EPERM, ESRCH}, Result::success("Process 7 exited before SIGKILL completed.")},
-      {7, aliveFor(2 + polls, {ESRCH}), Result::success("Process 7 exited before SIGKILL completed.")},
-      {7, aliveFor(2 + polls, {EPERM}),
+      {7, survivor({ESRCH}), Result::success("Process 7 exited before SIGKILL completed.")},
+      {7, survivor({EPERM}),
        Result::failure("Unable to force terminate process 7: Operation not permitted.")},
-      {7, aliveFor(2 + polls, {0, ESRCH}), Result::success("Process 7 required SIGKILL.")},
+      {7, survivor({0, ESRCH}), Result::success("Process 7 required SIGKILL.")},
       {7, {}, Result::failure("Process 7 ignored SIGTERM and SIGKILL.")},
   };
-  for (const Row& row : rows) {
-    ScriptedSignals signals(row.errors);
-    EXPECT_EQ(DefaultProcessTerminator(signals).terminateProcess(row.pid), row.result)
-        << row.result.message.value_or("(none)");
-    EXPECT_EQ(signals.signals.empty(), row.pid != 7) << row.pid;
+  for (const auto& [pid, errors, result] : rows) {
+    ScriptedSignals signals;
+    signals.errors = errors;
+    EXPECT_EQ(DefaultProcessTerminator(signals).terminateProcess(pid), result)
+        << result.message.value_or("(none)");
+    EXPECT_EQ(signals.sent == 0, pid != 7) << pid;
   }
 }
 
 TEST(ProcessTerminator, DoesNotWaitForeverWhileTheClockIsSetBack) {
-  ScriptedSignals signals({});
-  signals.clockRunsBackwards = true;
+  ScriptedSignals signals;
+  signals.clockDirection = -1;
   EXPECT_FALSE(DefaultProcessTerminator(signals).terminateProcess(7).succeeded);
   EXPECT_EQ(signals.slept, 2 * polls * 20ms);
 }
 
-/// A shell running the script, reaped by a thread-free waiter at the end of the scope.
-class Child {
- public:
-  explicit Child(const char* script) {
-    const char* arguments[] = {"sh", "-c", script, nullptr};
-    ::posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char* const*>(arguments), environ);
-  }
-  ~Child() {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-  pid_t pid() const { return pid_; }
-
- private:
-  pid_t pid_ = -1;
-};
-
-TEST(ProcessTerminator, SeesAZombieAsRunning) {
-  const Child child("exec sleep 100");  // nobody reaps it before the end of this test
-  const std::string number = std::to_string(child.pid());
-  const DefaultProcessTerminator terminator;
-  EXPECT_EQ(terminator.terminateProcess(child.pid()),
-            Result::failure("Process " + number + " ignored SIGTERM and SIGKILL."));
-}
-
 TEST(ProcessTerminator, EndsARealProcessAndKnowsOneThatIsGone) {
-  struct sigaction reap {};
-  reap.sa_handler = SIG_DFL;
-  reap.sa_flags = SA_NOCLDWAIT;  // the system reaps, as the parent of a terminated application would
-  struct sigaction former {};
-  ::sigaction(SIGCHLD, &reap, &former);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    for (;;) ::pause();
+  }
   const DefaultProcessTerminator terminator;
-  const Child polite("exec sleep 100");
-  EXPECT_EQ(terminator.terminateProcess(polite.pid()), Result::success());
-  EXPECT_EQ(terminator.terminateProcess(polite.pid()),
-            Result::success("Process " + std::to_string(polite.pid()) + " is already stopped."));
-  ::sigaction(SIGCHLD, &former, nullptr);
-  EXPECT_EQ(
-      terminator.terminateProcess(::getpid()),
-      Result::failure("Refusing to terminate the current process (" + std::to_string(::getpid()) + ")."));
+  const std::string name = "Process " + std::to_string(child);
+  // Nobody has reaped it yet, and a zombie is still there to be signalled.
+  EXPECT_EQ(terminator.terminateProcess(child), Result::failure(name + " ignored SIGTERM and SIGKILL."));
+  ::kill(child, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(WTERMSIG(status), SIGTERM);
+  EXPECT_EQ(terminator.terminateProcess(child), Result::success(name + " is already stopped."));
+  const std::string own = std::to_string(::getpid());
+  EXPECT_EQ(terminator.terminateProcess(::getpid()),
+            Result::failure("Refusing to terminate the current process (" + own + ")."));
 }
 
 }  // namespace

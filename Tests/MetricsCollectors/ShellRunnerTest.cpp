@@ -23,7 +23,6 @@ using ::testing::HasSubstr;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
 using Kind = ShellRunnerError::Kind;
-using Arguments = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
 ShellResult runScript(const DefaultShellRunner& runner, const std::string& script) {
@@ -39,36 +38,28 @@ TEST(ShellRunner, ChoosesTheTimeOut) {
   struct Row {
     Value shell;
     Value powermetrics;
-    std::string executable;
-    Arguments arguments;
+    ToolCommand command;
     double seconds;
   };
   const std::string tool = "/usr/bin/powermetrics";
+  const ToolCommand ps{"/bin/ps", {}};
+  const ToolCommand bare{tool, {}};
+  // clang-format off
   const Row rows[] = {
-      {{}, {}, "/usr/sbin/ioreg", {"-a"}, 4.0},
-      {{}, {}, tool, {}, 15.0},
-      {{}, {}, "/opt/powermetrics", {}, 15.0},
-      {{}, {}, "/usr/bin/nice", {"-n", "10", tool, "-n", "1"}, 15.0},
-      {{}, {}, "/usr/bin/sudo", {"-n", "/usr/bin/nice", tool}, 15.0},
-      {{}, {}, "/usr/bin/nice", {"-n", "10", "/bin/ls"}, 4.0},
-      {{}, {}, "/usr/bin/env", {tool}, 4.0},
-      {"0.1", {}, "/bin/ps", {}, 0.25},
-      {"abc", {}, "/bin/ps", {}, 4.0},
-      {" 2", {}, "/bin/ps", {}, 4.0},
-      {"", {}, "/bin/ps", {}, 4.0},
-      {"nan", {}, "/bin/ps", {}, 0.25},
-      {"10", {}, "/bin/ps", {}, 10.0},
-      {"10", {}, tool, {}, 15.0},
-      {{}, "0.5", tool, {}, 1.0},
-      {{}, "30", tool, {}, 30.0},
-      {{}, "30x", tool, {}, 15.0},
-      {{}, "30", "/bin/ps", {}, 4.0},
+      {{}, {}, ps, 4.0},       {{}, {}, bare, 15.0},      {{}, {}, {"/opt/powermetrics", {}}, 15.0},
+      {"0.1", {}, ps, 0.25},   {"abc", {}, ps, 4.0},      {" 2", {}, ps, 4.0},       {"", {}, ps, 4.0},
+      {"nan", {}, ps, 0.25},   {"10", {}, ps, 10.0},      {"10", {}, bare, 15.0},    {{}, "30", ps, 4.0},
+      {{}, "0.5", bare, 1.0},  {{}, "30", bare, 30.0},    {{}, "30x", bare, 15.0},   {{}, {}, {"/usr/bin/env", {tool}}, 4.0},
+      {{}, {}, {"/usr/bin/nice", {"-n", "10", tool}}, 15.0}, {{}, {}, {"/usr/bin/nice", {"-n", "10", "/bin/ls"}}, 4.0},
+      {{}, {}, {"/usr/bin/sudo", {"-n", "/usr/bin/nice", tool}}, 15.0},
   };
+  // clang-format on
   for (const Row& row : rows) {
     const ScopedEnvironment environment{
         {{"QZL_SHELL_TIMEOUT_SEC", row.shell}, {"QZL_PM_TIMEOUT_SEC", row.powermetrics}}};
-    EXPECT_EQ(DefaultShellRunner::resolveTimeoutSeconds(row.executable, row.arguments), row.seconds)
-        << row.executable << ' ' << row.shell.value_or("-") << ' ' << row.powermetrics.value_or("-");
+    EXPECT_EQ(DefaultShellRunner::resolveTimeoutSeconds(row.command.executable, row.command.arguments),
+              row.seconds)
+        << row.command.executable << ' ' << row.shell.value_or("-") << ' ' << row.powermetrics.value_or("-");
   }
 }
 
@@ -99,9 +90,9 @@ TEST(ShellRunner, TakesMoreOutputThanAPipeHolds) {
 TEST(ShellRunner, SaysWhyACommandDoesNotStart) {
   const TemporaryDirectory folder;
   const std::string plainFile = folder.write("plain", "#!/bin/sh\n");
-  for (const auto& [executable, why] :
-       {std::pair<std::string, std::string>{"/nowhere/tool", "No such file or directory"},
-        {plainFile, "Permission denied"}}) {
+  const std::pair<std::string, std::string> rows[] = {{"/nowhere/tool", "No such file or directory"},
+                                                      {plainFile, "Permission denied"}};
+  for (const auto& [executable, why] : rows) {
     const auto error =
         thrownBy<ShellRunnerError>([&, name = executable] { DefaultShellRunner().run(name, {}); });
     EXPECT_EQ(error.kind(), Kind::failedToLaunch);

@@ -1,7 +1,4 @@
 #include <csignal>
-#include <filesystem>
-#include <optional>
-#include <string>
 #include <variant>
 
 #include <gtest/gtest.h>
@@ -14,8 +11,6 @@
 
 namespace quenzel::platform {
 namespace {
-
-using testing::DaemonSurroundings;
 
 constexpr const char* serviceName = "com.quenzel.metricsd";
 
@@ -33,48 +28,41 @@ std::string connectionFailure() {
   return failure ? failure->message : "connected";
 }
 
-class RequestTransportTest : public ::testing::Test {
- protected:
-  DaemonSurroundings surroundings_;
-  TurningAway handler_;
-};
-
-TEST_F(RequestTransportTest, SaysWhyItDoesNotServe) {
-  surroundings_.folder().write("file", "");
-  const std::string longFolder = surroundings_.folder() / std::string(100, 'x');
+TEST(RequestTransportTest, SaysWhyItDoesNotServe) {
+  const testing::DaemonSurroundings surroundings;
+  const auto& folder = surroundings.folder();
+  folder.write("file", "");
+  const std::string longFolder = folder / std::string(100, 'x');
   const std::string longPath = longFolder + "/com.quenzel.metricsd.sock";
-  const std::string inTheWay = surroundings_.folder().write("blocked/com.quenzel.metricsd.sock", "keep me");
-  const FileDescriptor live = surroundings_.listeningSocket();
-  struct Row {
-    std::string socketDirectory;
-    std::string message;
-  };
-  const Row rows[] = {
-      {surroundings_.folder() / "file/below",
-       "Cannot create the folder " + (surroundings_.folder() / "file/below") + ": Not a directory"},
+  const std::string inTheWay = folder.write("blocked/com.quenzel.metricsd.sock", "keep me");
+  const FileDescriptor live = surroundings.listeningSocket();
+  const std::pair<std::string, std::string> rows[] = {
+      {folder / "file/below", "Cannot create the folder " + (folder / "file/below") + ": Not a directory"},
       {longFolder, "The socket's path is too long (" + std::to_string(longPath.size()) +
                        " bytes, at most 107 fit): " + longPath},
-      {surroundings_.folder() / "blocked", "Something that is not a socket is in the way: " + inTheWay},
-      {surroundings_.folder() / "run/quenzel",
-       "A daemon is already running at " + surroundings_.socketPath()},
+      {folder / "blocked", "Something that is not a socket is in the way: " + inTheWay},
+      {folder / "run/quenzel", "A daemon is already running at " + surroundings.socketPath()},
   };
-  for (const Row& row : rows) {
-    const testing::ScopedEnvironment moved{{{"QZL_SOCKET_DIRECTORY", row.socketDirectory}}};
-    EXPECT_EQ(serveRequests(serviceName, handler_).message, row.message);
+  TurningAway handler;
+  for (const auto& [socketDirectory, message] : rows) {
+    const testing::ScopedEnvironment moved{{{"QZL_SOCKET_DIRECTORY", socketDirectory}}};
+    EXPECT_EQ(serveRequests(serviceName, handler).message, message);
   }
-  EXPECT_EQ(surroundings_.folder().read("blocked/com.quenzel.metricsd.sock"), "keep me");
+  EXPECT_EQ(folder.read("blocked/com.quenzel.metricsd.sock"), "keep me");
 }
 
-TEST_F(RequestTransportTest, SaysWhyNobodyAnswers) {
-  const std::string nobody = "No daemon answers at " + surroundings_.socketPath() + ": ";
+TEST(RequestTransportTest, SaysWhyNobodyAnswers) {
+  const testing::DaemonSurroundings surroundings;
+  const std::string nobody = "No daemon answers at " + surroundings.socketPath() + ": ";
   EXPECT_EQ(connectionFailure(), nobody + "No such file or directory");
-  surroundings_.listeningSocket();
+  surroundings.listeningSocket();
   EXPECT_EQ(connectionFailure(), nobody + "Connection refused");
 
   const pid_t server = ::fork();
   if (server == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    serveRequests(serviceName, handler_);
+    TurningAway handler;
+    serveRequests(serviceName, handler);
     ::_exit(1);
   }
   EXPECT_TRUE(testing::eventually([&] { return connectionFailure() == nobody + "Connection reset by peer"; }))

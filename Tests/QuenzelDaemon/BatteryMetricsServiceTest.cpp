@@ -1,14 +1,7 @@
-#include <filesystem>
-#include <optional>
-#include <ostream>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "QuenzelDaemon/BatteryMetricsService.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
@@ -21,150 +14,94 @@ namespace quenzel {
 namespace {
 
 using testing::FakeShell;
-using testing::ScopedEnvironment;
-using testing::TemporaryDirectory;
+using testing::modeOf;
 using Message = std::optional<std::string>;
+using Lines = std::vector<std::string>;
 
-class FakeTerminator final : public ProcessTerminating {
- public:
-  explicit FakeTerminator(ProcessTerminationResult result = {}) : result_(std::move(result)) {}
-  ProcessTerminationResult terminateProcess(std::int32_t) const override { return result_; }
-
- private:
-  ProcessTerminationResult result_;
+struct FakeTerminator final : ProcessTerminating {
+  explicit FakeTerminator(ProcessTerminationResult says = {}) : result(std::move(says)) {}
+  ProcessTerminationResult terminateProcess(std::int32_t) const override { return result; }
+  ProcessTerminationResult result;
 };
 
-struct Outcome {
-  bool success = false;
-  Message message;
-  std::vector<std::string> log;  ///< "LEVEL message"
-
-  bool operator==(const Outcome&) const = default;
-};
-
-void PrintTo(const Outcome& outcome, std::ostream* stream) {
-  *stream << outcome.success << " / " << outcome.message.value_or("(none)");
-  for (const std::string& line : outcome.log) *stream << "\n    " << line;
-}
-
-/// "[<time>] [INFO] [Daemon] text" becomes "INFO text".
-std::vector<std::string> withoutTimeAndComponent(const std::string& written) {
-  std::vector<std::string> lines;
-  std::istringstream stream(written);
-  for (std::string line; std::getline(stream, line);) {
-    const std::size_t level = line.find("] [") + 3;
-    const std::size_t component = line.find("] [Daemon] ", level);
-    lines.push_back(line.substr(level, component - level) + " " + line.substr(component + 11));
-  }
-  return lines;
+/// "success / message" of a reply.
+std::string described(bool success, const Message& message) {
+  return (success ? "true / " : "false / ") + message.value_or("(none)");
 }
 
 class BatteryMetricsServiceTest : public ::testing::Test {
  protected:
   void SetUp() override { RuntimeLog::setMinimumLevel(RuntimeLogLevel::info); }
 
-  /// Makes the request of a service that has just started, and gathers what it replies and logs.
+  /// Makes the request of a service that has just started; the lines that it logs then, without time and
+  /// component ("LEVEL message"), and at the end each of its replies, described.
   template <typename Request>
-  Outcome outcomeOf(const ShellRunning& shell, const ProcessTerminating& terminator, Request request) {
-    Outcome outcome;
-    int replies = 0;
+  Lines outcomeOf(const ShellRunning& shell, const ProcessTerminating& terminator, Request request) {
+    Lines replies;
     ::testing::internal::CaptureStderr();
     BatteryMetricsService service(shell, terminator);
-    request(service, [&](bool success, const Message& message) {
-      ++replies;
-      outcome.success = success;
-      outcome.message = message;
-    });
-    outcome.log = withoutTimeAndComponent(::testing::internal::GetCapturedStderr());
-    EXPECT_EQ(outcome.log.front(), "INFO BatteryMetricsService initialized.");
-    outcome.log.erase(outcome.log.begin());
-    EXPECT_EQ(replies, 1);
+    request(service,
+            [&](bool success, const Message& message) { replies.push_back(described(success, message)); });
+    Lines outcome;
+    std::istringstream written(::testing::internal::GetCapturedStderr());
+    for (std::string line; std::getline(written, line);) {
+      const std::size_t level = line.find("] [") + 3;
+      const std::size_t component = line.find("] [Daemon] ", level);
+      outcome.push_back(line.substr(level, component - level) + " " + line.substr(component + 11));
+    }
+    EXPECT_EQ(outcome.front(), "INFO BatteryMetricsService initialized.");
+    outcome.erase(outcome.begin());
+    outcome.insert(outcome.end(), replies.begin(), replies.end());
     return outcome;
   }
 
-  TemporaryDirectory folder_;
-  ScopedEnvironment environment_{
+  testing::TemporaryDirectory folder_;
+  testing::ScopedEnvironment environment_{
       {{"QZL_SHARED_DIRECTORY", folder_.path()}, {"QZL_LOG_DISABLED", std::nullopt}}};
 };
 
 TEST_F(BatteryMetricsServiceTest, SetsLowPowerModeAndReadsItBack) {
   const ShellResult done{};
   const auto prints = [](std::string text) { return ShellResult{0, std::move(text), ""}; };
-  const std::string undecided =
-      "Failed to launch command: Unable to determine lowpowermode state from pmset output.";
   const std::string applied = "INFO setLowPowerMode applied successfully.";
+  const std::string unverified = "ERROR setLowPowerMode verification failed: ";
+  const std::string failed = "ERROR setLowPowerMode failed: ";
+  const std::string broken = "ERROR setLowPowerMode command error: ";
   struct Row {
     bool enabled;
     std::vector<FakeShell::Reply> replies;
-    bool success;
+    std::string log;  // the message follows
     Message message;
-    std::string log;
   };
+  // clang-format off
   const Row rows[] = {
-      {true, {done, prints("Currently in use:\n lowpowermode         1\n")}, true, {}, applied},
-      {false, {done, prints(" sleep 1\r lowpowermode         0\r disksleep 10")}, true, {}, applied},
-      {true, {done, prints("\t LowPowerMode \u00a0 1 \u2003\n")}, true, {}, applied},
+      {true, {done, prints("Currently in use:\n lowpowermode         1\n")}, applied, {}},
+      {false, {done, prints(" sleep 1\r lowpowermode         0\r disksleep 10")}, applied, {}},
+      {true, {done, prints("\t LowPowerMode \u00a0 1 \u2003\n")}, applied, {}},
       // The first line that decides wins; "2" and a word do not decide.
-      {true,
-       {done, prints("lowpowermode 2\nlowpowermode on\nlowpowermode 1\nlowpowermode 0")},
-       true,
-       {},
-       applied},
-      {true,
-       {done, prints(" lowpowermode 0\n")},
-       false,
-       "pmset completed but lowpowermode remained 0",
-       "ERROR setLowPowerMode verification failed: pmset completed but lowpowermode remained 0"},
-      {false,
-       {done, prints(" lowpowermode 1\n")},
-       false,
-       "pmset completed but lowpowermode remained 1",
-       "ERROR setLowPowerMode verification failed: pmset completed but lowpowermode remained 1"},
-      {true,
-       {ShellResult{1, "out", ""}},
-       false,
-       "pmset returned status 1",
-       "ERROR setLowPowerMode failed: pmset returned status 1"},
-      {true,
-       {ShellResult{1, "", "\n\r\n"}},
-       false,
-       "pmset returned status 1",
-       "ERROR setLowPowerMode failed: pmset returned status 1"},
-      {true, {ShellResult{64, "", "\nfoo\nbar"}}, false, "foo", "ERROR setLowPowerMode failed: foo"},
-      // A line of blanks is not empty, and no line is trimmed.
-      {true, {ShellResult{64, "", " \nfoo"}}, false, " ", "ERROR setLowPowerMode failed:  "},
-      {true,
-       {ShellRunnerError::failedToLaunch("gone")},
-       false,
-       "Failed to launch command: gone",
-       "ERROR setLowPowerMode command error: Failed to launch command: gone"},
-      {true,
-       {done, ShellRunnerError::timedOut("/usr/bin/pmset -g", 4)},
-       false,
-       "Command timed out after 4.0s: /usr/bin/pmset -g",
-       "ERROR setLowPowerMode command error: Command timed out after 4.0s: /usr/bin/pmset -g"},
-      {true,
-       {done, ShellResult{3, "lowpowermode 1", "no"}},
-       false,
-       "Command exited with status 3: no",
-       "ERROR setLowPowerMode command error: Command exited with status 3: no"},
-      {true, {done, prints("")}, false, undecided, "ERROR setLowPowerMode command error: " + undecided},
-      {true,
-       {done, prints("xlowpowermode 1\nlowpowermode")},
-       false,
-       undecided,
-       "ERROR setLowPowerMode command error: " + undecided},
+      {true, {done, prints("lowpowermode 2\nlowpowermode on\nlowpowermode 1\nlowpowermode 0")}, applied, {}},
+      {true, {done, prints(" lowpowermode 0\n")}, unverified, "pmset completed but lowpowermode remained 0"},
+      {false, {done, prints(" lowpowermode 1\n")}, unverified, "pmset completed but lowpowermode remained 1"},
+      {true, {ShellResult{1, "out", "\n\r\n"}}, failed, "pmset returned status 1"},
+      {true, {ShellResult{64, "", "\nfoo\nbar"}}, failed, "foo"},
+      {true, {ShellResult{64, "", " \nfoo"}}, failed, " "},  // blanks are not empty, and no line is trimmed
+      {true, {ShellRunnerError::failedToLaunch("gone")}, broken, "Failed to launch command: gone"},
+      {true, {done, ShellRunnerError::timedOut("/usr/bin/pmset -g", 4)},
+       broken, "Command timed out after 4.0s: /usr/bin/pmset -g"},
+      {true, {done, ShellResult{3, "lowpowermode 1", "no"}}, broken, "Command exited with status 3: no"},
+      {true, {done, prints("xlowpowermode 1\nlowpowermode")},
+       broken, "Failed to launch command: Unable to determine lowpowermode state from pmset output."},
   };
+  // clang-format on
   for (const Row& row : rows) {
     FakeShell shell;
     for (const FakeShell::Reply& reply : row.replies) shell.reply("/usr/bin/pmset", reply);
-    const Outcome outcome = outcomeOf(shell, FakeTerminator(), [&](auto& service, const auto& reply) {
+    const Lines outcome = outcomeOf(shell, FakeTerminator(), [&](auto& service, const auto& reply) {
       service.setLowPowerMode(row.enabled, reply);
     });
-    const char* request = row.enabled ? "INFO setLowPowerMode request received: enabled=true"
-                                      : "INFO setLowPowerMode request received: enabled=false";
-    EXPECT_EQ(outcome, (Outcome{row.success, row.message, {request, row.log}}));
-
+    const std::string request = "INFO setLowPowerMode request received: enabled=";
+    EXPECT_EQ(outcome, (Lines{request + (row.enabled ? "true" : "false"), row.log + row.message.value_or(""),
+                              described(!row.message, row.message)}));
     std::vector<FakeShell::Call> calls = {
         {"/usr/bin/pmset", {"-a", "lowpowermode", row.enabled ? "1" : "0"}}};
     if (row.replies.size() > 1) calls.push_back({"/usr/bin/pmset", {"-g"}});
@@ -173,38 +110,27 @@ TEST_F(BatteryMetricsServiceTest, SetsLowPowerModeAndReadsItBack) {
 }
 
 TEST_F(BatteryMetricsServiceTest, RepliesWhatTheTerminatorSays) {
-  const std::string request = "INFO terminateProcess request received: pid=42";
-  const std::string succeeded = "INFO terminateProcess succeeded for pid=42";
-  struct Row {
-    ProcessTerminationResult result;
-    std::string log;
-  };
-  const Row rows[] = {
-      {ProcessTerminationResult::success(), succeeded},
-      {ProcessTerminationResult::success("Process 42 required SIGKILL."), succeeded},
-      {ProcessTerminationResult::failure("Invalid PID 42."),
-       "ERROR terminateProcess failed for pid=42: Invalid PID 42."},
-      {{false, std::nullopt}, "ERROR terminateProcess failed for pid=42: unknown"},
-  };
-  for (const Row& row : rows) {
-    const Outcome outcome =
-        outcomeOf(FakeShell(), FakeTerminator(row.result),
+  using Result = ProcessTerminationResult;
+  const std::string failed = "ERROR terminateProcess failed for pid=42: ";
+  const std::pair<Result, std::string> rows[] = {
+      {Result::success("Process 42 required SIGKILL."), "INFO terminateProcess succeeded for pid=42"},
+      {Result::failure("Invalid PID 42."), failed + "Invalid PID 42."},
+      {{false, std::nullopt}, failed + "unknown"}};
+  for (const auto& [result, log] : rows) {
+    const Lines outcome =
+        outcomeOf(FakeShell(), FakeTerminator(result),
                   [](auto& service, const auto& reply) { service.terminateProcess(42, reply); });
-    EXPECT_EQ(outcome, (Outcome{row.result.succeeded, row.result.message, {request, row.log}}));
+    EXPECT_EQ(outcome, (Lines{"INFO terminateProcess request received: pid=42", log,
+                              described(result.succeeded, result.message)}));
   }
 }
 
 TEST_F(BatteryMetricsServiceTest, AnswersPingsAndEveryConnection) {
-  const Outcome outcome = outcomeOf(FakeShell(), FakeTerminator(), [](auto& service, const auto& reply) {
+  const Lines outcome = outcomeOf(FakeShell(), FakeTerminator(), [](auto& service, const auto& reply) {
     EXPECT_TRUE(service.shouldAcceptNewConnection());
     service.ping([&](bool ok) { reply(ok, std::nullopt); });
   });
-  EXPECT_EQ(outcome, (Outcome{true, {}, {"INFO Accepted XPC connection.", "INFO ping received."}}));
-}
-
-mode_t modeOf(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+  EXPECT_EQ(outcome, (Lines{"INFO Accepted XPC connection.", "INFO ping received.", "true / (none)"}));
 }
 
 TEST_F(BatteryMetricsServiceTest, StartOpensTheSharedDatabaseToEveryone) {
@@ -216,10 +142,7 @@ TEST_F(BatteryMetricsServiceTest, StartOpensTheSharedDatabaseToEveryone) {
   std::filesystem::create_symlink(stranger, database + "-wal");
   std::filesystem::create_hard_link(linked, database + "-shm");
 
-  RuntimeLog::setMinimumLevel(RuntimeLogLevel::error);
-  const FakeShell shell;
-  const FakeTerminator terminator;
-  const BatteryMetricsService service(shell, terminator);
+  outcomeOf(FakeShell(), FakeTerminator(), [](auto&, const auto&) {});
   EXPECT_EQ(modeOf(folder_ / "Quenzel"), 0777u);
   EXPECT_EQ(modeOf(database), 0666u);
   // In a folder that everyone may write, a link may lead to a file that is nobody else's business.
@@ -228,19 +151,15 @@ TEST_F(BatteryMetricsServiceTest, StartOpensTheSharedDatabaseToEveryone) {
 }
 
 TEST_F(BatteryMetricsServiceTest, SidecarPermissionsEndAtTheSharedDirectory) {
-  const TemporaryDirectory elsewhere;
-  const std::string paths[] = {
-      elsewhere.write("Quenzel/battery_history.sqlite", ""),
-      folder_.path().string() + "x/battery_history.sqlite",  // the same letters, but another folder
-      "",
-  };
-  ::chmod(paths[0].c_str(), 0600);
-  for (const std::string& path : paths) ensureSharedSnapshotSidecarPermissions(path);
-  EXPECT_EQ(modeOf(paths[0]), 0600u);
-
+  const testing::TemporaryDirectory elsewhere;
+  const std::string database = elsewhere.write("Quenzel/battery_history.sqlite", "");
+  ::chmod(database.c_str(), 0600);
   std::filesystem::create_directory_symlink(elsewhere / "Quenzel", folder_ / "Quenzel");
-  ensureSharedSnapshotSidecarPermissions(folder_ / "Quenzel/battery_history.sqlite");
-  EXPECT_EQ(modeOf(paths[0]), 0600u);
+  const std::string sameLetters = folder_.path().string() + "x/battery_history.sqlite";  // in another folder
+  for (const std::string& path :
+       {database, sameLetters, std::string(), folder_ / "Quenzel/battery_history.sqlite"})
+    ensureSharedSnapshotSidecarPermissions(path);
+  EXPECT_EQ(modeOf(database), 0600u);
 }
 
 }  // namespace

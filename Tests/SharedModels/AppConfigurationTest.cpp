@@ -7,39 +7,32 @@ namespace {
 
 using platform::PropertyDictionary;
 
-class FakeBundle final : public platform::BundleInformation {
- public:
-  FakeBundle(std::optional<std::string> identifier, PropertyDictionary info)
-      : identifier_(std::move(identifier)), info_(std::move(info)) {}
-  std::optional<std::string> bundleIdentifier() const override { return identifier_; }
-  const PropertyDictionary* infoDictionary() const override { return info_.empty() ? nullptr : &info_; }
-
- private:
-  std::optional<std::string> identifier_;
-  PropertyDictionary info_;
+struct FakeBundle final : platform::BundleInformation {
+  std::optional<std::string> identifier;
+  PropertyDictionary info;
+  std::optional<std::string> bundleIdentifier() const override { return identifier; }
+  const PropertyDictionary* infoDictionary() const override { return info.empty() ? nullptr : &info; }
 };
 
 TEST(AppConfiguration, ResolvesIdentifiers) {
-  struct Row {
+  constexpr auto prefixKey = "QZLBundleIdentifierPrefix", labelKey = "QZLDaemonLabel";
+  const struct {
     std::optional<std::string> identifier;
     PropertyDictionary info;
-    std::string prefix;
-    std::string daemon;
-  };
-  const Row rows[] = {
+    std::string prefix, daemon;
+  } rows[] = {
       {std::nullopt, {}, "com.quenzel", "com.quenzel.metricsd"},
       {" \n", {}, "com.quenzel", "com.quenzel.metricsd"},
       {"com.quenzel.app ", {}, "com.quenzel.app", "com.quenzel.app.metricsd"},
-      {"com.x",
-       {{"QZLBundleIdentifierPrefix", "  sample.prefix \n"}},
-       "sample.prefix",
-       "sample.prefix.metricsd"},
-      {"com.x", {{"QZLBundleIdentifierPrefix", " "}, {"QZLDaemonLabel", " \t"}}, "com.x", "com.x.metricsd"},
-      {"com.x", {{"QZLDaemonLabel", " my.daemon "}}, "com.x", "my.daemon"},
-      {"com.x", {{"QZLBundleIdentifierPrefix", true}}, "com.x", "com.x.metricsd"},
+      {"com.x", {{prefixKey, "  sample.prefix \n"}}, "sample.prefix", "sample.prefix.metricsd"},
+      {"com.x", {{prefixKey, " "}, {labelKey, " \t"}}, "com.x", "com.x.metricsd"},
+      {"com.x", {{labelKey, " my.daemon "}}, "com.x", "my.daemon"},
+      {"com.x", {{prefixKey, true}}, "com.x", "com.x.metricsd"},
   };
-  for (const Row& row : rows) {
-    const FakeBundle bundle(row.identifier, row.info);
+  for (const auto& row : rows) {
+    FakeBundle bundle;
+    bundle.identifier = row.identifier;
+    bundle.info = row.info;
     EXPECT_EQ(AppConfiguration::bundleIdentifierPrefix(bundle), row.prefix);
     EXPECT_EQ(AppConfiguration::daemonBundleIdentifier(bundle), row.daemon);
     EXPECT_EQ(AppConfiguration::daemonPlistName(bundle), row.daemon + ".plist");
@@ -48,24 +41,21 @@ TEST(AppConfiguration, ResolvesIdentifiers) {
 }
 
 TEST(AppConfiguration, TakesTheFeedFromTheFirstPlaceThatSetsOne) {
+  constexpr auto variable = "QZL_UPDATE_FEED_URL";
   const std::string standard = AppConfiguration::Updates::defaultFeedURL();
-  struct Row {
-    std::map<std::string, std::string> environment;
-    PropertyDictionary info;
-    std::string feed;
+  const PropertyDictionary none, ours{{"SUFeedURL", "https://b.example"}}, odd{{"SUFeedURL", true}};
+  const std::tuple<std::map<std::string, std::string>, PropertyDictionary, std::string> rows[] = {
+      {{}, none, standard},
+      {{{variable, "https://a.example/feed.xml?x=%20"}}, none, "https://a.example/feed.xml?x=%20"},
+      {{{variable, "not a url"}}, ours, standard},
+      {{{variable, ""}}, ours, standard},
+      {{{variable, "https://a.example/%2"}}, none, standard},
+      {{{variable, "https://"}}, none, standard},
+      {{}, ours, "https://b.example"},
+      {{}, odd, standard},
   };
-  const Row rows[] = {
-      {{}, {}, standard},
-      {{{"QZL_UPDATE_FEED_URL", "https://a.example/feed.xml?x=%20"}}, {}, "https://a.example/feed.xml?x=%20"},
-      {{{"QZL_UPDATE_FEED_URL", "not a url"}}, {{"SUFeedURL", "https://b.example"}}, standard},
-      {{{"QZL_UPDATE_FEED_URL", ""}}, {{"SUFeedURL", "https://b.example"}}, standard},
-      {{{"QZL_UPDATE_FEED_URL", "https://a.example/%2"}}, {}, standard},
-      {{{"QZL_UPDATE_FEED_URL", "https://"}}, {}, standard},
-      {{}, {{"SUFeedURL", "https://b.example"}}, "https://b.example"},
-      {{}, {{"SUFeedURL", true}}, standard},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(AppConfiguration::Updates::feedURL(row.environment, &row.info), row.feed);
+  for (const auto& [environment, info, feed] : rows) {
+    EXPECT_EQ(AppConfiguration::Updates::feedURL(environment, &info), feed);
   }
   using AppConfiguration::Updates::publicEDKey;
   const PropertyDictionary info{{"SUPublicEDKey", " a2V5 "}};

@@ -10,11 +10,9 @@
 namespace quenzel {
 namespace {
 
+using enum JSONCodingError::Kind;
 using Kind = JSONCodingError::Kind;
-using nlohmann::ordered_json;
-using testing::HasSubstr;
-
-constexpr auto kInfinity = std::numeric_limits<double>::infinity();
+using testing::StartsWith;
 
 template <typename T>
 T decoded(const std::string& text) {
@@ -28,49 +26,36 @@ TEST(JSONCodingTest, ReadsNumbersExactlyAndOnlyFromNumbers) {
   EXPECT_EQ(decoded<std::int64_t>("5.0"), 5);
   EXPECT_EQ(decoded<std::uint64_t>("1e3"), 1000U);
   EXPECT_EQ(decoded<double>("5"), 5.0);
-  EXPECT_EQ(decoded<double>("0.1"), 0.1);
-  EXPECT_EQ(decoded<double>("5e-324"), std::numeric_limits<double>::denorm_min());
-  EXPECT_TRUE(std::signbit(decoded<double>("-0.0")));
   EXPECT_EQ(decoded<PointInTime>("0.5"), PointInTime{0.5});
 
   const auto kindOf = [](const auto decode, const std::string& text) {
     return thrownBy<JSONCodingError>([&] { decode(parseJSON(text), JSONPath()); }).kind();
   };
-  EXPECT_EQ(kindOf(decodeJSON<std::int64_t>, "9223372036854775808"), Kind::outOfRange);
-  EXPECT_EQ(kindOf(decodeJSON<std::int64_t>, "9223372036854775808.0"), Kind::outOfRange);
-  EXPECT_EQ(kindOf(decodeJSON<std::uint64_t>, "18446744073709551616"), Kind::outOfRange);
-  EXPECT_EQ(kindOf(decodeJSON<std::uint64_t>, "-1"), Kind::outOfRange);
-  EXPECT_EQ(kindOf(decodeJSON<std::uint64_t>, "-1.0"), Kind::outOfRange);
-  EXPECT_EQ(kindOf(decodeJSON<std::int64_t>, "5.5"), Kind::wrongType);
-  EXPECT_EQ(kindOf(decodeJSON<std::int64_t>, "true"), Kind::wrongType);
-  EXPECT_EQ(kindOf(decodeJSON<double>, "\"5\""), Kind::wrongType);
-  EXPECT_EQ(kindOf(decodeJSON<double>, "false"), Kind::wrongType);
-  EXPECT_EQ(kindOf(decodeJSON<bool>, "1"), Kind::wrongType);
-  EXPECT_EQ(kindOf(decodeJSON<std::string>, "null"), Kind::wrongType);
+  for (const char* text : {"9223372036854775808", "9223372036854775808.0", "5.5", "true"}) {
+    EXPECT_EQ(kindOf(decodeJSON<std::int64_t>, text), text[0] == '9' ? outOfRange : wrongType) << text;
+  }
+  for (const char* text : {"18446744073709551616", "-1", "-1.0"}) {
+    EXPECT_EQ(kindOf(decodeJSON<std::uint64_t>, text), outOfRange) << text;
+  }
+  EXPECT_EQ(kindOf(decodeJSON<double>, "\"5\""), wrongType);
+  EXPECT_EQ(kindOf(decodeJSON<bool>, "1"), wrongType);
+  EXPECT_EQ(kindOf(decodeJSON<std::string>, "null"), wrongType);
 }
 
 TEST(JSONCodingTest, RefusesDocumentsThatAreNoneOrTooDeep) {
   const std::string deepest(maxJSONDepth, '[');
   EXPECT_NO_THROW(parseJSON(deepest + std::string(maxJSONDepth, ']')));
   EXPECT_NO_THROW(parseJSON("\"\\\"" + std::string(1000, '[') + "\""));
-  const struct {
-    std::string text;
-    Kind kind;
-  } rows[] = {
-      {"", Kind::syntax},
-      {"{\"a\":}", Kind::syntax},
-      {"{} x", Kind::syntax},
-      {std::string("{}\0x", 4), Kind::syntax},
-      {"1e999", Kind::syntax},
-      {"\"\xff\"", Kind::syntax},
-      {deepest + "[", Kind::limitExceeded},
-      {std::string(200000, '['), Kind::limitExceeded},
-      {std::string(maxJSONBytes + 1, ' '), Kind::limitExceeded},
-  };
+  // clang-format off
+  const std::pair<std::string, Kind> rows[] = {
+      {"", syntax},      {"{\"a\":}", syntax}, {"{} x", syntax}, {std::string("{}\0x", 4), syntax},
+      {"1e999", syntax}, {"\"\xff\"", syntax}, {deepest + "[", limitExceeded},
+      {std::string(200000, '['), limitExceeded}, {std::string(maxJSONBytes + 1, ' '), limitExceeded}};
+  // clang-format on
   for (const auto& row : rows) {
-    const auto error = thrownBy<JSONCodingError>([&] { parseJSON(row.text); });
-    EXPECT_EQ(error.kind(), row.kind) << row.text.substr(0, 20) << ": " << error.what();
-    EXPECT_THAT(error.what(), testing::StartsWith("JSON document: "));
+    const auto error = thrownBy<JSONCodingError>([&] { parseJSON(row.first); });
+    EXPECT_EQ(error.kind(), row.second) << row.first.substr(0, 20) << ": " << error.what();
+    EXPECT_THAT(error.what(), StartsWith("JSON document: "));
   }
 }
 
@@ -83,22 +68,17 @@ TEST(JSONCodingTest, WritesDoublesThatReadBackAndRefusesWhatHasNoForm) {
   EXPECT_EQ(encodeJSON({{"b", 1}, {"a", {true, nullptr, "\n"}}}), R"({"b":1,"a":[true,null,"\n"]})");
   EXPECT_EQ(encodeJSON({{"b", 1}}, JSONStyle::pretty), "{\n  \"b\": 1\n}");
 
-  const struct {
-    ordered_json value;
-    Kind kind;
-    const char* description;
-  } rows[] = {
-      {{{"a", {1, {{"w", kInfinity}}}}},
-       Kind::notFinite,
-       "a[1].w: a number that isn't finite has no JSON form"},
-      {std::nan(""), Kind::notFinite, "JSON document: a number that isn't finite has no JSON form"},
-      {{{"a", {"ok", "caf\xe9"}}}, Kind::invalidText, "a[1]: the text isn't UTF-8"},
-      {{{"a", {{"\xff", 1}}}}, Kind::invalidText, "a: the text isn't UTF-8"},
+  constexpr auto infinity = std::numeric_limits<double>::infinity();
+  const std::tuple<nlohmann::ordered_json, Kind, std::string> rows[] = {
+      {{{"a", {1, {{"w", infinity}}}}}, notFinite, "a[1].w: a number that isn't finite has no JSON form"},
+      {std::nan(""), notFinite, "JSON document: a number that isn't finite has no JSON form"},
+      {{{"a", {"ok", "caf\xe9"}}}, invalidText, "a[1]: the text isn't UTF-8"},
+      {{{"a", {{"\xff", 1}}}}, invalidText, "a: the text isn't UTF-8"},
   };
   for (const auto& row : rows) {
-    const auto error = thrownBy<JSONCodingError>([&] { encodeJSON(row.value); });
-    EXPECT_EQ(error.kind(), row.kind);
-    EXPECT_STREQ(error.what(), row.description);
+    const auto error = thrownBy<JSONCodingError>([&] { encodeJSON(std::get<0>(row)); });
+    EXPECT_EQ(error.kind(), std::get<1>(row));
+    EXPECT_EQ(error.what(), std::get<2>(row));
   }
 }
 

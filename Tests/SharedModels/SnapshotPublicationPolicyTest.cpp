@@ -1,4 +1,4 @@
-#include <limits>
+#include <cmath>
 
 #include <gtest/gtest.h>
 
@@ -11,23 +11,19 @@ namespace {
 using enum SnapshotPublicationDecision;
 
 TEST(SnapshotPublicationPolicyTest, LooksAtTheTotalAlone) {
-  constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
-  const struct {
-    double totalW;
-    SnapshotPublicationDecision decision;
-  } rows[] = {{0.1, insufficientTotalPower}, {0.1000001, publishable}, {0, insufficientTotalPower},
-              {-5, insufficientTotalPower},  {20, publishable},        {notANumber, publishable}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(SnapshotPublicationPolicy::decision(makeSnapshot(0, row.totalW)), row.decision) << row.totalW;
+  const std::pair<double, SnapshotPublicationDecision> rows[] = {{0.1, insufficientTotalPower},
+                                                                 {-5, insufficientTotalPower},
+                                                                 {0.1000001, publishable},
+                                                                 {20, publishable},
+                                                                 {std::nan(""), publishable}};
+  for (const auto& [totalW, decision] : rows) {
+    EXPECT_EQ(SnapshotPublicationPolicy::decision(makeSnapshot(0, totalW)), decision) << totalW;
   }
 }
 
 TEST(SnapshotPublicationPolicyTest, DecisionsHaveTheirCodesAndReasons) {
-  const struct {
-    SnapshotPublicationDecision decision;
-    const char* code;
-    std::optional<std::string_view> reason;
-  } rows[] = {
+  using Reason = std::optional<std::string_view>;
+  const std::tuple<SnapshotPublicationDecision, std::string_view, Reason> rows[] = {
       {publishable, "publishable", std::nullopt},
       {insufficientTotalPower, "insufficientTotalPower", "total power was not high enough to publish"},
       {missingAttributedProcesses, "missingAttributedProcesses",
@@ -35,11 +31,11 @@ TEST(SnapshotPublicationPolicyTest, DecisionsHaveTheirCodesAndReasons) {
       {missingProcessDrain, "missingProcessDrain",
        "powermetrics reported attributed power but process drain summed to zero"},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(rawValue(row.decision), row.code);
-    EXPECT_EQ(snapshotPublicationDecision(row.code), row.decision);
-    EXPECT_EQ(rejectionReason(row.decision), row.reason) << row.code;
-    EXPECT_EQ(isPublishable(row.decision), !row.reason) << row.code;
+  for (const auto& [decision, code, reason] : rows) {
+    EXPECT_EQ(rawValue(decision), code);
+    EXPECT_EQ(snapshotPublicationDecision(code), decision);
+    EXPECT_EQ(rejectionReason(decision), reason) << code;
+    EXPECT_EQ(isPublishable(decision), !reason) << code;
   }
   EXPECT_EQ(snapshotPublicationDecision("Publishable"), std::nullopt);
 }

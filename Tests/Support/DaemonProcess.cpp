@@ -1,24 +1,13 @@
 #include "Tests/Support/DaemonProcess.hpp"
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
-#include <stdexcept>
 #include <thread>
-#include <utility>
-#include <variant>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,43 +17,15 @@ namespace {
 
 constexpr const char* serviceName = "com.quenzel.metricsd";
 
-sockaddr_un socketAddress(const std::string& path) {
+/// A socket that is bound or connected to that path.
+platform::FileDescriptor socketAt(const std::string& path, decltype(&::connect) attach) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) throw std::runtime_error("path too long: " + path);
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  return address;
-}
-
-platform::FileDescriptor streamSocket() {
-  return platform::FileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-}
-
-/// Becomes the daemon; runs in the forked child.
-[[noreturn]] void becomeDaemon(const std::string& logPath, const DaemonOptions& options) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  ::umask(077);
-  const int log = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  ::dup2(log, STDOUT_FILENO);
-  ::dup2(log, STDERR_FILENO);
-  if (options.descriptorLimit != 0) {
-    const rlimit limit{options.descriptorLimit, options.descriptorLimit};
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-  }
-  if (options.listeningSocket >= 0) {
-    const int socket = ::fcntl(options.listeningSocket, F_DUPFD, 10);
-    ::dup2(socket, 3);
-    ::close(socket);
-    ::setenv("LISTEN_FDS", "1", 1);
-    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-  }
-  std::vector<std::string> arguments = {QUENZEL_BINARY_DIRECTORY "/QuenzelDaemon"};
-  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
-  std::vector<char*> pointers;
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
-  ::execv(pointers.front(), pointers.data());
-  ::_exit(127);
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  platform::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (attach(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    throw std::system_error(errno, std::system_category(), path);
+  return socket;
 }
 
 }  // namespace
@@ -83,34 +44,33 @@ std::string DaemonSurroundings::socketPath() const {
 
 void DaemonSurroundings::installTool(const std::string& path, const std::string& script) const {
   const std::string file = folder_.write("tools" + path, "#!/bin/sh\n" + script);
-  ::chmod(file.c_str(), 0755);
+  std::filesystem::permissions(file, std::filesystem::perms(0755));
 }
 
 platform::FileDescriptor DaemonSurroundings::connectSocket() const {
-  const sockaddr_un address = socketAddress(socketPath());
-  platform::FileDescriptor socket = streamSocket();
-  if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    socket.reset();
-  return socket;
+  return socketAt(socketPath(), ::connect);
 }
 
 platform::FileDescriptor DaemonSurroundings::listeningSocket() const {
-  std::filesystem::create_directories(std::filesystem::path(socketPath()).parent_path());
-  const sockaddr_un address = socketAddress(socketPath());
-  platform::FileDescriptor socket = streamSocket();
-  if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(socket.get(), 16) != 0) {
-    throw std::runtime_error("can't listen on " + socketPath());
-  }
+  std::filesystem::create_directories(folder_ / "run/quenzel");
+  platform::FileDescriptor socket = socketAt(socketPath(), ::bind);
+  ::listen(socket.get(), 16);
   return socket;
 }
 
-DaemonProcess::DaemonProcess(const DaemonSurroundings& surroundings, const DaemonOptions& options) {
+DaemonProcess::DaemonProcess(const DaemonSurroundings& surroundings, const std::string& arguments,
+                             const std::string& preparation, int socket) {
   static int started = 0;
   logPath_ = surroundings.folder() / ("daemon-" + std::to_string(++started) + ".log");
+  const std::string command = "umask 077; exec >'" + logPath_ + "' 2>&1\n" + preparation +
+                              "\nexec '" QUENZEL_BINARY_DIRECTORY "/QuenzelDaemon' " + arguments;
   pid_ = ::fork();
   if (pid_ < 0) throw std::runtime_error("can't fork");
-  if (pid_ == 0) becomeDaemon(logPath_, options);
+  if (pid_ > 0) return;
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (socket >= 0) ::dup2(::dup(socket), 3);  // open in the daemon even if it was 3 already
+  ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+  ::_exit(127);
 }
 
 DaemonProcess::~DaemonProcess() {
@@ -127,10 +87,10 @@ std::unique_ptr<platform::RequestClient> DaemonProcess::connect() const {
   std::unique_ptr<platform::RequestClient> client;
   eventually([&] {
     auto connection = platform::connectToService(serviceName);
-    if (auto* made = std::get_if<std::unique_ptr<platform::RequestClient>>(&connection))
-      client = std::move(*made);
+    if (connection.index() == 0) client = std::move(std::get<0>(connection));
     return client != nullptr;
   });
+  if (!client) throw std::runtime_error("the daemon doesn't listen; its log:\n" + log());
   return client;
 }
 

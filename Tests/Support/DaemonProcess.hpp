@@ -3,10 +3,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
-
-#include <sys/resource.h>
-#include <sys/types.h>
 
 #include "Platform/FileDescriptor.hpp"
 #include "Platform/RequestTransport.hpp"
@@ -35,25 +31,21 @@ class DaemonSurroundings {
   ScopedEnvironment environment_;
 };
 
-struct DaemonOptions {
-  std::vector<std::string> arguments;
-  int listeningSocket = -1;    ///< passed on as the service manager's socket activation would
-  rlim_t descriptorLimit = 0;  ///< 0: as it is
-};
-
 /// A real daemon process with umask 077 that logs everything; killed at the end of the scope, and its log
 /// printed when the test has failed by then.
 class DaemonProcess {
  public:
-  explicit DaemonProcess(const DaemonSurroundings& surroundings, const DaemonOptions& options = {});
+  /// @param preparation what the shell does first that becomes the daemon
+  /// @param socket what the daemon has as descriptor 3; -1 for none
+  explicit DaemonProcess(const DaemonSurroundings& surroundings, const std::string& arguments = "",
+                         const std::string& preparation = "", int socket = -1);
   ~DaemonProcess();
   DaemonProcess(const DaemonProcess&) = delete;
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
-  pid_t pid() const { return pid_; }
   /// All it has written so far.
   std::string log() const;
-  /// Connects as soon as it listens; null when it has not within 10 seconds.
+  /// Connects as soon as it listens; throws when it has not within 10 seconds.
   std::unique_ptr<platform::RequestClient> connect() const;
   /// Waits for its own end; its exit status.
   int exitStatus();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <deque>
 #include <map>
 #include <string>
 #include <utility>
@@ -18,18 +19,12 @@ namespace quenzel::testing {
 class FakeShell final : public ShellRunning {
  public:
   using Reply = std::variant<ShellResult, ShellRunnerError>;
-
-  struct Call {
-    std::string executable;
-    std::vector<std::string> arguments;
-
-    bool operator==(const Call&) const = default;
-  };
+  using Call = std::pair<std::string, std::vector<std::string>>;  // the executable, its arguments
 
   /// Adds one reply: a result to return, or an error to throw.
   FakeShell& reply(const std::string& executable, Reply reply) {
     const platform::MutexLock guard(lock_);
-    replies_[executable].waiting.push_back(std::move(reply));
+    replies_[executable].push_back(std::move(reply));
     return *this;
   }
 
@@ -44,31 +39,19 @@ class FakeShell final : public ShellRunning {
   }
 
   ShellResult run(const std::string& executable, const std::vector<std::string>& arguments) const override {
-    const Reply reply = next(executable, arguments);
+    const platform::MutexLock guard(lock_);
+    calls_.push_back({executable, arguments});
+    std::deque<Reply>& replies = replies_[executable];
+    if (replies.empty()) throw ShellRunnerError::failedToLaunch("No reply is set for " + executable + ".");
+    const Reply reply = replies.front();
+    if (replies.size() > 1) replies.pop_front();
     if (const auto* error = std::get_if<ShellRunnerError>(&reply)) throw *error;
     return std::get<ShellResult>(reply);
   }
 
  private:
-  struct Script {
-    std::vector<Reply> waiting;
-    std::size_t given = 0;
-  };
-
-  Reply next(const std::string& executable, const std::vector<std::string>& arguments) const {
-    const platform::MutexLock guard(lock_);
-    calls_.push_back({executable, arguments});
-    const auto script = replies_.find(executable);
-    if (script == replies_.end()) {
-      return ShellRunnerError::failedToLaunch("The fake shell has no reply for " + executable + ".");
-    }
-    Script& replies = script->second;
-    if (replies.given < replies.waiting.size()) ++replies.given;
-    return replies.waiting[replies.given - 1];
-  }
-
   mutable platform::Mutex lock_;
-  mutable std::map<std::string, Script> replies_ GUARDED_BY(lock_);
+  mutable std::map<std::string, std::deque<Reply>> replies_ GUARDED_BY(lock_);
   mutable std::vector<Call> calls_ GUARDED_BY(lock_);
 };
 

@@ -4,9 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
 #include <string>
-#include <string_view>
 #include <system_error>
 
 namespace quenzel::testing {
@@ -37,9 +35,7 @@ class TemporaryDirectory {
     const std::filesystem::path file = path_ / relative;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream stream(file, std::ios::binary);
-    stream << content;
-    stream.close();
-    if (!stream) throw std::runtime_error("can't write " + file.string());
+    if (!(stream << content << std::flush)) throw std::runtime_error("can't write " + file.string());
     return file.string();
   }
 
@@ -52,5 +48,10 @@ class TemporaryDirectory {
  private:
   std::filesystem::path path_;
 };
+
+/// The permissions of a file, or of what a link leads to.
+inline unsigned modeOf(const std::filesystem::path& path) {
+  return static_cast<unsigned>(std::filesystem::status(path).permissions());
+}
 
 }  // namespace quenzel::testing

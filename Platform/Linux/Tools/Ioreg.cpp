@@ -1,6 +1,5 @@
 // Stand-in for ioreg(8): the battery's registry entry as a property list.
 
-#include <csignal>
 #include <string>
 
 #include <fmt/format.h>
@@ -56,7 +55,7 @@ int run(int argc, char** argv) {
       case ':':
         return failed(fmt::format("ioreg: option needs a value: {}", argv[optind - 1]));
       default:
-        return failed(fmt::format("ioreg: unrecognized option: {}", argv[optind - 1]));
+        return failed(fmt::format("ioreg: unrecognized option: {}", refusedOption(argv)));
     }
   }
   if (optind < argc) return failed(fmt::format("ioreg: unrecognized argument: {}", argv[optind]));
@@ -69,6 +68,5 @@ int run(int argc, char** argv) {
 }  // namespace quenzel::platform
 
 int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);
-  return quenzel::platform::run(argc, argv);
+  return quenzel::platform::toolMain("ioreg", [&] { return quenzel::platform::run(argc, argv); });
 }

@@ -1,7 +1,6 @@
 // Stand-in for pmset(1): shows and switches Low Power Mode, which on Linux is the firmware's low-power
 // profile.
 
-#include <csignal>
 #include <string>
 #include <vector>
 
@@ -40,7 +39,7 @@ int setLowPowerMode(bool enabled) {
     return failure ? failed("pmset: " + *failure) : EXIT_SUCCESS;
   }
   if (!modelsHardware()) return failed(noProfiles);
-  if (!setModelledLowPowerMode(enabled)) return failed("pmset: can't save the modelled hardware's state");
+  if (const auto failure = setModelledLowPowerMode(enabled)) return failed("pmset: " + *failure);
   return printed("Modelled hardware: this machine has no platform profiles.\n");
 }
 
@@ -57,6 +56,7 @@ int run(const std::vector<std::string>& arguments) {
 }  // namespace quenzel::platform
 
 int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);
-  return quenzel::platform::run({argv + 1, argv + argc});
+  return quenzel::platform::toolMain("pmset", [&] {
+    return quenzel::platform::run({argv + 1, argv + argc});
+  });
 }

@@ -3,7 +3,6 @@
 
 #include <array>
 #include <charconv>
-#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -116,7 +115,7 @@ Options parseOptions(int argc, char** argv) {
       case ':':
         throw UsageError{fmt::format("powermetrics: option needs a value: {}", argv[optind - 1])};
       default:
-        throw UsageError{fmt::format("powermetrics: unrecognized option: {}", argv[optind - 1])};
+        throw UsageError{fmt::format("powermetrics: unrecognized option: {}", refusedOption(argv))};
     }
   }
   if (optind < argc) throw UsageError{fmt::format("powermetrics: unrecognized argument: {}", argv[optind])};
@@ -216,8 +215,7 @@ int sampleTo(int descriptor, const Options& options) {
   return EXIT_SUCCESS;
 }
 
-int run(int argc, char** argv) {
-  const Options options = parseOptions(argc, argv);
+int runWith(const Options& options) {
   if (options.help) return printed(help);
   if (options.outputFile.empty()) return sampleTo(STDOUT_FILENO, options);
   const FileDescriptor file(
@@ -226,14 +224,17 @@ int run(int argc, char** argv) {
   return failed(fmt::format("powermetrics: can't open {}: {}", options.outputFile, std::strerror(errno)));
 }
 
+int run(int argc, char** argv) {
+  try {
+    return runWith(parseOptions(argc, argv));
+  } catch (const UsageError& error) {
+    return failed(error.message, usageExitStatus);
+  }
+}
+
 }  // namespace
 }  // namespace quenzel::platform
 
 int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);
-  try {
-    return quenzel::platform::run(argc, argv);
-  } catch (const quenzel::platform::UsageError& error) {
-    return quenzel::platform::failed(error.message, quenzel::platform::usageExitStatus);
-  }
+  return quenzel::platform::toolMain("powermetrics", [&] { return quenzel::platform::run(argc, argv); });
 }

@@ -1,9 +1,14 @@
 #pragma once
 
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
+#include <exception>
+#include <string>
 #include <string_view>
 
+#include <getopt.h>
 #include <unistd.h>
 
 namespace quenzel::platform {
@@ -26,11 +31,31 @@ inline int printed(std::string_view text) {
   return writeText(STDOUT_FILENO, text) ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
+/// The option that getopt_long(3) has just refused: it leaves the letter of a short one, which may stand
+/// amid others, and nothing of a long one.
+inline std::string refusedOption(char** argv) {
+  const bool isLetter = optopt != 0 && optopt <= CHAR_MAX;
+  return isLetter ? std::string{'-', static_cast<char>(optopt)} : argv[optind - 1];
+}
+
 /// Says on standard error why the tool ends, and with which status.
 inline int failed(std::string_view message, int status = EXIT_FAILURE) {
   writeText(STDERR_FILENO, message);
   writeText(STDERR_FILENO, "\n");
   return status;
+}
+
+/// All of a tool's main(): runs it, and says what it could not cope with in one line.
+template <typename Run>
+int toolMain(std::string_view name, Run run) {
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    return run();
+  } catch (const std::exception& error) {
+    writeText(STDERR_FILENO, name);
+    writeText(STDERR_FILENO, ": ");
+    return failed(error.what());
+  }
 }
 
 }  // namespace quenzel::platform

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace quenzel {
+
+// Options of the commands whose values are numbers, read strictly: the argument parser's own conversion takes
+// "010" for eight and "-1" for a very large count.
+
+/// A decimal integer from `least` to `most`.
+CLI::Option* addIntegerOption(CLI::App& app, const std::string& name, std::int64_t& value, std::int64_t least,
+                              std::int64_t most, const std::string& description);
+
+/// A finite number from `least` to `most`.
+CLI::Option* addNumberOption(CLI::App& app, const std::string& name, double& value, double least, double most,
+                             const std::string& description);
+
+inline constexpr std::int64_t anyCount = std::numeric_limits<std::int64_t>::max();
+
+}  // namespace quenzel
