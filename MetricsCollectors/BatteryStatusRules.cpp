@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "SharedModels/Runtime/Number.hpp"
+#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -56,7 +57,7 @@ std::optional<bool> boolValue(const PropertyDictionary& properties, std::string_
 std::optional<std::string> stringValue(const PropertyDictionary& properties, std::string_view key) {
   const PropertyValue* value = platform::find(properties, key);
   const auto* text = value ? value->as<std::string>() : nullptr;
-  return text ? std::optional<std::string>(*text) : std::nullopt;
+  return text ? std::optional(repairedUTF8(*text)) : std::nullopt;
 }
 
 const PropertyDictionary* dictionaryValue(const PropertyDictionary& properties, std::string_view key) {

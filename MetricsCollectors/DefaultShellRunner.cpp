@@ -28,9 +28,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view powermetricsPath = "/usr/bin/powermetrics";
-constexpr std::size_t maxCollectedBytes = 64 * 1024 * 1024;
-/// What an ended child may have left in a pipe on top of that: pipe(7), the default of pipe-max-size.
-constexpr std::size_t maxPipeBytes = 1024 * 1024;
+/// No tool writes that much; a child that does would take this process's memory along.
+constexpr std::size_t maxCollectedBytes = std::size_t{256} << 20;
 /// Longer waits are no different to a caller and would overflow the clock.
 constexpr double longestWaitSeconds = 1e8;
 /// How often a child is asked for where the system has no exit descriptor.
@@ -62,7 +61,9 @@ class RunningChild {
   RunningChild(const RunningChild&) = delete;
   RunningChild& operator=(const RunningChild&) = delete;
   ~RunningChild() {
-    if (!ended_) abandon();
+    if (ended_) return;
+    signal(SIGKILL);
+    abandon();
   }
 
   /// Collects output until the child has ended; false when the deadline came first.
@@ -75,7 +76,6 @@ class RunningChild {
 
   /// Collects what is left in the pipes, up to the deadline.
   void drain(Clock::time_point deadline) {
-    collectLimit_ = maxCollectedBytes + maxPipeBytes;
     while (isOpen(output_) || isOpen(error_)) {
       if (!poll(deadline)) return;
     }
@@ -94,9 +94,7 @@ class RunningChild {
     std::string bytes;
   };
 
-  bool isOpen(const Stream& stream) const {
-    return stream.descriptor.valid() && stream.bytes.size() < collectLimit_;
-  }
+  static bool isOpen(const Stream& stream) { return stream.descriptor.valid(); }
 
   /// Waits once for output or the child's end and takes it; false when the deadline has passed.
   bool poll(Clock::time_point deadline) {
@@ -126,6 +124,8 @@ class RunningChild {
     const ssize_t count = ::read(stream.descriptor.get(), buffer.data(), buffer.size());
     if (count > 0) {
       stream.bytes.append(buffer.data(), static_cast<std::size_t>(count));
+      if (stream.bytes.size() > maxCollectedBytes)
+        throw ShellRunnerError::failedToLaunch("it writes without end");
     } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
       stream.descriptor.reset();
     }
@@ -136,7 +136,7 @@ class RunningChild {
     const pid_t reaped = ::waitpid(child_.pid, &status, options);
     if (reaped == 0 || (reaped < 0 && errno == EINTR)) return;
     ended_ = true;
-    if (reaped < 0) throw ShellRunnerError::failedToLaunch("its exit status was taken by somebody else");
+    if (reaped < 0) throw ShellRunnerError::failedToLaunch("its exit status is unavailable");
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
   }
 
@@ -154,7 +154,6 @@ class RunningChild {
   platform::ChildProcess child_;
   Stream output_;
   Stream error_;
-  std::size_t collectLimit_ = maxCollectedBytes;
   bool ended_ = false;
   std::int32_t status_ = 0;
 };
@@ -177,7 +176,7 @@ ShellResult DefaultShellRunner::run(const std::string& executable,
   const ToolCommand command = resolveToolCommand(executable, arguments, platform::toolRoot());
   auto spawned = platform::spawnChild(command.executable, command.arguments);
   if (const auto* failure = std::get_if<platform::SpawnFailure>(&spawned)) {
-    throw ShellRunnerError::failedToLaunch(command.executable + ": " +
+    throw ShellRunnerError::failedToLaunch(executable + ": " +
                                            std::generic_category().message(failure->errorNumber));
   }
   RunningChild child(std::get<platform::ChildProcess>(std::move(spawned)));

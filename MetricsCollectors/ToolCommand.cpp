@@ -23,12 +23,6 @@ std::optional<std::string> toolBelow(const std::string& root, const std::string&
   return candidate;
 }
 
-/// The command that a sudo with those arguments runs.
-ToolCommand withoutSudo(const std::vector<std::string>& arguments) {
-  const auto command = std::find_if(arguments.begin(), arguments.end(), isAbsolute);
-  return {*command, {command + 1, arguments.end()}};
-}
-
 }  // namespace
 
 bool isWrapper(const std::string& executable) {
@@ -49,8 +43,11 @@ ToolCommand resolveToolCommand(const std::string& executable, const std::vector<
                    [](const std::string& argument) { return isAbsolute(argument) && !isWrapper(argument); });
   const auto tool = wrapped == command.arguments.end() ? std::nullopt : toolBelow(*toolRoot, *wrapped);
   if (!tool) return asNamed;
+  // What a sudo runs begins with the first absolute path: the tool, or the nice around it.
+  const auto first = std::find_if(command.arguments.begin(), wrapped, isAbsolute);
   *wrapped = *tool;
-  return lastPathComponent(executable) == "sudo" ? withoutSudo(command.arguments) : command;
+  if (lastPathComponent(executable) == "sudo") return {*first, {first + 1, command.arguments.end()}};
+  return command;
 }
 
 }  // namespace quenzel

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/FileDescriptor.hpp"
@@ -13,6 +14,9 @@ int appendToFile(const std::string& path, std::string_view bytes, mode_t mode) {
   const FileDescriptor file(::open(
       path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode));
   if (!file.valid()) return errno;
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) return errno;
+  if (!S_ISREG(status.st_mode) || status.st_nlink > 1) return EPERM;
   while (!bytes.empty()) {
     const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;

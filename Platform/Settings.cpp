@@ -1,5 +1,8 @@
 #include "Platform/Settings.hpp"
 
+#include <filesystem>
+#include <system_error>
+
 #include "Platform/Environment.hpp"
 #include "Platform/InstalledTools.hpp"
 
@@ -13,12 +16,19 @@ std::optional<std::string> folderSetting(const char* name) {
   return value;
 }
 
+/// A folder that stays the same one wherever a child runs.
+std::string absolute(const std::string& folder) {
+  std::error_code failure;
+  const std::filesystem::path path = std::filesystem::absolute(folder, failure);
+  return failure ? folder : path.string();
+}
+
 }  // namespace
 
 std::string sharedDirectory() { return folderSetting("QZL_SHARED_DIRECTORY").value_or("/Users/Shared"); }
 
 std::optional<std::string> toolRoot() {
-  if (auto root = folderSetting("QZL_TOOL_ROOT")) return root;
+  if (auto root = folderSetting("QZL_TOOL_ROOT")) return absolute(*root);
   return installedToolRoot();
 }
 

@@ -14,7 +14,10 @@ bool createSharedDataDirectory(const std::string& path) {
   constexpr mode_t everybody = 0777;
   std::error_code failure;  // shows in what follows
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failure);
-  if (::mkdir(path.c_str(), everybody) != 0) return std::filesystem::is_directory(path, failure);
+  if (::mkdir(path.c_str(), everybody) != 0) {
+    return std::filesystem::is_directory(
+        std::filesystem::symlink_status(path, failure));  // a link leads elsewhere
+  }
   // By the opened folder rather than by name: where the folder above is open to all, the name may by now be
   // somebody's link to another place.
   const FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -35,7 +35,7 @@ std::string pmsetFailure(const ShellResult& result) {
 
 BatteryMetricsService::BatteryMetricsService(const ShellRunning& shell, const ProcessTerminating& terminator)
     : shell_(shell), terminator_(terminator) {
-  ensureSharedSnapshotSidecarPermissions(SQLiteSnapshotStoreLocation::sharedSnapshotDatabasePath());
+  ensureSharedSnapshotSidecarPermissions(SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL());
   info("BatteryMetricsService initialized.");
 }
 

@@ -1,11 +1,10 @@
-#include <csignal>
 #include <iostream>
 
+#include "Platform/ProcessStart.hpp"
 #include "QuenzelMonitor/CommandLine.hpp"
 
 int main(int argumentCount, char** arguments) {
-  // A parent that ignores SIGCHLD passes that on, and then no child's exit status could be read.
-  std::signal(SIGCHLD, SIG_DFL);
+  quenzel::platform::prepareProcess();
   std::ios::sync_with_stdio(false);
   return quenzel::runCommandLine(argumentCount, arguments, {std::cin, std::cout, std::cerr});
 }

@@ -6,7 +6,7 @@
 
 namespace quenzel {
 
-std::string SQLiteSnapshotStoreLocation::sharedSnapshotDatabasePath() {
+std::string SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL() {
   return fmt::format("{}/{}/{}", platform::sharedDirectory(), directoryName, databaseFileName);
 }
 

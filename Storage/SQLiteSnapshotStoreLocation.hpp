@@ -13,7 +13,7 @@ inline constexpr std::string_view directoryName = AppConfiguration::dataDirector
 inline constexpr std::string_view databaseFileName = "battery_history.sqlite";
 
 /// "<shared directory>/Quenzel/battery_history.sqlite", the history that application and daemon share.
-std::string sharedSnapshotDatabasePath();
+std::string sharedSnapshotDatabaseURL();
 }  // namespace SQLiteSnapshotStoreLocation
 
 }  // namespace quenzel

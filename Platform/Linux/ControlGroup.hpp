@@ -22,8 +22,7 @@ std::optional<std::string_view> controlGroupUnit(std::string_view path);
 /// desktop environments (https://systemd.io/DESKTOP_ENVIRONMENTS),
 /// "app[-<launcher>]-<ApplicationID>[-<RANDOM>].scope" or
 /// "app[-<launcher>]-<ApplicationID>[@<RANDOM>].service", its \xNN escapes undone; the unit's own name
-/// without
-/// ".service" for every other service; none for every other scope.
+/// without ".service" for every other service; none for every other scope.
 std::optional<std::string> applicationIdentifier(std::string_view unit);
 
 }  // namespace quenzel::platform

@@ -25,14 +25,21 @@ constexpr std::size_t connectionStackBytes = 512 * 1024;
 // Replies that a client does not read wait here, in the kernel, at the daemon's expense.
 constexpr int sendBufferBytes = 64 * 1024;
 constexpr rlim_t mostConnections = 1000;
+constexpr rlim_t wantedDescriptors = 2048;
+constexpr std::size_t mostMessageBytes = 64 * 1024;
 constexpr int exhaustionPauseMilliseconds = 100;
 
 using ConnectionSlots = std::counting_semaphore<mostConnections>;
 
-/// A quarter of the descriptors stays free for the pipes of child processes, the log and the like.
+/// A quarter of the descriptors stays free for the pipes of child processes, the log and the like. Takes as
+/// many as the system lets it have without asking.
 std::ptrdiff_t connectionLimit() {
   rlimit descriptors{};
   if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return 1;
+  if (descriptors.rlim_cur < wantedDescriptors && descriptors.rlim_cur < descriptors.rlim_max) {
+    descriptors.rlim_cur = std::min(wantedDescriptors, descriptors.rlim_max);
+    if (::setrlimit(RLIMIT_NOFILE, &descriptors) != 0) ::getrlimit(RLIMIT_NOFILE, &descriptors);
+  }
   return static_cast<std::ptrdiff_t>(std::min(descriptors.rlim_cur / 4 * 3, mostConnections));
 }
 
@@ -55,9 +62,30 @@ int onPing(sd_bus_message* message, void* handler, sd_bus_error*) noexcept {
   });
 }
 
+/// The message cut to what a client has a use for, at the end of a character, without the NUL that would end
+/// it.
+std::string messageText(std::string text) {
+  if (text.size() > mostMessageBytes) {
+    std::size_t end = mostMessageBytes;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+    text.resize(end);
+  }
+  std::replace(text.begin(), text.end(), '\0', '?');
+  return text;
+}
+
 RequestHandler::OutcomeReply outcomeReply(sd_bus_message* message, int& sent) {
   return [message, &sent](bool success, const std::optional<std::string>& text) {
-    sent = ::sd_bus_reply_method_return(message, "bs", static_cast<int>(success), text ? text->c_str() : "");
+    std::string carried = messageText(text.value_or(""));
+    const auto send = [&] {
+      return ::sd_bus_reply_method_return(message, "bs", static_cast<int>(success), carried.c_str());
+    };
+    sent = send();
+    if (sent != -EINVAL) return;
+    // D-Bus takes no noncharacters (U+FFFE and its like): better a message without its letters than none.
+    std::replace_if(
+        carried.begin(), carried.end(), [](unsigned char byte) { return byte >= 0x80; }, '?');
+    sent = send();
   };
 }
 

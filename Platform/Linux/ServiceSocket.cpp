@@ -100,9 +100,15 @@ bool isSocket(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-bool someoneListens(const sockaddr_un& address) {
-  const int error = connectSocket(streamSocket().get(), address);
-  return error != ECONNREFUSED && error != ENOENT;
+/// What stands against taking the path of a socket that exists: a daemon that answers there, or one that
+/// can't be asked.
+std::optional<TransportFailure> someoneListens(const sockaddr_un& address, const std::string& path) {
+  const FileDescriptor probe = streamSocket();
+  const int error = probe.valid() ? connectSocket(probe.get(), address) : errno;
+  if (error == ECONNREFUSED || error == ENOENT) return std::nullopt;
+  if (error == 0 || error == EAGAIN)
+    return TransportFailure{fmt::format("A daemon is already running at {}", path)};
+  return cannot("find out who listens at", path, error);
 }
 
 std::optional<TransportFailure> bindSocket(int socket, const sockaddr_un& address, const std::string& path) {
@@ -110,8 +116,7 @@ std::optional<TransportFailure> bindSocket(int socket, const sockaddr_un& addres
   if (errno != EADDRINUSE) return cannot("bind the socket", path, errno);
   if (!isSocket(path))
     return TransportFailure{fmt::format("Something that is not a socket is in the way: {}", path)};
-  if (someoneListens(address))
-    return TransportFailure{fmt::format("A daemon is already running at {}", path)};
+  if (auto failure = someoneListens(address, path)) return failure;
   ::unlink(path.c_str());
   if (::bind(socket, generic(address), sizeof address) == 0) return std::nullopt;
   return cannot("bind the socket", path, errno);
@@ -126,6 +131,9 @@ std::string serviceSocketPath(const std::string& serviceName) {
 std::variant<FileDescriptor, TransportFailure> listenOnServiceSocket(const std::string& serviceName) {
   if (FileDescriptor passed = activatedSocket(); passed.valid()) return passed;
 
+  if (serviceName.find('/') != std::string::npos) {
+    return TransportFailure{"The service's name must not hold a \"/\": " + serviceName};
+  }
   const std::string path = serviceSocketPath(serviceName);
   const std::optional<sockaddr_un> address = socketAddress(path);
   if (!address) return tooLong(path);

@@ -20,7 +20,7 @@ std::optional<std::string> nonBlank(std::optional<std::string> text) {
 std::optional<std::string> infoString(const PropertyDictionary* info, std::string_view key) {
   const auto* entry = info ? platform::find(*info, key) : nullptr;
   const auto* text = entry ? entry->as<std::string>() : nullptr;
-  return text ? std::optional<std::string>(*text) : std::nullopt;
+  return text ? std::optional(repairedUTF8(*text)) : std::nullopt;
 }
 
 std::optional<std::string> environmentText(const std::map<std::string, std::string>& environment,
@@ -33,28 +33,44 @@ bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isHexDigit(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
-/// Whether the text is an absolute URL with a host, in the characters of RFC 3986 (section 2 and appendix B).
+bool isURLCharacter(char c) {
+  return isLetter(c) || isDigit(c) ||
+         std::string_view("-._~:/?#[]@!$&'()*+,;=%").find(c) != std::string_view::npos;
+}
+
+/// Whether every "%" begins an escape of two hexadecimal digits.
+bool escapesFit(std::string_view text) {
+  for (std::size_t at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 1)) {
+    if (at + 2 >= text.size() || !isHexDigit(text[at + 1]) || !isHexDigit(text[at + 2])) return false;
+  }
+  return true;
+}
+
+/// Whether the authority names a host, with digits alone for its port.
+bool namesHost(std::string_view authority) {
+  const std::size_t user = authority.rfind('@');
+  if (user != std::string_view::npos) authority.remove_prefix(user + 1);
+  const std::size_t literalEnd = authority.starts_with('[') ? authority.find(']') : 0;
+  if (literalEnd == std::string_view::npos) return false;
+  const std::size_t colon = authority.find(':', literalEnd);
+  const std::string_view host = authority.substr(0, colon);
+  const std::string_view port =
+      colon == std::string_view::npos ? std::string_view() : authority.substr(colon + 1);
+  return !host.empty() && std::all_of(port.begin(), port.end(), isDigit);
+}
+
+/// Whether the text is an absolute URL with a host (RFC 3986, section 3).
 bool isURL(std::string_view text) {
-  const std::size_t colon = text.find(':');
+  const std::size_t colon = text.find("://");
   if (colon == std::string_view::npos || colon == 0 || !isLetter(text.front())) return false;
   const std::string_view scheme = text.substr(0, colon);
   const bool schemeFits = std::all_of(scheme.begin(), scheme.end(), [](char c) {
     return isLetter(c) || isDigit(c) || c == '+' || c == '-' || c == '.';
   });
-  if (!schemeFits || text.substr(colon, 3) != "://") return false;
   const std::string_view rest = text.substr(colon + 3);
-  if (rest.find_first_of("/?#") == 0 || rest.empty()) return false;
-  for (std::size_t index = 0; index < rest.size(); ++index) {
-    const char c = rest[index];
-    if (c == '%') {
-      if (index + 2 >= rest.size() || !isHexDigit(rest[index + 1]) || !isHexDigit(rest[index + 2]))
-        return false;
-    } else if (!isLetter(c) && !isDigit(c) &&
-               std::string_view("-._~:/?#[]@!$&'()*+,;=").find(c) == std::string_view::npos) {
-      return false;
-    }
-  }
-  return true;
+  return schemeFits && namesHost(rest.substr(0, rest.find_first_of("/?#"))) &&
+         std::all_of(rest.begin(), rest.end(), isURLCharacter) && escapesFit(rest) &&
+         std::count(rest.begin(), rest.end(), '#') <= 1;
 }
 
 }  // namespace

@@ -6,6 +6,6 @@
 int main() {
   const auto output = quenzel::PowermetricsParser().parse("CPU Power: 1500 mW\n");
   std::printf("%.1f W; history at %s\n", output.cpuPackageW,
-              quenzel::SQLiteSnapshotStoreLocation::sharedSnapshotDatabasePath().c_str());
+              quenzel::SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL().c_str());
   return output.cpuPackageW == 1.5 ? 0 : 1;
 }

@@ -130,10 +130,9 @@ TEST(LinuxBattery, LeavesOutWhatNobodyToldOrCanBeTrue) {
                             {"charge_full", "1000000000001"},
                             {"temp", "9223372036854775807"}});
   const auto registry = platform::makeBatteryRegistry();
-  EXPECT_EQ(
-      registry->batteryProperties(),
-      (PropertyDictionary{
-          {"AppleRawCurrentCapacity", integer(3000)}, {"IsCharging", false}, {"FullyCharged", false}}));
+  EXPECT_EQ(registry->batteryProperties(),
+            (PropertyDictionary{
+                {"AppleRawCurrentCapacity", integer(3000)}, {"IsCharging", false}, {"FullyCharged", false}}));
   EXPECT_EQ(registry->internalBatteryDescription(),
             (PropertyDictionary{{"Type", "InternalBattery"}, {"Is Charging", false}}));
   tree.powerSupply("BAT1", {{"type", "Battery"}, {"capacity", "50"}});  // half of it is not half of both

@@ -167,8 +167,12 @@ TEST(ModelledHardware, RefusesAStateThatItCantHaveWritten) {
     EXPECT_FALSE(platform::decodeModelledHardware(without)) << key;
   }
   const std::pair<const char*, platform::PropertyValue> wrong[] = {
-      {"RemainingWh", 52.0},           {"RemainingWh", -1.0},           {"BusyFraction", 1.5},
-      {"UptimeSeconds", std::nan("")}, {"BusyTicks", std::int64_t{-1}}, {"Charging", "yes"},
+      {"RemainingWh", 52.0},
+      {"RemainingWh", -1.0},
+      {"BusyFraction", 1.5},
+      {"UptimeSeconds", std::nan("")},
+      {"BusyTicks", std::int64_t{-1}},
+      {"Charging", "yes"},
       {"PackageMicrojoules", std::numeric_limits<std::int64_t>::max()}};
   for (const auto& [key, value] : wrong) {
     platform::PropertyDictionary changed = list;

@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "MetricsCollectors/PowermetricsParser.hpp"
 #include "Platform/Linux/PlatformProfile.hpp"
 #include "Platform/Linux/PowermetricsReport.hpp"
 #include "Platform/PropertyList.hpp"
@@ -122,11 +123,13 @@ TEST(PowermetricsReport, ReckonsPowerFromEnergy) {
   EXPECT_THAT(powerSection(measuredPower(start, end)), HasSubstr("\nSystem Power: 10000 mW\n"));
   start.energy->pop_back();  // a counter that has only just appeared tells nothing
   EXPECT_EQ(powerSection(measuredPower(start, end)),
-            "**** Processor usage ****\n\nCPU Power: 3000 mW\nGPU Power: 250 mW\nANE Power: 0 mW\n"
+            "**** Processor usage ****\n\nCPU Power: 3000 mW\nGPU Power: 250 mW\n"
             "Combined Power (CPU + GPU + ANE): 3250 mW\n\n");
   // 150 busy of 400 ticks: 0.8 + 14.2 * 0.375
-  EXPECT_THAT(platform::powerSection(modelledPower(start, end)),
-              AllOf(HasSubstr("\nCPU Power: 6125 mW\n"), HasSubstr("modelled")));
+  EXPECT_EQ(
+      powerSection(modelledPower(start, end)),
+      "**** Processor usage ****\n\nModelled hardware: these figures are modelled from the measured load.\n"
+      "CPU Power: 6125 mW\nCombined Power (CPU + GPU + ANE): 6125 mW\n\n");
 }
 
 TEST(PowermetricsTool, ReportsATreeOfText) {
@@ -142,6 +145,30 @@ TEST(PowermetricsTool, ReportsATreeOfText) {
                     HasSubstr("\n**** Processor usage ****\n"), Not(HasSubstr("Power:"))));
   tree.set("QZL_MODEL_HARDWARE", "1");
   EXPECT_THAT(tool(command).output, HasSubstr("\nCPU Power: 800 mW\n"));
+}
+
+TEST(PowermetricsTool, LetsNoNamePassForAFigure) {
+  SystemTree tree;
+  tree.set("QZL_MODEL_HARDWARE", "1");
+  tree.processors("60 0 40 900 0 0 0 0 0 0", "100.50");
+  // clang-format off
+  const char* const names[] = {
+      "CPU Power: 900W",     "  GPU Power 9 W",        "Combined Power (CPU + GPU + ANE)9W",  "System Power: 9W",
+      "ANE \xBFPower: 9W",   "Total System Power: 9W", "System Average Power: 9W",            "Total Power: 9W",
+      "All_Tasks",           "dead_tasks",             "***",                                 "**** x ****"};
+  // clang-format on
+  std::int32_t pid = 0;
+  for (const char* const name : names) {
+    ++pid;
+    tree.process(pid,
+                 {{"stat", taskStatText(pid, name, 5, 5)}, {"cgroup", std::string("0::/") + name + '\n'}});
+  }
+  const auto seen = PowermetricsParser().parse(tool("bin/powermetrics -n 1 -i 20").output);
+  EXPECT_EQ(seen.processes.size(), std::size(names));
+  EXPECT_DOUBLE_EQ(seen.cpuPackageW, 0.8);
+  EXPECT_DOUBLE_EQ(seen.combinedPackageW, 0.8);
+  EXPECT_EQ(seen.gpuPackageW + seen.anePackageW, 0);
+  EXPECT_EQ(seen.totalSystemWatts, std::nullopt);
 }
 
 TEST(PowermetricsTool, SeesThisProcessAtWork) {
@@ -171,7 +198,7 @@ TEST(StandInTools, RefuseWhatTheyDontKnow) {
       {"bin/powermetrics -s tasks,magic", 64, "powermetrics: unrecognized sampler: magic\n"},
       {"bin/pmset -b lowpowermode 1", 1, "pmset: expected -g or -a lowpowermode 0|1; see pmset --help\n"},
       {"bin/pmset -g", 1, "pmset: lowpowermode is not supported: this machine has no platform profiles\n"},
-      {"sbin/ioreg -Z", 1, "ioreg: unrecognized option: -Z\n"},
+      {"sbin/ioreg -rZa", 1, "ioreg: unrecognized option: -Z\n"},
       {"sbin/ioreg -n AppleSmartBattery", 1, "ioreg: expected -r -a and -n or -c; see ioreg --help\n"},
   };
   const SystemTree tree;
