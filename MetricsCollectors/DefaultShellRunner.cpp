@@ -29,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view powermetricsPath = "/usr/bin/powermetrics";
 /// No tool writes that much; a child that does would take this process's memory along.
-constexpr std::size_t maxCollectedBytes = std::size_t{256} << 20;
+constexpr std::size_t maxCollectedBytes = std::size_t{64} << 20;
 /// Longer waits are no different to a caller and would overflow the clock.
 constexpr double longestWaitSeconds = 1e8;
 /// How often a child is asked for where the system has no exit descriptor.
@@ -76,10 +76,13 @@ class RunningChild {
 
   /// Collects what is left in the pipes, up to the deadline.
   void drain(Clock::time_point deadline) {
-    while (isOpen(output_) || isOpen(error_)) {
+    while (output_.descriptor.valid() || error_.descriptor.valid()) {
       if (!poll(deadline)) return;
     }
   }
+
+  /// From now on output is read, so that the child does not block on it, but not kept.
+  void discardOutput() { collects_ = false; }
 
   void signal(int number) const { ::kill(child_.pid, number); }
 
@@ -94,16 +97,14 @@ class RunningChild {
     std::string bytes;
   };
 
-  static bool isOpen(const Stream& stream) { return stream.descriptor.valid(); }
-
   /// Waits once for output or the child's end and takes it; false when the deadline has passed.
   bool poll(Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) return false;
     const bool probes = !ended_ && !child_.exit.valid();
-    // poll(2) passes over descriptors that are negative.
-    std::array<pollfd, 3> waited{{{isOpen(output_) ? output_.descriptor.get() : -1, POLLIN, 0},
-                                  {isOpen(error_) ? error_.descriptor.get() : -1, POLLIN, 0},
+    // poll(2) passes over descriptors that are negative, as those of closed streams are.
+    std::array<pollfd, 3> waited{{{output_.descriptor.get(), POLLIN, 0},
+                                  {error_.descriptor.get(), POLLIN, 0},
                                   {ended_ ? -1 : child_.exit.get(), POLLIN, 0}}};
     const int ready = ::poll(waited.data(), waited.size(), waitMilliseconds(left, probes));
     if (ready < 0) return errno == EINTR;
@@ -119,13 +120,15 @@ class RunningChild {
     return static_cast<int>(std::min(left, probes ? exitProbeInterval : longestPoll).count());
   }
 
-  static void take(Stream& stream) {
+  void take(Stream& stream) const {
     std::array<char, 64 * 1024> buffer;
     const ssize_t count = ::read(stream.descriptor.get(), buffer.data(), buffer.size());
     if (count > 0) {
+      if (!collects_) return;
       stream.bytes.append(buffer.data(), static_cast<std::size_t>(count));
-      if (stream.bytes.size() > maxCollectedBytes)
-        throw ShellRunnerError::failedToLaunch("it writes without end");
+      if (stream.bytes.size() > maxCollectedBytes) {
+        throw ShellRunnerError::failedToLaunch("more than 64 MiB of output");
+      }
     } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
       stream.descriptor.reset();
     }
@@ -154,6 +157,7 @@ class RunningChild {
   platform::ChildProcess child_;
   Stream output_;
   Stream error_;
+  bool collects_ = true;
   bool ended_ = false;
   std::int32_t status_ = 0;
 };
@@ -187,6 +191,7 @@ ShellResult DefaultShellRunner::run(const std::string& executable,
     child.drain(deadline);
     return child.takeResult();
   }
+  child.discardOutput();
   child.signal(SIGTERM);
   if (!child.waitForExit(deadlineAfter(terminateGraceSeconds_))) {
     child.signal(SIGKILL);

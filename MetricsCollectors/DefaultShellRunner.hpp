@@ -16,7 +16,7 @@ namespace quenzel {
 /// reaps it when it ends.
 ///
 /// After the child's end its pipes are read to their end, but never past the time-out: a grandchild that
-/// keeps a pipe open can't hold the caller. A child that writes more than 256 MiB to a stream is killed, and
+/// keeps a pipe open can't hold the caller. A child that writes more than 64 MiB to a stream is killed, and
 /// the run fails.
 ///
 /// Immutable; share freely. A run blocks its thread without polling and costs four descriptors and a pidfd.

@@ -120,18 +120,18 @@ void logSources(const SamplingConfig& config, const TotalPower& total, const Pow
           "sources isOnBattery={}, powerSource={}, iokitW={}, pmCommandOK={}, pmParsed={}, pmPackage={:.2f}, "
           "totalW={:.2f}",
           boolText(config.isOnBattery()), total.source, twoDecimalsOrNil(batteryW), boolText(power.commandOK),
-          power.output ? power.output->processes.size() : 0,
-          power.output ? power.output->combinedPackageW : 0.0, total.watts));
+          power.value ? power.value->processes.size() : 0, power.value ? power.value->combinedPackageW : 0.0,
+          total.watts));
 }
 
 AttributionBuildMetadata metadataOf(const PowermetricsLoadResult& power, const TotalPower& total,
                                     const AttributionInput& input) {
   AttributionBuildMetadata metadata;
   metadata.powermetricsCommandOK = power.commandOK;
-  if (power.output) {
-    metadata.powermetricsParsedProcessCount = static_cast<std::int64_t>(power.output->processes.size());
-    metadata.powermetricsHasPackagePower = power.output->hasPackagePower();
-    metadata.powermetricsHasSystemPower = power.output->totalSystemWatts.value_or(0) > 0;
+  if (power.value) {
+    metadata.powermetricsParsedProcessCount = static_cast<std::int64_t>(power.value->processes.size());
+    metadata.powermetricsHasPackagePower = power.value->hasPackagePower();
+    metadata.powermetricsHasSystemPower = power.value->totalSystemWatts.value_or(0) > 0;
   }
   metadata.usedEstimatedTotalPower = total.isEstimated;
   metadata.screenModelAvailable = input.screenModelW > 0;
@@ -196,7 +196,7 @@ AttributionBuildResult LiveAttributionInputBuilder::buildTimed(
                                       {"powermetricsOnly", std::to_string(powermetricsOnly)}};
   };
   profiler.measure(BenchmarkComponent::daemonInputProcessMerge, origin, mergeContext, [&] {
-    if (power.output) powermetricsOnly = merge(input.processes, *power.output, input.timestamp);
+    if (power.value) powermetricsOnly = merge(input.processes, *power.value, input.timestamp);
   });
   logNameDebug(input.processes, powermetricsOnly);
 
@@ -211,7 +211,7 @@ AttributionBuildResult LiveAttributionInputBuilder::buildTimed(
 
   const auto batteryW = result.batteryStatus ? result.batteryStatus->dischargeWatts : std::nullopt;
   const double componentW =
-      input.screenModelW + input.usbModelW + (power.output ? power.output->combinedPackageW : 0);
+      input.screenModelW + input.usbModelW + (power.value ? power.value->combinedPackageW : 0);
   const TotalPower total = chooseTotalPower(isOnBattery(result.batteryStatus, config), componentW, batteryW);
   input.totalDischargeW = total.watts;
   logSources(config, total, power, batteryW);

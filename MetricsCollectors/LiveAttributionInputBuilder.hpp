@@ -47,7 +47,11 @@ struct CommandLoadResult {
   bool commandOK = false;
   std::int64_t commandCount = 1;
 };
-using PowermetricsLoadResult = CommandLoadResult<PowermetricsParseOutput>;
+struct PowermetricsLoadResult {
+  std::optional<PowermetricsParseOutput> value;
+  bool commandOK = false;
+  std::int64_t commandCount = 1;
+};
 
 /// Puts together, once a sampling cycle, what an attribution pass needs: processes with their CPU share and
 /// measured watts, modelled display and USB power, and the total to distribute with its source. A source that

@@ -87,6 +87,11 @@ TEST(ShellRunner, TakesMoreOutputThanAPipeHolds) {
   EXPECT_EQ(result.stderr, std::string(300'000, 'y'));
 }
 
+TEST(ShellRunner, EndsAChildThatWritesWithoutEnd) {
+  const auto error = thrownBy<ShellRunnerError>([] { DefaultShellRunner().run("/usr/bin/yes", {}); });
+  EXPECT_STREQ(error.what(), "Failed to launch command: more than 64 MiB of output");
+}
+
 TEST(ShellRunner, SaysWhyACommandDoesNotStart) {
   const TemporaryDirectory folder;
   const std::string plainFile = folder.write("plain", "#!/bin/sh\n");
@@ -111,7 +116,7 @@ TEST(ShellRunner, StopsAChildThatOutlivesItsTimeOut) {
       {"exec sleep 100", 0.25, 2.0},                                    // ends on SIGTERM
       {"trap '' TERM; while :; do sleep 0.05; done", 0.25 + 0.4, 5.0},  // takes SIGKILL
       {"exec >&- 2>&-; exec sleep 100", 0.25, 2.0},                     // closed pipes are no end
-      {"trap '' TERM; exec yes", 0.25 + 0.4, 5.0},                      // amid a flood
+      {"trap '' TERM; while :; do echo flood; done", 0.25 + 0.4, 5.0},  // amid a flood
   };
   for (const Row& row : rows) {
     const Clock::time_point start = Clock::now();
