@@ -166,7 +166,7 @@ ProcessSampler::ParsedRows ProcessSampler::parse(std::string_view psOutput, std:
 }
 
 std::optional<PSRow> ProcessSampler::parsePSLine(std::string_view line) {
-  NumberScanner scanner(trimmed(line));
+  NumberScanner scanner(trimmedLeft(line));
   const auto pid = scanner.integer();
   const auto parentPID = pid ? scanner.integer() : std::nullopt;
   const auto cpuPercent = parentPID ? scanner.decimal() : std::nullopt;
@@ -198,7 +198,7 @@ std::string ProcessSampler::resolveProcessName(std::string_view commandLine,
   if (metadata) {
     // A blank executable path does not fall back to the bundle: something is wrong with that record.
     auto& path = metadata->executablePath ? metadata->executablePath : metadata->bundlePath;
-    if (path && !trimmed(*path).empty()) return std::move(*path);
+    if (path && !isBlank(*path)) return std::move(*path);
   }
   if (auto path = resolvedCommandPath(commandLine)) return *path;
   return std::string(trimmed(commandLine));

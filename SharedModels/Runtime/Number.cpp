@@ -26,13 +26,8 @@ std::size_t signLength(std::string_view text) {
   return !text.empty() && (text.front() == '+' || text.front() == '-') ? 1 : 0;
 }
 
-std::size_t digitsLength(std::string_view text) {
-  std::size_t length = 0;
-  while (length < text.size() && isDigit(text[length])) ++length;
-  return length;
-}
-
-/// Appends the leading digits to the number and returns how many there are.
+/// Appends the leading digits to the number, which wraps beyond eighteen of them, and returns how many there
+/// are.
 std::size_t takeDigits(std::string_view text, std::uint64_t& number) {
   std::size_t length = 0;
   for (; length < text.size() && isDigit(text[length]); ++length) {
@@ -41,24 +36,38 @@ std::size_t takeDigits(std::string_view text, std::uint64_t& number) {
   return length;
 }
 
-/// Plain decimals of few digits, which is what tools print: a mantissa and a power of ten that are both exact
-/// doubles divide to the correctly rounded result (W. D. Clinger, How to Read Floating Point Numbers
-/// Accurately, 1990).
+/// The value of so many digits, the last `fraction` of them behind the point. A mantissa and a power of ten
+/// that are both exact doubles divide to the correctly rounded result (W. D. Clinger, How to Read Floating
+/// Point Numbers Accurately, 1990), and what tools print is of that kind; none for the rest.
+std::optional<double> plainDecimal(std::uint64_t mantissa, std::size_t digits, std::size_t fraction,
+                                   bool negative) {
+  if (digits == 0 || digits > mostPlainDigits || mantissa > largestExactMantissa) return std::nullopt;
+  const double value = static_cast<double>(mantissa) / powersOfTen[fraction];
+  return negative ? -value : value;
+}
+
 std::optional<double> parsePlainDecimal(std::string_view text) {
   const std::size_t sign = signLength(text);
   const std::string_view number = text.substr(sign);
-  if (number.empty() || number.size() > mostPlainDigits) return std::nullopt;
   std::uint64_t mantissa = 0;
   const std::size_t whole = takeDigits(number, mantissa);
   std::size_t fraction = 0;
-  if (whole < number.size()) {
-    if (number[whole] != '.') return std::nullopt;
-    fraction = takeDigits(number.substr(whole + 1), mantissa);
-    if (whole + 1 + fraction != number.size() || whole + fraction == 0) return std::nullopt;
+  std::size_t length = whole;
+  if (length < number.size() && number[length] == '.') {
+    fraction = takeDigits(number.substr(length + 1), mantissa);
+    length += 1 + fraction;
   }
-  if (mantissa > largestExactMantissa) return std::nullopt;
-  const double value = static_cast<double>(mantissa) / powersOfTen[fraction];
-  return sign == 1 && text.front() == '-' ? -value : value;
+  if (length != number.size()) return std::nullopt;
+  return plainDecimal(mantissa, whole + fraction, fraction, sign == 1 && text.front() == '-');
+}
+
+/// Length of "e", a sign and digits at the front; 0 when the exponent has no digits.
+std::size_t exponentLength(std::string_view text) {
+  if (text.empty() || (text.front() != 'e' && text.front() != 'E')) return 0;
+  const std::size_t sign = signLength(text.substr(1));
+  std::uint64_t exponent = 0;
+  const std::size_t digits = takeDigits(text.substr(1 + sign), exponent);
+  return digits == 0 ? 0 : 1 + sign + digits;
 }
 
 locale_t cLocale() {
@@ -102,33 +111,40 @@ void NumberScanner::skipBlanks() {
 std::optional<std::int64_t> NumberScanner::integer() {
   skipBlanks();
   const std::size_t sign = signLength(rest_);
-  const std::size_t length = sign + digitsLength(rest_.substr(sign));
-  if (length == sign) return std::nullopt;
-  const std::string_view number = rest_.substr(0, length);
-  rest_.remove_prefix(length);
-  if (const auto value = parseInteger(number)) return value;
+  std::uint64_t number = 0;
+  const std::size_t digits = takeDigits(rest_.substr(sign), number);
+  if (digits == 0) return std::nullopt;
+  const std::string_view text = rest_.substr(0, sign + digits);
+  rest_.remove_prefix(text.size());
+  const bool negative = text.front() == '-';
+  if (digits <= mostPlainDigits) {
+    const auto magnitude = static_cast<std::int64_t>(number);
+    return negative ? -magnitude : magnitude;
+  }
+  if (const auto value = parseInteger(text)) return value;
   using Limits = std::numeric_limits<std::int64_t>;
-  return number.front() == '-' ? Limits::min() : Limits::max();
+  return negative ? Limits::min() : Limits::max();
 }
 
 std::optional<double> NumberScanner::decimal() {
   skipBlanks();
   std::size_t length = signLength(rest_);
-  const std::size_t whole = digitsLength(rest_.substr(length));
+  std::uint64_t mantissa = 0;
+  const std::size_t whole = takeDigits(rest_.substr(length), mantissa);
   length += whole;
   std::size_t fraction = 0;
   if (length < rest_.size() && rest_[length] == '.') {
-    fraction = digitsLength(rest_.substr(length + 1));
+    fraction = takeDigits(rest_.substr(length + 1), mantissa);
     if (whole + fraction > 0) length += 1 + fraction;
   }
   if (whole + fraction == 0) return std::nullopt;
-  if (length < rest_.size() && (rest_[length] == 'e' || rest_[length] == 'E')) {
-    const std::size_t exponentSign = signLength(rest_.substr(length + 1));
-    const std::size_t exponent = digitsLength(rest_.substr(length + 1 + exponentSign));
-    if (exponent > 0) length += 1 + exponentSign + exponent;
+  const std::size_t exponent = exponentLength(rest_.substr(length));
+  const std::string_view number = rest_.substr(0, length + exponent);
+  rest_.remove_prefix(number.size());
+  if (exponent == 0) {
+    if (const auto plain = plainDecimal(mantissa, whole + fraction, fraction, number.front() == '-'))
+      return plain;
   }
-  const std::string_view number = rest_.substr(0, length);
-  rest_.remove_prefix(length);
   return parseDouble(number);
 }
 

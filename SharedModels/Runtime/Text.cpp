@@ -115,7 +115,10 @@ std::size_t newlineOffset(std::string_view text) {
 bool allASCII(const char* bytes, std::size_t count) {
   std::uint64_t seen = 0;
   std::size_t index = 0;
-  for (; index + sizeof(seen) <= count; index += sizeof(seen)) seen |= wordAt(bytes + index);
+  for (; index + 4 * sizeof(seen) <= count; index += 4 * sizeof(seen)) {
+    seen |= wordAt(bytes + index) | wordAt(bytes + index + 8) | wordAt(bytes + index + 16) |
+            wordAt(bytes + index + 24);
+  }
   for (; index < count; ++index) seen |= static_cast<unsigned char>(bytes[index]);
   return (seen & highBits) == 0;
 }
@@ -164,6 +167,8 @@ std::string_view trimmed(std::string_view text) {
   }
   return text;
 }
+
+bool isBlank(std::string_view text) { return trimmedLeft(text).empty(); }
 
 bool isASCIIText(std::string_view text) { return allASCII(text.data(), text.size()); }
 

@@ -16,6 +16,8 @@ namespace quenzel {
 std::string_view trimmed(std::string_view text);
 /// Without leading white space and line breaks.
 std::string_view trimmedLeft(std::string_view text);
+/// Whether there is nothing else than white space and line breaks.
+bool isBlank(std::string_view text);
 
 /// Whether the text begins with a white-space character.
 bool startsWithWhitespace(std::string_view text);
