@@ -121,7 +121,7 @@ class RunningChild {
   }
 
   void take(Stream& stream) const {
-    std::array<char, 64 * 1024> buffer;
+    std::array<char, std::size_t{64} * 1024> buffer;
     const ssize_t count = ::read(stream.descriptor.get(), buffer.data(), buffer.size());
     if (count > 0) {
       if (!collects_) return;

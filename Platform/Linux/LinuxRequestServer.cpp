@@ -21,12 +21,12 @@ namespace quenzel::platform {
 namespace {
 
 // Plenty for sd-bus, the requests and their child processes; only the pages that are touched cost memory.
-constexpr std::size_t connectionStackBytes = 512 * 1024;
+constexpr std::size_t connectionStackBytes = std::size_t{512} * 1024;
 // Replies that a client does not read wait here, in the kernel, at the daemon's expense.
 constexpr int sendBufferBytes = 64 * 1024;
 constexpr rlim_t mostConnections = 1000;
 constexpr rlim_t wantedDescriptors = 2048;
-constexpr std::size_t mostMessageBytes = 64 * 1024;
+constexpr std::size_t mostMessageBytes = std::size_t{64} * 1024;
 constexpr int exhaustionPauseMilliseconds = 100;
 
 using ConnectionSlots = std::counting_semaphore<mostConnections>;
@@ -188,7 +188,7 @@ void serveOnThread(FileDescriptor socket, RequestHandler& handler, ConnectionSlo
   if (!slots.try_acquire()) return;
   std::unique_ptr<Connection> connection(new (std::nothrow) Connection{std::move(socket), handler, slots});
   if (connection && startConnectionThread(connection.get())) {
-    connection.release();  // the thread owns it
+    static_cast<void>(connection.release());  // the thread owns it
   } else {
     slots.release();
   }

@@ -15,7 +15,7 @@ struct PointInTime {
   static constexpr PointInTime fromSecondsSince1970(double seconds) { return {seconds - epochOffsetSeconds}; }
   constexpr double secondsSince1970() const { return secondsSince2001 + epochOffsetSeconds; }
 
-  auto operator<=>(const PointInTime&) const = default;
+  auto operator<=>(const PointInTime&) const = default;  // NOLINT(modernize-use-nullptr): none is here
 };
 
 /// Seconds from `earlier` to `later`; negative when they stand the other way round.
