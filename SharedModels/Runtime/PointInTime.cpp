@@ -17,15 +17,25 @@ PointInTime now() {
   return {static_cast<double>(since2001.count()) / 1e6};
 }
 
-std::string iso8601Text(PointInTime time) {
+namespace {
+
+using BreakDown = std::tm* (*)(const std::time_t*, std::tm*);
+
+std::string text(PointInTime time, const char* format, BreakDown breakDown) {
   constexpr double mostSeconds = 1e15;  // far beyond any calendar, far within any integer
   const double sinceEpoch = std::floor(time.secondsSince1970());
   if (!(std::abs(sinceEpoch) < mostSeconds)) return "";
   const auto seconds = static_cast<std::time_t>(sinceEpoch);
   std::tm fields{};
-  if (::gmtime_r(&seconds, &fields) == nullptr) return "";
-  char text[48];
-  return {text, std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &fields)};
+  if (breakDown(&seconds, &fields) == nullptr) return "";
+  char buffer[64];
+  return {buffer, std::strftime(buffer, sizeof(buffer), format, &fields)};
 }
+
+}  // namespace
+
+std::string iso8601Text(PointInTime time) { return text(time, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r); }
+
+std::string localTimeText(PointInTime time, const char* format) { return text(time, format, ::localtime_r); }
 
 }  // namespace quenzel

@@ -35,4 +35,7 @@ PointInTime now();
 /// ISO 8601 in UTC with whole seconds: "2025-01-31T12:00:00Z"; empty for an instant beyond any calendar.
 std::string iso8601Text(PointInTime time);
 
+/// The machine's local time in a form of strftime(3); empty for an instant beyond any calendar.
+std::string localTimeText(PointInTime time, const char* format);
+
 }  // namespace quenzel

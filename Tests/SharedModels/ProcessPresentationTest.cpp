@@ -1,0 +1,246 @@
+#include <map>
+#include <numeric>
+#include <random>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "SharedModels/Presentation/ProcessAttributionPresentationService.hpp"
+#include "Tests/Support/SnapshotBuilders.hpp"
+
+namespace quenzel {
+namespace {
+
+using namespace ProcessAttributionPresentationService;
+using ::testing::ElementsAre;
+
+using Text = std::optional<std::string>;
+constexpr auto none = std::nullopt;
+
+TEST(ProcessPresentation, DerivesWhatARowShows) {
+  struct Row {
+    std::int64_t pid;
+    std::string name;
+    Text bundleID, stored;
+    std::string display;
+    Text subtitle;
+    int score;
+    std::string leaf, groupKey;
+  };
+  // clang-format off
+  const Row rows[] = {
+      {7, "/Applications/Foo.app/Contents/MacOS/Foo Agent", "com.E.foo ", none, "Foo", "/Applications/Foo.app", 34, "Foo Agent", "bundle:com.e.foo"},
+      {7, "/usr/libexec/Bar", none, none, "Bar", "/usr/libexec/Bar", 11, "Bar", "exec:/usr/libexec/bar"},
+      {0, "/x//A.APP/Contents/b.app/c/", " ", " A B ", " A B ", "/x/A.APP", 33, "c", "app:/x/a.app"},
+      {0, "/\u00C9.app/\u00C9x", none, "\u2003", "\u00C9", "/\u00C9.app", 30, "\u00C9x", "app:/\u00E9.app"},
+      {0, "/.app/x", "", none, ".app", "/.app", 30, "x", "app:/.app"},
+      {0, "/", none, none, "/", "/", 10, "/", "exec:/"},
+      {0, "(xpcproxy)", none, none, "xpcproxy", "(xpcproxy)", 0, "xpcproxy", "name:xpcproxy"},
+      {-1, "()", none, none, "()", none, 0, "", "name:()"},
+      {1, "com.example.Agent", "com.x", none, "Agent", "com.x", 4, "com.example.Agent", "name:agent"},
+      {1, " kworker/0:1 ", "", none, "kworker/0:1", none, 1, "0:1", "name:kworker/0:1"},
+      {0, " ", none, none, " ", none, 0, " ", "raw:"},
+  };
+  const std::pair<const char*, const char*> names[] = {
+      {"( )", "( )"}, {"( a )", "a"}, {"(", "("}, {"com.example", "com.example"}, {"my.app.thing", "my.app.thing"},
+      {"com.example.Foo Bar", "com.example.Foo Bar"}, {"CO..x.y.", "y"}, {"com.a/b.c", "com.a/b.c"}, {"\n", "\n"}};
+  // clang-format on
+  for (const Row& row : rows) {
+    const ProcessDrain process{
+        .pid = row.pid, .name = row.name, .bundleID = row.bundleID, .displayName = row.stored};
+    EXPECT_EQ(processDisplayName(process), row.display) << row.name;
+    EXPECT_EQ(processSubtitleText(process), row.subtitle) << row.name;
+    EXPECT_EQ(processPresentationScore(process), row.score) << row.name;
+    EXPECT_EQ(executableLeaf(process), row.leaf) << row.name;
+    EXPECT_EQ(processGroupKeySource(process, row.display), row.groupKey) << row.name;
+  }
+  for (const auto& [name, normalized] : names) EXPECT_EQ(normalizedDisplayName(name), normalized);
+  EXPECT_EQ(topLevelAppBundlePath("/Applications/A.app/Contents/Agents/B.app/x"), "/Applications/A.app");
+  EXPECT_EQ(topLevelAppBundlePath("/a.apps/app"), none);
+}
+
+TEST(ProcessPresentation, NumbersRowsThatAreNoProcess) {
+  EXPECT_EQ(stableSyntheticPID(""), -1935665603);
+  // (0x14650FB0739D0383 ^ 'a') * 0x100000001B3 mod 2^64 = 4953267810257967366
+  EXPECT_EQ(stableSyntheticPID("a"), -258967366);
+}
+
+ProcessDrain child(std::int64_t pid, std::int64_t parent, std::string name, double drainW = 0) {
+  ProcessDrain process = makeProcessDrain(pid, std::move(name), drainW);
+  process.parentPID = parent;
+  return process;
+}
+
+TEST(ProcessPresentation, ShowsHelpersUnderTheApplicationThatHostsThem) {
+  std::vector<ProcessDrain> rows = {makeProcessDrain(10, "/Applications/Foo.app/Contents/MacOS/Foo", 0)};
+  for (int pid = 11; pid <= 19; ++pid) rows.push_back(child(pid, pid - 1, "/opt/helper"));
+  rows.push_back(child(30, 31, "/opt/a"));  // a circle of parents
+  rows.push_back(child(31, 30, "/opt/b"));
+  rows.push_back(child(40, 10, "/System/Library/Dock.app/Dock"));  // the system's applications host nobody
+  rows.push_back(child(41, 40, "dock-helper"));
+  rows.push_back(child(50, 1, "FOO"));  // an alias of the executable in the bundle
+  rows.push_back(makeProcessDrain(60, "/opt/tool", 0));
+  rows.back().bundleID = "org.tool";
+  rows.push_back(child(61, 60, "/opt/Foo"));
+  const auto annotated = annotateSnapshot(makeSnapshot(0, 1, rows), std::vector{makeSnapshot(0, 1, rows)});
+  std::map<std::int64_t, std::string> canonical;
+  for (const ProcessDrain& row : annotated.processes) canonical[row.pid] = *row.canonicalName;
+  EXPECT_EQ(canonical[18], "Foo") << "eight hops";
+  EXPECT_EQ(canonical[19], "helper") << "nine hops";
+  EXPECT_EQ(canonical[31], "b");
+  EXPECT_EQ(canonical[41], "Foo");
+  EXPECT_EQ(canonical[50], "Foo");
+  EXPECT_EQ(canonical[61], "tool") << "a host's name goes before an alias";
+  EXPECT_EQ(annotated.processes[1].displayName, "helper");
+  EXPECT_EQ(annotated.processes[1].processGroupKey, "app:/applications/foo.app") << "the host's";
+
+  ProcessDrain stored = child(11, 10, "/opt/helper");
+  stored.displayName = " shown ";
+  stored.canonicalName = " kept ";
+  stored.processGroupKey = " key ";
+  stored = annotateSnapshot(makeSnapshot(0, 1, {stored}), ProcessPresentationContext{}).processes[0];
+  EXPECT_THAT((std::vector{*stored.displayName, *stored.canonicalName, *stored.processGroupKey}),
+              ElementsAre("shown", "kept", "key"));
+}
+
+TEST(ProcessPresentation, PrefersTheBestNameAndOfEqualOnesTheFirst) {
+  std::vector<ProcessDrain> rows = {makeProcessDrain(0, "/A.app/tool", 0),
+                                    makeProcessDrain(2, "/B.app/tool", 0),
+                                    makeProcessDrain(3, "/C.app/tool", 0)};
+  const auto context = makePresentationContext(std::vector{makeSnapshot(0, 1, rows)});
+  EXPECT_EQ(context.aliasByExecutableLeaf, (TextMap<std::string>{{"tool", "B"}}));
+  DisplayNameCache cache;
+  EXPECT_EQ(buildExecutableAliasMap(rows, cache), context.aliasByExecutableLeaf);
+  const auto watts = processWattsByDisplayName(
+      makeSnapshot(0, 1, {makeProcessDrain(9, "(tool)", 2), makeProcessDrain(8, "x", -1)}),
+      context.aliasByExecutableLeaf, cache);
+  EXPECT_EQ(watts, (TextMap<double>{{"B", 2}, {"x", 0}}));
+}
+
+/// Histories with numbers used again, renamed executables, changing parents and stored names.
+std::vector<DrainSnapshot> randomHistory(std::mt19937& random) {
+  static const char* const names[] = {"/Applications/Foo.app/Contents/MacOS/Foo",
+                                      "/Applications/Bar.app/x/Foo",
+                                      "/usr/bin/tool",
+                                      "foo",
+                                      "FOO",
+                                      "(tool)",
+                                      "com.example.Agent",
+                                      "/opt/bar"};
+  const auto pick = [&](int count) { return static_cast<int>(random() % static_cast<unsigned>(count)); };
+  std::vector<DrainSnapshot> history;
+  for (int time = pick(8); time >= 0; --time) {
+    DrainSnapshot snapshot = makeSnapshot(100 - time, 20);
+    for (int rows = pick(12); rows > 0; --rows) {
+      ProcessDrain row = makeProcessDrain(pick(7), names[pick(8)], pick(5) - 1);
+      if (pick(2)) row.parentPID = pick(7);
+      if (pick(4) == 0) row.bundleID = pick(2) ? "com.apple.x" : "org.x";
+      if (pick(5) == 0) row.displayName = pick(2) ? "foo" : "Shown";
+      snapshot.processes.push_back(row);
+    }
+    history.push_back(snapshot);
+  }
+  return history;
+}
+
+TEST(ProcessPresentation, ExtendingAContextEqualsRebuildingIt) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 500; ++round) {
+    const std::vector<DrainSnapshot> history = randomHistory(random);
+    ProcessPresentationContext extended;
+    for (std::span<const DrainSnapshot> rest = history; !rest.empty();) {
+      const std::size_t count = 1 + random() % rest.size();
+      extended = appendingPresentationContext(extended, rest.first(count));
+      rest = rest.subspan(count);
+    }
+    ASSERT_EQ(extended, makePresentationContext(history));
+    ASSERT_EQ(extended, makeLatestOnlyPresentationContext(history));
+    std::vector<const DrainSnapshot*> places;
+    for (const DrainSnapshot& snapshot : history) places.push_back(&snapshot);
+    ASSERT_EQ(extended, makeLatestOnlyPresentationContext(places));
+    std::map<std::int64_t, ProcessDrain> latest;
+    for (const DrainSnapshot& snapshot : history) {
+      for (const ProcessDrain& row : snapshot.processes) latest.insert_or_assign(row.pid, row);
+    }
+    ASSERT_THAT(extended.latestProcessByPID, ::testing::UnorderedElementsAreArray(latest));
+  }
+  const CancellationToken cancelled;
+  cancelled.cancel();
+  EXPECT_EQ(makeLatestOnlyPresentationContext(std::vector{makeSnapshot(0, 1, {makeProcessDrain(1, "a", 0)})},
+                                              cancelled),
+            ProcessPresentationContext{});
+}
+
+double sum(const TextMap<double>& values) {
+  return std::accumulate(values.begin(), values.end(), 0.0,
+                         [](double total, const auto& entry) { return total + entry.second; });
+}
+
+double totalPower(const std::vector<ProcessDrain>& rows) {
+  return std::accumulate(rows.begin(), rows.end(), 0.0, [](double total, const ProcessDrain& row) {
+    return total + std::max(0.0, row.drainW);
+  });
+}
+
+TEST(ProcessPresentation, FoldingLosesNoEnergyAndNoPower) {
+  std::mt19937 random(11);
+  for (int round = 0; round < 300; ++round) {
+    const std::vector<DrainSnapshot> history = randomHistory(random);
+    const auto context = makePresentationContext(history);
+    TextMap<double> whByName = {{"ended", 0.25}};
+    TextMap<double> whByID;
+    for (const DrainSnapshot& snapshot : history) {
+      for (const auto& [name, watts] : processWattsByDisplayName(snapshot, context))
+        whByName[name] += watts / 8;
+      for (const ProcessDrain& row : snapshot.processes) whByID[row.id()] += std::max(0.0, row.drainW) / 8;
+    }
+    const auto visible = groupVisibleProcesses(history.back(), context, whByName);
+    EXPECT_DOUBLE_EQ(sum(visible.processWhByID), sum(whByName));
+    EXPECT_DOUBLE_EQ(totalPower(visible.processes), totalPower(history.back().processes));
+    const auto unique = makeUniqueProcesses(history, whByID, {}, 0.5, {}, context);
+    EXPECT_DOUBLE_EQ(sum(unique.processWhByID), sum(whByID));
+    EXPECT_DOUBLE_EQ(totalPower(unique.processes), sum(whByID) / 0.5) << "average over the sampled hours";
+  }
+}
+
+TEST(ProcessPresentation, GroupsRowsUnderTheNameThatIsShown) {
+  const DrainSnapshot snapshot =
+      makeSnapshot(0, 9,
+                   {child(12, 10, "/opt/helper", 3), makeProcessDrain(20, "bar", std::nan("")),
+                    makeProcessDrain(10, "/Foo.app/Contents/MacOS/Foo", 1), makeProcessDrain(21, "baz", 0),
+                    child(11, 10, "/Foo.app/Contents/Agents/Foo", 3)});
+  const auto context = makePresentationContext(std::span(&snapshot, 1));
+  const auto visible = groupVisibleProcesses(
+      snapshot, context, {{"Foo", 2}, {"FOO", 1}, {"ended", 0.5}, {"bar", -1}, {"baz", 0}});
+  std::vector<std::string> rows;
+  for (const ProcessDrain& row : visible.processes) {
+    rows.push_back(fmt::format("{} {} {} {} Wh {} W", row.pid, row.name, *row.displayName,
+                               visible.processWhByID.at(row.id()), row.drainW));
+  }
+  const std::int32_t foo = stableSyntheticPID("foo");
+  EXPECT_THAT(rows, ElementsAre(fmt::format("{} /Foo.app/Contents/MacOS/Foo Foo 3 Wh 7 W", foo),
+                                fmt::format("{} ended ended 0.5 Wh 0 W", stableSyntheticPID("ended")),
+                                "20 bar bar 0 Wh 0 W", "21 baz baz 0 Wh 0 W"));
+  ASSERT_EQ(visible.subprocessesByID.size(), 1U);
+  std::vector<std::int64_t> members;
+  for (const ProcessDrain& member : visible.subprocessesByID.at(visible.processes[0].id()))
+    members.push_back(member.pid);
+  EXPECT_THAT(members, ElementsAre(11, 12, 10)) << "by power, then by number";
+
+  DrainSnapshot earlier = snapshot;
+  earlier.hidden = {{HiddenDrainKind::dockerContainer, "web", 4},
+                    {HiddenDrainKind::launchdService, "web", 1}};
+  DrainSnapshot later = snapshot;
+  later.hidden = {{HiddenDrainKind::dockerContainer, "web", 6}};
+  const std::vector<DrainSnapshot> window = {earlier, later};
+  const TextMap<double> hiddenWh = {{"docker_container-web", 1}, {"launchd_service-web", 3}};
+  EXPECT_THAT(makeUniqueProcesses(window, {}, hiddenWh, 2, {}, context).hidden,
+              ElementsAre(HiddenDrain{HiddenDrainKind::launchdService, "web", 1.5},
+                          HiddenDrain{HiddenDrainKind::dockerContainer, "web", 0.5}));
+  EXPECT_THAT(makeUniqueProcesses({}, {}, {}, 0, later, context).hidden, later.hidden)
+      << "nothing was sampled";
+}
+
+}  // namespace
+}  // namespace quenzel
