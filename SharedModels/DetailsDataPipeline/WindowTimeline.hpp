@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "SharedModels/DetailsDataPipeline/DetailsPipelineOutput.hpp"
+#include "SharedModels/Runtime/PointInTime.hpp"
+
+namespace quenzel {
+
+/// How much of a window each of its snapshots stands for, and where on a chart of it.
+///
+/// The trapezoid rule gives every snapshot half of the slice on either side of it. So the energy of anything
+/// with a power in each snapshot is the sum of power times these hours, in whatever order the powers come;
+/// what is missing from a snapshot drew nothing at that time.
+class WindowTimeline {
+ public:
+  /// @param timestamps ascending, all between start and end
+  WindowTimeline(const std::vector<PointInTime>& timestamps, PointInTime start, PointInTime end);
+
+  std::size_t snapshotCount() const { return samples_.size(); }
+  double hoursOf(std::size_t snapshot) const { return samples_[snapshot].hours; }
+
+  /// Which of the chart's spans a snapshot lies in.
+  std::size_t spanOf(std::size_t snapshot) const { return samples_[snapshot].span; }
+  /// The average power of each span that was sampled, from the energy in each.
+  std::vector<ChartPoint> averageWatts(const std::vector<float>& spanWh) const;
+
+ private:
+  struct Sample {
+    double hours = 0;
+    std::size_t span = 0;
+  };
+  struct Span {
+    PointInTime newest = {};
+    double hours = 0;
+  };
+  std::vector<Sample> samples_;
+  std::vector<Span> spans_;
+};
+
+}  // namespace quenzel
