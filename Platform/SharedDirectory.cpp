@@ -1,5 +1,6 @@
 #include "Platform/SharedDirectory.hpp"
 
+#include <cerrno>
 #include <filesystem>
 #include <system_error>
 
@@ -15,8 +16,11 @@ bool createSharedDataDirectory(const std::string& path) {
   std::error_code failure;  // shows in what follows
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failure);
   if (::mkdir(path.c_str(), everybody) != 0) {
-    return std::filesystem::is_directory(
+    const int reason = errno;
+    const bool isThere = std::filesystem::is_directory(
         std::filesystem::symlink_status(path, failure));  // a link leads elsewhere
+    errno = reason;
+    return isThere;
   }
   // By the opened folder rather than by name: where the folder above is open to all, the name may by now be
   // somebody's link to another place.

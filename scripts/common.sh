@@ -10,8 +10,8 @@ fail() {
 
 # What building takes, as Debian and as Homebrew call it; the scripts add what else they need.
 debian_packages=(g++ cmake ninja-build pkg-config libfmt-dev nlohmann-json3-dev libplist-dev libutf8proc-dev
-  libre2-dev libsystemd-dev libcli11-dev procps)
-brew_packages=(cmake ninja pkg-config fmt nlohmann-json libplist utf8proc re2 cli11)
+  libre2-dev libsqlite3-dev libsystemd-dev libcli11-dev procps)
+brew_packages=(cmake ninja pkg-config fmt nlohmann-json libplist utf8proc re2 sqlite cli11)
 
 missing_debian_packages() {
   local package

@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include "SharedModels/Snapshot/DrainSnapshot.hpp"
 
 namespace quenzel {
@@ -23,5 +25,7 @@ struct SnapshotHistoryReadModel {
 
   bool operator==(const SnapshotHistoryReadModel&) const = default;
 };
+
+nlohmann::ordered_json encodeEnergyUsageSummary(const EnergyUsageSummary& summary);
 
 }  // namespace quenzel

@@ -1,0 +1,110 @@
+#include "Storage/Database.hpp"
+
+#include <chrono>
+#include <filesystem>
+#include <system_error>
+
+#include <sqlite3.h>
+
+#include "Storage/SnapshotStoreError.hpp"
+
+namespace quenzel {
+namespace {
+
+constexpr int busyTimeoutMilliseconds = 5000;
+
+/// A FIFO would keep the opening waiting for ever, and a device would swallow what is stored.
+bool isOtherThanFile(const std::string& path) {
+  std::error_code failure;
+  const std::filesystem::file_status status = std::filesystem::status(path, failure);
+  return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
+}
+
+void undo(Database& database) noexcept {
+  try {
+    database.execute("ROLLBACK;");
+  } catch (const SnapshotStoreError&) {  // NOLINT(bugprone-empty-catch)
+    // SQLite has rolled back by itself, as it does when the disk is full.
+  }
+}
+
+}  // namespace
+
+void Database::CloseConnection::operator()(sqlite3* connection) const noexcept {
+  sqlite3_close_v2(connection);
+}
+
+void Database::FinalizeStatement::operator()(sqlite3_stmt* statement) const noexcept {
+  sqlite3_finalize(statement);
+}
+
+Database::Database(const std::string& path, Access access) {
+  const int flags = access == Access::readOnly
+                        ? SQLITE_OPEN_READONLY
+                        : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
+  if (isOtherThanFile(path)) throw SnapshotStoreError::withMessage("Not a regular file");
+  const std::string file = path.front() == '/' ? path : "./" + path;  // no name with a meaning of its own
+  sqlite3* connection = nullptr;
+  const int result = sqlite3_open_v2(file.c_str(), &connection, flags, nullptr);
+  connection_.reset(connection);  // to be closed even after a failure
+  if (connection == nullptr) throw SnapshotStoreError::withMessage("Failed to open SQLite database.");
+  if (result != SQLITE_OK) throw SnapshotStoreError::ofConnection(connection);
+  sqlite3_busy_timeout(connection, busyTimeoutMilliseconds);
+  execute("PRAGMA busy_timeout = 5000;");
+  execute("PRAGMA foreign_keys = ON;");
+}
+
+void Database::execute(const char* sql) {
+  if (sqlite3_exec(connection_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK)
+    throw SnapshotStoreError::ofConnection(connection_.get());
+}
+
+void Database::useWriteAheadLog() {
+  using Clock = std::chrono::steady_clock;
+  constexpr int pauseMilliseconds = 2;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(busyTimeoutMilliseconds);
+  // Of several connections that switch a new file at the same moment SQLite turns all but one away at once,
+  // without the busy timeout, because each waits with a lock that the others want.
+  while (sqlite3_exec(connection_.get(), "PRAGMA journal_mode = WAL;", nullptr, nullptr, nullptr) !=
+         SQLITE_OK) {
+    if (sqlite3_errcode(connection_.get()) != SQLITE_BUSY || Clock::now() >= deadline)
+      throw SnapshotStoreError::ofConnection(connection_.get());
+    sqlite3_sleep(pauseMilliseconds);
+  }
+}
+
+Statement Database::prepared(std::string_view sql) {
+  const auto known = statements_.find(sql);
+  if (known != statements_.end()) return Statement(known->second.get());
+  sqlite3_stmt* handle = nullptr;
+  if (sqlite3_prepare_v3(connection_.get(), sql.data(), static_cast<int>(sql.size()),
+                         SQLITE_PREPARE_PERSISTENT, &handle, nullptr) != SQLITE_OK)
+    throw SnapshotStoreError::ofConnection(connection_.get());
+  statements_.emplace(sql, StatementHandle(handle));
+  return Statement(handle);
+}
+
+std::int64_t Database::lastInsertRowID() const { return sqlite3_last_insert_rowid(connection_.get()); }
+
+std::int64_t Database::changes() const { return sqlite3_changes64(connection_.get()); }
+
+WriteTransaction::WriteTransaction(Database& database) : database_(database) {
+  database_.execute("BEGIN IMMEDIATE TRANSACTION;");
+}
+
+WriteTransaction::~WriteTransaction() {
+  if (open_) undo(database_);
+}
+
+void WriteTransaction::commit() {
+  database_.execute("COMMIT;");
+  open_ = false;
+}
+
+ReadTransaction::ReadTransaction(Database& database) : database_(database) {
+  database_.execute("BEGIN DEFERRED TRANSACTION;");
+}
+
+ReadTransaction::~ReadTransaction() { undo(database_); }
+
+}  // namespace quenzel

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "Storage/Statement.hpp"
+
+struct sqlite3;
+
+namespace quenzel {
+
+/// One connection to a SQLite 3 database, and its prepared statements. Not thread-safe: used under its
+/// owner's lock. Every operation that can fail throws SnapshotStoreError.
+class Database {
+ public:
+  enum class Access { readOnly, readWriteCreate };
+
+  /// The connection waits 5 s for another one's lock, and keeps foreign keys. The path is a file's, never one
+  /// of the names that SQLite has for other things (":memory:").
+  Database(const std::string& path, Access access);
+
+  /// Runs statements that take no values and whose rows nobody wants.
+  void execute(const char* sql);
+
+  /// Switches to write-ahead logging, where it is not on already; it lasts in the file.
+  void useWriteAheadLog();
+
+  /// A statement of a constant text: prepared at its first use, kept as long as the connection. Only one use
+  /// of a text at a time.
+  Statement prepared(std::string_view sql);
+
+  std::int64_t lastInsertRowID() const;
+  /// Rows that the latest INSERT, UPDATE or DELETE changed itself; not those that went by cascade.
+  std::int64_t changes() const;
+
+ private:
+  struct CloseConnection {
+    void operator()(sqlite3* connection) const noexcept;
+  };
+  struct FinalizeStatement {
+    void operator()(sqlite3_stmt* statement) const noexcept;
+  };
+  using StatementHandle = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+
+  std::unique_ptr<sqlite3, CloseConnection> connection_;
+  std::unordered_map<std::string_view, StatementHandle> statements_;  ///< by the address-stable SQL text
+};
+
+/// All or nothing: what happens between its making and commit() is undone unless commit() is reached.
+class WriteTransaction {
+ public:
+  /// Takes the database's write lock at once, so that no other writer can come in between.
+  explicit WriteTransaction(Database& database);
+  WriteTransaction(const WriteTransaction&) = delete;
+  WriteTransaction& operator=(const WriteTransaction&) = delete;
+  ~WriteTransaction();
+  void commit();
+
+ private:
+  Database& database_;
+  bool open_ = true;
+};
+
+/// One picture of the database for several reads, whatever others write meanwhile.
+class ReadTransaction {
+ public:
+  explicit ReadTransaction(Database& database);
+  ReadTransaction(const ReadTransaction&) = delete;
+  ReadTransaction& operator=(const ReadTransaction&) = delete;
+  ~ReadTransaction();
+
+ private:
+  Database& database_;
+};
+
+}  // namespace quenzel

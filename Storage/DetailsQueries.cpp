@@ -1,0 +1,204 @@
+#include "Storage/DetailsQueries.hpp"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "SharedModels/DetailsDataPipeline/DetailsReadModel.hpp"
+#include "SharedModels/DetailsDataPipeline/WindowTimeline.hpp"
+#include "Storage/Database.hpp"
+#include "Storage/EnergyQueries.hpp"
+#include "Storage/SnapshotQueries.hpp"
+
+namespace quenzel {
+namespace {
+
+constexpr std::string_view selectWindowRows =
+    "SELECT id, timestamp, total_watts, process_total_w, tracker_total_w, on_battery_power, "
+    "battery_level_percent, components_screen_w, components_usb_w, unattributed_w\n"
+    "FROM snapshots\n"
+    "WHERE timestamp >= ? AND timestamp <= ?\n"
+    "ORDER BY timestamp ASC;";
+
+// Grouping by snapshot and key in SQL would sort every row of the window, four times the cost of reading
+// them. So they are read in the table's own order, and summed up on the way. Rows are only ever appended, by
+// one writer at a time, and snapshot ids only grow: the rows of a range of ids are a range of rowids.
+constexpr std::string_view selectProcessRows =
+    "SELECT snapshot_id, process_group_key, drain_w\n"
+    "FROM process_samples\n"
+    "WHERE rowid >= (SELECT rowid FROM process_samples WHERE snapshot_id >= ?1 "
+    "ORDER BY snapshot_id ASC, rowid ASC LIMIT 1)\n"
+    "AND rowid <= (SELECT rowid FROM process_samples WHERE snapshot_id <= ?2 "
+    "ORDER BY snapshot_id DESC, rowid DESC LIMIT 1)\n"
+    "ORDER BY rowid ASC;";
+
+constexpr std::string_view selectCanonicalName =
+    "SELECT MAX(canonical_name) FROM process_samples WHERE process_group_key = ? AND snapshot_id = ?;";
+
+constexpr std::string_view selectHiddenRows =
+    "SELECT snapshot_id, kind, identifier, drain_w\n"
+    "FROM hidden_drains\n"
+    "WHERE snapshot_id >= ? AND snapshot_id <= ?\n"
+    "ORDER BY snapshot_id ASC, kind ASC, identifier ASC;";
+
+/// The snapshots of a window without their rows, in ascending time.
+struct WindowRows {
+  std::vector<std::int64_t> ids;
+  std::vector<PreparedSnapshot> prepared;
+};
+
+/// Where each snapshot of a window stands in it. Rows of the same snapshot mostly come one after another.
+class WindowPositions {
+ public:
+  explicit WindowPositions(const std::vector<std::int64_t>& ids) {
+    positions_.reserve(ids.size());
+    for (std::size_t position = 0; position < ids.size(); ++position)
+      positions_.emplace(ids[position], position);
+  }
+
+  std::optional<std::size_t> find(std::int64_t id) {
+    if (id != lastID_) {
+      const auto entry = positions_.find(id);
+      last_ = entry == positions_.end() ? std::nullopt : std::optional(entry->second);
+      lastID_ = id;
+    }
+    return last_;
+  }
+
+ private:
+  std::unordered_map<std::int64_t, std::size_t> positions_;
+  std::int64_t lastID_ = 0;  // no row has it
+  std::optional<std::size_t> last_;
+};
+
+WindowRows readWindowRows(Database& database, PointInTime cutoff, PointInTime anchor) {
+  WindowRows window;
+  Statement rows = database.prepared(selectWindowRows);
+  rows.bind(cutoff.secondsSince1970(), anchor.secondsSince1970());
+  while (rows.next()) {
+    window.ids.push_back(rows.column<std::int64_t>(0));
+    window.prepared.push_back({.timestamp = PointInTime::fromSecondsSince1970(rows.column<double>(1)),
+                               .totalW = rows.column<double>(2),
+                               .processW = rows.column<double>(3),
+                               .componentW = rows.column<double>(7) + rows.column<double>(8),
+                               .unattributedW = rows.column<double>(9),
+                               .onBatteryPower = rows.column<bool>(5),
+                               .batteryLevelPercent = rows.column<std::optional<double>>(6)});
+  }
+  return window;
+}
+
+WindowTimeline timelineOf(const WindowRows& window, PointInTime cutoff, PointInTime anchor) {
+  std::vector<PointInTime> timestamps;
+  timestamps.reserve(window.prepared.size());
+  for (const PreparedSnapshot& snapshot : window.prepared) timestamps.push_back(snapshot.timestamp);
+  return {timestamps, cutoff, anchor};
+}
+
+std::pair<std::int64_t, std::int64_t> idRange(const WindowRows& window) {
+  const auto [least, most] = std::minmax_element(window.ids.begin(), window.ids.end());
+  return {*least, *most};
+}
+
+GroupedWattsIntegrator readProcesses(Database& database, const WindowRows& window,
+                                     const WindowTimeline& timeline) {
+  GroupedWattsIntegrator groups(timeline);
+  WindowPositions positions(window.ids);
+  const auto [least, most] = idRange(window);
+  Statement rows = database.prepared(selectProcessRows);
+  rows.bind(least, most);
+  while (rows.next()) {
+    if (const auto snapshot = positions.find(rows.column<std::int64_t>(0)))
+      groups.integrateGroupedWatts(*snapshot, rows.column<std::string_view>(1), rows.column<double>(2));
+  }
+  return groups;
+}
+
+TextMap<std::string> readCanonicalNames(Database& database, const WindowRows& window,
+                                        const TextMap<GroupedWatts>& groups) {
+  TextMap<std::string> names;
+  names.reserve(groups.size());
+  Statement select = database.prepared(selectCanonicalName);
+  for (const auto& [key, group] : groups) {
+    select.bind(key, window.ids[group.newestSnapshot]);
+    select.next();  // an aggregate always has one row
+    names.emplace(key, select.column<std::string>(0));
+    select.reset();
+  }
+  return names;
+}
+
+struct HiddenWatts {
+  GroupedWattsIntegrator groups;
+  std::vector<std::pair<HiddenDrainKind, std::string>> workloads;
+};
+
+HiddenWatts readHidden(Database& database, const WindowRows& window, const WindowTimeline& timeline) {
+  HiddenWatts hidden{GroupedWattsIntegrator(timeline), {}};
+  WindowPositions positions(window.ids);
+  const auto [least, most] = idRange(window);
+  Statement rows = database.prepared(selectHiddenRows);
+  rows.bind(least, most);
+  while (rows.next()) {
+    const auto snapshot = positions.find(rows.column<std::int64_t>(0));
+    const auto kind = hiddenDrainKind(rows.column<std::string_view>(1));
+    if (!snapshot || !kind) continue;
+    const HiddenDrain drain{*kind, rows.column<std::string>(2), rows.column<double>(3)};
+    const std::string key = drain.id();
+    if (!hidden.groups.groups().contains(key)) hidden.workloads.emplace_back(*kind, drain.identifier);
+    hidden.groups.integrateGroupedWatts(*snapshot, key, drain.drainW);
+  }
+  return hidden;
+}
+
+void fillSeries(DetailsPipelineOutput& output, const WindowRows& window) {
+  output.totalPowerW.reserve(window.prepared.size());
+  for (const PreparedSnapshot& snapshot : window.prepared) {
+    output.totalPowerW.push_back({snapshot.timestamp, static_cast<float>(snapshot.totalW)});
+    if (const auto level = snapshot.batteryLevelPercent)
+      output.batteryLevelPercent.push_back({snapshot.timestamp, static_cast<float>(*level)});
+  }
+  output.batteryDrainRatePctPerHour = calculateBatteryDrainRate(output.batteryLevelPercent);
+}
+
+void fillGroups(DetailsPipelineOutput& output, Database& database, const WindowRows& window,
+                std::int64_t maxAppSeries) {
+  const WindowTimeline timeline = timelineOf(window, output.windowStart, output.anchor);
+  const double sampleHours = output.summary.sampleHours;
+  const GroupedWattsIntegrator processes = readProcesses(database, window, timeline);
+  output.processes =
+      buildGroupedProcessData(processes.groups(), readCanonicalNames(database, window, processes.groups()),
+                              output.latestSnapshot, sampleHours);
+  output.appSeries = buildAppSeries(output.processes, processes.groups(), timeline, maxAppSeries);
+  const HiddenWatts hidden = readHidden(database, window, timeline);
+  output.hidden =
+      buildHiddenData(hidden.groups.groups(), hidden.workloads, output.latestSnapshot, sampleHours);
+}
+
+}  // namespace
+
+std::vector<PreparedSnapshot> DetailsQueries::preparedSnapshots(Database& database, PointInTime cutoff,
+                                                                PointInTime anchor) {
+  return readWindowRows(database, cutoff, anchor).prepared;
+}
+
+DetailsPipelineOutput DetailsQueries::readModel(Database& database, PointInTime cutoff, PointInTime anchor,
+                                                std::int64_t maxAppSeries,
+                                                const DrainSnapshot& fallbackSnapshot) {
+  DetailsPipelineOutput output;
+  output.windowStart = cutoff;
+  output.anchor = anchor;
+  output.latestSnapshot = SnapshotQueries::newest(database, cutoff, anchor).value_or(fallbackSnapshot);
+  output.summary = EnergyQueries::windowSummary(database, cutoff, anchor);
+  output.averageComponents = buildComponentAverages(output.summary, output.latestSnapshot, fallbackSnapshot);
+  const WindowRows window = readWindowRows(database, cutoff, anchor);
+  output.snapshotCount = static_cast<std::int64_t>(window.ids.size());
+  fillSeries(output, window);
+  if (!window.ids.empty()) fillGroups(output, database, window, maxAppSeries);
+  return output;
+}
+
+}  // namespace quenzel

@@ -1,0 +1,147 @@
+#include "Storage/EnergyQueries.hpp"
+
+#include <tuple>
+
+#include <fmt/format.h>
+
+#include "Storage/Database.hpp"
+
+namespace quenzel {
+namespace {
+
+/// A text as an SQL literal: the one way to have a quote inside is to double it.
+std::string quoted(std::string_view text) {
+  std::string literal = "'";
+  for (const char character : text) literal.append(character == '\'' ? 2 : 1, character);
+  return literal + "'";
+}
+
+constexpr std::string_view selectUsageSummary = R"(
+WITH recent AS (
+  SELECT id, timestamp, total_watts, on_battery_power
+  FROM snapshots
+  ORDER BY timestamp DESC
+  LIMIT ?
+), tracker AS (
+  SELECT snapshot_id, SUM(CASE WHEN drain_w > 0 THEN drain_w ELSE 0 END) AS tracker_w
+  FROM (
+    SELECT snapshot_id, drain_w, lower(process_name || ' ' || COALESCE(bundle_id, '')) AS identity
+    FROM process_samples
+    WHERE snapshot_id IN (SELECT id FROM recent)
+  )
+  WHERE instr(identity, 'quenzel') > 0
+     OR instr(identity, 'batterymetricsdaemon') > 0
+     OR instr(identity, {}) > 0
+  GROUP BY snapshot_id
+), ordered AS (
+  SELECT timestamp, total_watts, on_battery_power, COALESCE(tracker_w, 0) AS tracker_w,
+    LAG(timestamp) OVER earlier AS previous_timestamp,
+    LAG(total_watts) OVER earlier AS previous_total_watts,
+    LAG(on_battery_power) OVER earlier AS previous_on_battery_power,
+    LAG(COALESCE(tracker_w, 0)) OVER earlier AS previous_tracker_w
+  FROM recent
+  LEFT JOIN tracker ON tracker.snapshot_id = recent.id
+  WINDOW earlier AS (ORDER BY timestamp ASC)
+), slices AS (
+  SELECT timestamp,
+    CASE WHEN timestamp > previous_timestamp
+      THEN MIN(timestamp - previous_timestamp, 60.0) / 3600.0 ELSE 0 END AS hours,
+    MAX(0, (previous_total_watts + total_watts) * 0.5) AS average_w,
+    MAX(0, (previous_tracker_w + tracker_w) * 0.5) AS average_tracker_w,
+    COALESCE(on_battery_power, previous_on_battery_power, 0) AS on_battery
+  FROM ordered
+)
+SELECT
+  COALESCE(SUM(hours * average_w), 0) AS total_wh,
+  COALESCE(SUM(CASE WHEN on_battery <> 0 THEN hours * average_w ELSE 0 END), 0) AS battery_wh,
+  COALESCE((MAX(timestamp) - MIN(timestamp)) / 3600.0, 0) AS tracked_hours,
+  COALESCE(SUM(hours * average_tracker_w), 0) AS tracker_wh
+FROM slices;
+)";
+
+constexpr std::string_view selectWindowSummary = R"(
+WITH ordered AS (
+  SELECT timestamp, total_watts, process_total_w, tracker_total_w, on_battery_power,
+    components_screen_w, components_usb_w, components_cpu_w, components_gpu_w, components_ane_w,
+    components_ram_w, components_pci_w, unattributed_w,
+    LAG(timestamp) OVER earlier AS previous_timestamp,
+    LAG(total_watts) OVER earlier AS previous_total_watts,
+    LAG(process_total_w) OVER earlier AS previous_process_total_w,
+    LAG(tracker_total_w) OVER earlier AS previous_tracker_total_w,
+    LAG(on_battery_power) OVER earlier AS previous_on_battery_power,
+    LAG(components_screen_w) OVER earlier AS previous_components_screen_w,
+    LAG(components_usb_w) OVER earlier AS previous_components_usb_w,
+    LAG(components_cpu_w) OVER earlier AS previous_components_cpu_w,
+    LAG(components_gpu_w) OVER earlier AS previous_components_gpu_w,
+    LAG(components_ane_w) OVER earlier AS previous_components_ane_w,
+    LAG(components_ram_w) OVER earlier AS previous_components_ram_w,
+    LAG(components_pci_w) OVER earlier AS previous_components_pci_w,
+    LAG(unattributed_w) OVER earlier AS previous_unattributed_w
+  FROM snapshots
+  WHERE timestamp >= ? AND timestamp <= ?
+  WINDOW earlier AS (ORDER BY timestamp ASC)
+), slices AS (
+  SELECT *,
+    CASE WHEN timestamp > previous_timestamp
+      THEN MIN(timestamp - previous_timestamp, 60.0) / 3600.0 ELSE 0 END AS hours,
+    COALESCE(on_battery_power, previous_on_battery_power, 0) AS on_battery
+  FROM ordered
+)
+SELECT
+  COALESCE(SUM(hours * MAX(0, (previous_total_watts + total_watts) * 0.5)), 0) AS total_wh,
+  COALESCE(SUM(CASE WHEN on_battery <> 0
+    THEN hours * MAX(0, (previous_total_watts + total_watts) * 0.5) ELSE 0 END), 0) AS battery_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_tracker_total_w + tracker_total_w) * 0.5)), 0) AS tracker_wh,
+  COALESCE((MAX(timestamp) - MIN(timestamp)) / 3600.0, 0) AS tracked_hours,
+  COALESCE(SUM(hours), 0) AS sample_hours,
+  COALESCE(SUM(hours * MAX(0, (previous_process_total_w + process_total_w) * 0.5)), 0) AS process_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_components_screen_w + components_screen_w) * 0.5)), 0) AS screen_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_components_usb_w + components_usb_w) * 0.5)), 0) AS usb_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_components_cpu_w + components_cpu_w) * 0.5)), 0) AS cpu_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_components_gpu_w + components_gpu_w) * 0.5)), 0) AS gpu_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_components_ane_w + components_ane_w) * 0.5)), 0) AS ane_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_components_ram_w + components_ram_w) * 0.5)), 0) AS ram_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_components_pci_w + components_pci_w) * 0.5)), 0) AS pci_wh,
+  COALESCE(SUM(hours * MAX(0, (previous_unattributed_w + unattributed_w) * 0.5)), 0) AS unattributed_wh
+FROM slices;
+)";
+
+/// A record of doubles, in the order of its columns.
+template <typename Record, typename... Members>
+Record recordOf(const Statement& row, Members... members) {
+  Record record;
+  int column = 0;
+  ((record.*members = row.column<double>(column++)), ...);
+  return record;
+}
+
+}  // namespace
+
+std::string EnergyQueries::usageSummarySQL(std::string_view ownBundlePrefix) {
+  return fmt::format(selectUsageSummary, quoted(ownBundlePrefix));
+}
+
+EnergyUsageSummary EnergyQueries::usageSummary(Database& database, const std::string& sql,
+                                               std::int64_t limit) {
+  using Summary = EnergyUsageSummary;
+  if (limit < 1) return {};  // SQLite would take a negative limit for none at all
+  Statement select = database.prepared(sql);
+  select.bind(limit);
+  select.next();  // an aggregate always has one row
+  return recordOf<Summary>(select, &Summary::totalWh, &Summary::batteryWh, &Summary::trackedHours,
+                           &Summary::trackerWh);
+}
+
+DetailsWindowSummary EnergyQueries::windowSummary(Database& database, PointInTime cutoff,
+                                                  PointInTime anchor) {
+  using Summary = DetailsWindowSummary;
+  Statement select = database.prepared(selectWindowSummary);
+  select.bind(cutoff.secondsSince1970(), anchor.secondsSince1970());
+  select.next();  // an aggregate always has one row
+  return recordOf<Summary>(select, &Summary::totalWh, &Summary::batteryWh, &Summary::trackerWh,
+                           &Summary::trackedHours, &Summary::sampleHours, &Summary::processWh,
+                           &Summary::screenWh, &Summary::usbWh, &Summary::cpuWh, &Summary::gpuWh,
+                           &Summary::aneWh, &Summary::ramWh, &Summary::pciWh, &Summary::unattributedWh);
+}
+
+}  // namespace quenzel

@@ -1,0 +1,55 @@
+#include <gtest/gtest.h>
+
+#include "Storage/SQLiteSnapshotStore.hpp"
+#include "Tests/Support/TemporaryDirectory.hpp"
+
+namespace quenzel {
+namespace {
+
+using Status = EstimateTrackingStatus;
+
+PointInTime at(double seconds) { return PointInTime::fromSecondsSince1970(seconds); }
+
+std::vector<std::int64_t> idsOf(const std::vector<EstimateTrackingRow>& rows) {
+  std::vector<std::int64_t> ids;
+  for (const EstimateTrackingRow& row : rows) ids.push_back(row.id);
+  return ids;
+}
+
+TEST(EstimateTracking, FollowsAForecastToItsEvaluation) {
+  const testing::TemporaryDirectory folder;
+  const std::string path = folder / "history.sqlite";
+  SQLiteSnapshotStore store(path, SQLiteSnapshotStore::Mode::readWriteCreate);
+  const EstimateTrackingEstimateInput first{at(300), 900, "average", true, 81.5, 12.25, 9.5, 480};
+  const EstimateTrackingEstimateInput bare{at(100), 60, "système", false, 50, 3, {}, {}};
+  EXPECT_EQ(store.insert(first), 1);
+  EXPECT_EQ(store.insert(bare), 2);
+  EXPECT_EQ(store.insert(EstimateTrackingEstimateInput{.estimatedAt = at(200)}), 3);
+
+  EXPECT_EQ(store.fetchPendingEstimates(1),
+            (std::vector<EstimateTrackingRow>{{.id = 2, .estimate = bare, .status = Status::pending}}));
+  EXPECT_EQ(idsOf(store.fetchPendingEstimates(2)), (std::vector<std::int64_t>{2, 3})) << "oldest first";
+  EXPECT_EQ(idsOf(store.fetchEstimateRows(2)), (std::vector<std::int64_t>{1, 3})) << "newest first";
+  EXPECT_TRUE(store.fetchEstimateRows(-1).empty());
+
+  EXPECT_TRUE(store.applyEvaluation(
+      1, {Status::evaluated, at(1200), 890.5, 79.25, 11.75, 9, 500.5, -0.5, -0.25, 20.5}));
+  EXPECT_TRUE(store.applyEvaluation(2, {.status = Status::skippedPowerSourceChange, .evaluatedAt = at(160)}));
+  EXPECT_FALSE(store.applyEvaluation(99, {.status = Status::evaluated}));
+  EXPECT_EQ(idsOf(store.fetchPendingEstimates(9)), std::vector<std::int64_t>{3});
+  const auto rows = store.fetchEstimateRows(9);
+  EXPECT_EQ(rows[0], (EstimateTrackingRow{1, first, Status::evaluated, at(1200), 890.5, 79.25, 11.75, 9,
+                                          500.5, -0.5, -0.25, 20.5}));
+  EXPECT_TRUE(rows[0].isEvaluated());
+  EXPECT_FALSE(rows[2].isEvaluated());
+
+  Database database(path, Database::Access::readWriteCreate);
+  Statement stored = database.prepared("SELECT evaluation_status FROM estimate_tracking WHERE id = 2;");
+  ASSERT_TRUE(stored.next());
+  EXPECT_EQ(stored.column<std::string>(0), "skipped_power_source_change");
+  database.execute("UPDATE estimate_tracking SET evaluation_status = 'of the future' WHERE id = 3;");
+  EXPECT_EQ(store.fetchEstimateRows(9)[1].status, Status::skippedInsufficientData);
+}
+
+}  // namespace
+}  // namespace quenzel

@@ -1,0 +1,240 @@
+#include <cmath>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "Storage/SQLiteSnapshotStore.hpp"
+#include "Storage/SnapshotStoreError.hpp"
+#include "Tests/Support/ScopedEnvironment.hpp"
+#include "Tests/Support/SnapshotBuilders.hpp"
+#include "Tests/Support/TemporaryDirectory.hpp"
+#include "Tests/Support/ThrownBy.hpp"
+
+namespace quenzel {
+namespace {
+
+using enum SnapshotInsertOutcome;
+using Mode = SQLiteSnapshotStore::Mode;
+using testing::modeOf;
+using testing::ScopedEnvironment;
+using testing::TemporaryDirectory;
+
+ProcessDrain shownProcess(std::int64_t pid, std::string name, double drainW) {
+  ProcessDrain process = makeProcessDrain(pid, name, drainW, {"powermetrics"});
+  process.displayName = process.canonicalName = name;
+  process.processGroupKey = "name:" + name;
+  return process;
+}
+
+/// A snapshot in which every stored field has a value of its own.
+DrainSnapshot fullSnapshot() {
+  DrainSnapshot snapshot = makeSnapshot(1'700'000'000.25, 21.5);
+  snapshot.processes = {{7,
+                         3,
+                         "/A/B.app/x",
+                         "com.example.b",
+                         "B",
+                         "Bee",
+                         "bundle:com.example.b",
+                         4.5,
+                         0.75,
+                         {},
+                         {},
+                         {},
+                         {},
+                         {"b", "a"}},
+                        {-9, {}, "bare", {}, "Bare", "bare", "name:bare", 1.25, 0.25, {}, {}, {}, {}, {}}};
+  snapshot.hidden = {{HiddenDrainKind::dockerContainer, "web", 2}, {HiddenDrainKind::launchdService, "s", 1}};
+  snapshot.components = {1.5, 0.5, 6, 3, 2, 0, 0, 0.75, 0.125, 0.9};
+  snapshot.unattributedW = 10.75;
+  snapshot.telemetry = {true, 12, false, true, false, true, false};
+  snapshot.powerContext = {true, 64.5};
+  snapshot.batteryStatus = {64.5, 40.25, false, true, 120,  21.5, 300,   12100, -1700, 3050, 5103,
+                            4800, 3100,  4900,  1000, "SN", "bq", false, true,  96,    "96W"};
+  return snapshot;
+}
+
+std::vector<std::string> column(Database& database, const char* sql) {
+  std::vector<std::string> values;
+  Statement rows = database.prepared(sql);
+  while (rows.next()) values.push_back(rows.column<std::string>(0));
+  return values;
+}
+
+class SnapshotStoreTest : public ::testing::Test {
+ protected:
+  SQLiteSnapshotStore open() { return {path, Mode::readWriteCreate}; }
+  std::vector<std::string> query(const char* sql) {
+    Database database(path, Database::Access::readWriteCreate);
+    return column(database, sql);
+  }
+
+  TemporaryDirectory folder;
+  std::string path = folder / "new/history.sqlite";
+};
+
+TEST_F(SnapshotStoreTest, MakesFolderFileAndTablesForEverybody) {
+  const mode_t before = ::umask(077);
+  open().insert(fullSnapshot());
+  ::umask(before);
+  EXPECT_EQ(modeOf(folder / "new"), 0777u);
+  EXPECT_EQ(modeOf(path), 0666u);
+  // clang-format off
+  EXPECT_EQ(query("SELECT group_concat(name || ' ' || type || CASE \"notnull\" WHEN 1 THEN '!' ELSE '' END || "
+                  "COALESCE('=' || dflt_value, '')) FROM pragma_table_info('snapshots');"),
+            std::vector<std::string>{
+                "id INTEGER,timestamp REAL!,total_watts REAL!,process_total_w REAL!,tracker_total_w REAL!,"
+                "on_battery_power INTEGER,battery_level_percent REAL,pm_command_ok INTEGER,"
+                "pm_parsed_process_count INTEGER,pm_has_package_power INTEGER,pm_has_system_power INTEGER,"
+                "used_estimated_total_power INTEGER,screen_model_available INTEGER,usb_model_available INTEGER,"
+                "components_screen_w REAL!,components_usb_w REAL!,components_cpu_w REAL!=0,components_gpu_w REAL!=0,"
+                "components_ane_w REAL!=0,components_ram_w REAL!=0,components_pci_w REAL!=0,"
+                "components_confidence REAL,unattributed_w REAL!"});
+  EXPECT_EQ(query("SELECT name || (SELECT group_concat(' ' || name || CASE \"desc\" WHEN 1 THEN ' DESC' ELSE '' END, '') "
+                  "FROM pragma_index_xinfo(m.name) WHERE key = 1) FROM sqlite_master m "
+                  "WHERE type = 'index' AND sql IS NOT NULL ORDER BY name;"),
+            (std::vector<std::string>{
+                "idx_estimate_tracking_estimate_ts estimate_timestamp DESC",
+                "idx_estimate_tracking_status_ts evaluation_status estimate_timestamp DESC",
+                "idx_process_samples_canonical_name canonical_name",
+                "idx_process_samples_display_name display_name",
+                "idx_process_samples_group_key_snapshot process_group_key snapshot_id",
+                "idx_process_samples_snapshot snapshot_id",
+                "idx_process_samples_snapshot_group_key snapshot_id process_group_key",
+                "idx_snapshots_timestamp timestamp DESC"}));
+  // clang-format on
+  EXPECT_EQ(query("SELECT group_concat(\"table\" || ' ' || on_delete || ' ' || \"from\") FROM "
+                  "pragma_foreign_key_list('process_source_flags');"),
+            std::vector<std::string>{"process_samples CASCADE snapshot_id,process_samples CASCADE "
+                                     "pid,process_samples CASCADE process_name"});
+  EXPECT_EQ(query("PRAGMA journal_mode;"), std::vector<std::string>{"wal"});
+  EXPECT_EQ(query("SELECT value FROM schema_metadata WHERE key = 'snapshot_schema_version';"),
+            std::vector<std::string>{"5"});
+}
+
+TEST_F(SnapshotStoreTest, ReadsBackWhatItStored) {
+  DrainSnapshot snapshot = fullSnapshot();
+  auto store = open();
+  EXPECT_EQ(store.insert(snapshot), inserted);
+  // By descending power; flags in the order of their key.
+  snapshot.processes.front().sourceFlags = {"a", "b"};
+  EXPECT_EQ(store.fetchLatest(10), std::vector{snapshot});
+  EXPECT_EQ(store.fetchSnapshot(1), snapshot);
+  EXPECT_EQ(store.fetchSnapshot(2), std::nullopt);
+
+  DrainSnapshot bare = makeSnapshot(1'700'000'060, 5);
+  bare.components.dramW = 3;  // has no column
+  EXPECT_EQ(store.insert(bare), inserted);
+  bare.components.dramW = 0;
+  EXPECT_EQ(store.fetchLatest(1), std::vector{bare});
+  EXPECT_EQ(query("SELECT process_total_w || ' ' || tracker_total_w FROM snapshots;"),
+            (std::vector<std::string>{"5.75 0.0", "0.0 0.0"}));
+  query("UPDATE snapshots SET usb_model_available = NULL WHERE id = 1;");
+  EXPECT_EQ(store.fetchSnapshot(1)->telemetry, std::nullopt) << "one absent column";
+
+  EXPECT_EQ(store.fetchLatest(0), std::vector<DrainSnapshot>{});
+  query("DELETE FROM snapshots WHERE id = 1;");
+  for (const char* table :
+       {"process_samples", "process_source_flags", "hidden_drains", "battery_status_samples"})
+    EXPECT_EQ(query(("SELECT COUNT(*) FROM " + std::string(table)).c_str()), std::vector<std::string>{"0"});
+}
+
+TEST_F(SnapshotStoreTest, CountsItsOwnProcesses) {
+  const ScopedEnvironment plain({{"QZL_INFO_PLIST", std::nullopt}});
+  DrainSnapshot snapshot = makeSnapshot(0, 100);
+  snapshot.processes = {shownProcess(1, "/opt/QUENZEL/x", 1), shownProcess(2, "BatteryMetricsDaemon", 2),
+                        shownProcess(3, "other", 4), shownProcess(4, "agent", 8),
+                        shownProcess(5, "quenzel", -16)};
+  snapshot.processes[3].bundleID = "COM.Quenzel.agent";
+  auto store = open();
+  store.insert(snapshot);
+  EXPECT_EQ(query("SELECT process_total_w || ' ' || tracker_total_w FROM snapshots;"),
+            std::vector<std::string>{"15.0 11.0"});
+}
+
+TEST_F(SnapshotStoreTest, RefusesRowsThatCantBeShownOrStored) {
+  auto store = open();
+  const auto refusal = [&](auto spoil) {
+    DrainSnapshot snapshot = makeSnapshot(5, 10, {shownProcess(1, "a", 1), shownProcess(2, "b", 1)});
+    spoil(snapshot.processes[1]);
+    return std::string(thrownBy<SnapshotStoreError>([&] { store.insert(snapshot); }).what());
+  };
+  const std::string row = " for published process row: b";
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.displayName = " \n\u00a0"; }), "Missing display_name" + row);
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.canonicalName.reset(); }), "Missing canonical_name" + row);
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.processGroupKey = ""; }), "Missing process_group_key" + row);
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.pid = std::int64_t{1} << 31; }),
+            "Process number 2147483648 out of range" + row);
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.pid = 1, b.name = "a"; }),
+            "UNIQUE constraint failed: process_samples.snapshot_id, process_samples.pid, "
+            "process_samples.process_name");
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.drainW = std::nan(""); }),
+            "NOT NULL constraint failed: process_samples.drain_w");
+  EXPECT_EQ(query("SELECT COUNT(*) FROM snapshots;"), std::vector<std::string>{"0"}) << "rolled back whole";
+  EXPECT_EQ(store.insert(makeSnapshot(5, 10)), inserted) << "and usable afterwards";
+}
+
+TEST_F(SnapshotStoreTest, KeepsTheBetterOfTwoOfTheSameMoment) {
+  struct Row {
+    double secondsLater, processW;
+    SnapshotInsertOutcome outcome;
+  };
+  // The first has 2 of 10 W: quality 1.2. A dropped one leaves the first in place, so that the rows are
+  // independent.
+  const Row rows[] = {{0.4, 2, replacedNearDuplicate},
+                      {0.5, 3, replacedNearDuplicate},
+                      {-0.4, 2, replacedNearDuplicate},
+                      {0.4, 1, droppedNearDuplicate},
+                      {0.625, 1, inserted},
+                      {-0.625, 1, inserted}};
+  for (const Row& row : rows) {
+    std::filesystem::remove_all(folder / "new");
+    auto store = open();
+    store.insert(makeSnapshot(1000, 10, {shownProcess(1, "a", 2)}));
+    const DrainSnapshot second =
+        makeSnapshot(1000 + row.secondsLater, 10, {shownProcess(2, "b", row.processW)});
+    EXPECT_EQ(store.insert(second), row.outcome)
+        << row.secondsLater << " s later with " << row.processW << " W";
+    EXPECT_EQ(store.fetchLatest(9).size(), row.outcome == inserted ? 2u : 1u);
+    EXPECT_EQ(store.fetchLatest(9).back().processes.front().name == "b",
+              row.outcome == replacedNearDuplicate || (row.outcome == inserted && row.secondsLater > 0));
+  }
+}
+
+TEST_F(SnapshotStoreTest, PurgesWhatIsOlderAndShrinks) {
+  auto store = open();
+  for (int index = 0; index < 40; ++index) {
+    DrainSnapshot snapshot = makeSnapshot(index, 10);
+    for (int pid = 1; pid < 200; ++pid) snapshot.processes.push_back(shownProcess(pid, "process", 0.01));
+    store.insert(snapshot);
+  }
+  EXPECT_EQ(store.purgeSnapshots(PointInTime::fromSecondsSince1970(0)), 0);
+  query("PRAGMA wal_checkpoint(TRUNCATE);");
+  const auto before = std::filesystem::file_size(path);
+  EXPECT_EQ(store.purgeSnapshots(PointInTime::fromSecondsSince1970(39)), 39);
+  EXPECT_EQ(store.fetchLatest(99).front().timestamp.secondsSince1970(), 39);
+  query("PRAGMA wal_checkpoint(TRUNCATE);");
+  EXPECT_LT(std::filesystem::file_size(path), before / 4);
+}
+
+TEST_F(SnapshotStoreTest, FailsWithSQLitesOwnWords) {
+  EXPECT_EQ(thrownBy<SnapshotStoreError>([] { SQLiteSnapshotStore("", Mode::readOnly); }).kind(),
+            SnapshotStoreError::Kind::invalidPath);
+  EXPECT_STREQ(thrownBy<SnapshotStoreError>([] { SQLiteSnapshotStore("", Mode::readWriteCreate); }).what(),
+               "Invalid database path");
+  EXPECT_STREQ(thrownBy<SnapshotStoreError>([&] { SQLiteSnapshotStore(path, Mode::readOnly); }).what(),
+               "unable to open database file");
+  EXPECT_FALSE(std::filesystem::exists(folder / "new"));
+  const auto refused = thrownBy<SnapshotStoreError>(
+      [&] { SQLiteSnapshotStore(folder.write("file", "") + "/history.sqlite", Mode::readWriteCreate); });
+  EXPECT_EQ(refused.what(), "Can't create the folder " + (folder / "file") + ": File exists");
+  open();
+  const SQLiteSnapshotStore reader(path, Mode::readOnly);
+  EXPECT_STREQ(thrownBy<SnapshotStoreError>([&] {
+                 const_cast<SQLiteSnapshotStore&>(reader).insert(makeSnapshot(1, 1));
+               }).what(),
+               "attempt to write a readonly database");
+}
+
+}  // namespace
+}  // namespace quenzel
