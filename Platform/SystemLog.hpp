@@ -4,7 +4,7 @@
 
 namespace quenzel::platform {
 
-enum class SystemLogType { error, info };
+enum class SystemLogType { error, info, debug };
 
 /// The operating system's own log. Thread-safe; a failure is nobody's concern and is swallowed.
 class SystemLog {

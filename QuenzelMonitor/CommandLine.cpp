@@ -8,8 +8,12 @@
 #include <CLI/CLI.hpp>
 
 #include "QuenzelMonitor/DaemonCommand.hpp"
+#include "QuenzelMonitor/EstimatesCommand.hpp"
+#include "QuenzelMonitor/HistoryCommand.hpp"
 #include "QuenzelMonitor/InspectCommand.hpp"
+#include "QuenzelMonitor/RecordCommand.hpp"
 #include "QuenzelMonitor/SampleCommand.hpp"
+#include "QuenzelMonitor/ShowCommand.hpp"
 #include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
@@ -20,6 +24,10 @@ int runCommandLine(int argumentCount, const char* const* arguments, Console cons
   app.require_subcommand(0, 1);
   std::function<int()> command;
   addSampleCommand(app, command, console);
+  addRecordCommand(app, command, console);
+  addShowCommand(app, command, console);
+  addHistoryCommand(app, command, console);
+  addEstimatesCommand(app, command, console);
   addDaemonCommand(app, command, console);
   addInspectCommand(app, command, console);
   try {

@@ -14,13 +14,31 @@
 namespace quenzel {
 namespace {
 
+bool isStandardInput(const std::string& file) { return file.empty() || file == "-"; }
+
+std::string nameOf(const std::string& file) { return isStandardInput(file) ? "standard input" : file; }
+
+std::ifstream openFile(const std::string& file) {
+  std::error_code failure;
+  if (std::filesystem::is_directory(file, failure))
+    throw CommandError("can't read " + file + ": it is a folder");
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) throw CommandError("can't read " + file + ": " + std::generic_category().message(errno));
+  return stream;
+}
+
 /// The library's buffer throws its own error where read(2) fails.
-std::string contentOf(std::istream& stream, const std::string& name) {
+template <typename Read>
+auto reading(const std::string& file, Read read) {
   try {
-    return {std::istreambuf_iterator<char>(stream), {}};
+    return read();
   } catch (const std::ios_base::failure&) {
-    throw CommandError("can't read " + name + ": " + std::generic_category().message(errno));
+    throw CommandError("can't read " + nameOf(file) + ": " + std::generic_category().message(errno));
   }
+}
+
+std::string contentOf(std::istream& stream, const std::string& file) {
+  return reading(file, [&] { return std::string(std::istreambuf_iterator<char>(stream), {}); });
 }
 
 }  // namespace
@@ -30,13 +48,28 @@ void reportError(const std::exception& error, Console& console) {
 }
 
 std::string readInput(const std::string& file, Console& console) {
-  if (file.empty() || file == "-") return contentOf(console.in, "standard input");
-  std::error_code failure;
-  if (std::filesystem::is_directory(file, failure))
-    throw CommandError("can't read " + file + ": it is a folder");
-  std::ifstream stream(file, std::ios::binary);
-  if (!stream) throw CommandError("can't read " + file + ": " + std::generic_category().message(errno));
+  if (isStandardInput(file)) return contentOf(console.in, file);
+  std::ifstream stream = openFile(file);
   return contentOf(stream, file);
+}
+
+LineReader::LineReader(const std::string& file, Console& console)
+    : name_(file),
+      file_(isStandardInput(file) ? std::ifstream() : openFile(file)),
+      stream_(isStandardInput(file) ? console.in : file_) {}
+
+bool LineReader::next(std::string& line, std::size_t longest) {
+  line.clear();
+  return reading(name_, [&] {
+    constexpr int end = std::char_traits<char>::eof();
+    std::streambuf& bytes = *stream_.rdbuf();
+    int byte = bytes.sbumpc();
+    if (byte == end) return false;
+    for (; byte != end && byte != '\n'; byte = bytes.sbumpc()) {
+      if (line.size() < longest) line += static_cast<char>(byte);
+    }
+    return true;
+  });
 }
 
 }  // namespace quenzel

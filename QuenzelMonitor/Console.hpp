@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <exception>
+#include <fstream>
 #include <iosfwd>
 #include <stdexcept>
 #include <string>
@@ -31,5 +33,21 @@ void reportError(const std::exception& error, Console& console);
 /// The whole content of a file, or of the console's input for "-" or no name.
 /// @throws CommandError when it can't be read
 std::string readInput(const std::string& file, Console& console);
+
+/// The same content a line at a time.
+class LineReader {
+ public:
+  /// @throws CommandError when it can't be opened
+  LineReader(const std::string& file, Console& console);
+
+  /// Takes the next line without its end, cut behind `longest` bytes; false at the end of the input.
+  /// @throws CommandError when it can't be read
+  bool next(std::string& line, std::size_t longest);
+
+ private:
+  std::string name_;
+  std::ifstream file_;
+  std::istream& stream_;
+};
 
 }  // namespace quenzel

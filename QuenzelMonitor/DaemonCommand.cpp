@@ -1,21 +1,29 @@
 #include "QuenzelMonitor/DaemonCommand.hpp"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <variant>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
+#include "MetricsCollectors/DefaultShellRunner.hpp"
+#include "MetricsCollectors/ProcessSampler.hpp"
 #include "Platform/HardwareModel.hpp"
 #include "Platform/RequestTransport.hpp"
+#include "QuenzelMonitor/ApplicationQuit.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
+#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -27,10 +35,14 @@ using platform::TransportFailure;
 
 using Request = std::function<RequestResult(RequestClient&)>;
 
-RequestReply ask(const Request& request) {
+std::unique_ptr<RequestClient> connect() {
   auto connection = platform::connectToService(BatteryServiceConstants::daemonServiceName());
   if (const auto* failure = std::get_if<TransportFailure>(&connection)) throw CommandError(failure->message);
-  RequestResult result = request(*std::get<std::unique_ptr<RequestClient>>(connection));
+  return std::get<std::unique_ptr<RequestClient>>(std::move(connection));
+}
+
+RequestReply ask(const Request& request) {
+  RequestResult result = request(*connect());
   if (const auto* failure = std::get_if<TransportFailure>(&result)) throw CommandError(failure->message);
   return std::get<RequestReply>(std::move(result));
 }
@@ -56,6 +68,74 @@ int report(const Question& question, bool json, Console& console) {
     throw CommandError(reply.message.value_or("the daemon refused and gave no reason"));
   }
   return reply.success ? exitSuccess : exitFailure;
+}
+
+struct QuitOptions {
+  std::string name;
+  bool force = false;
+};
+
+struct QuitOutcome {
+  QuitPlan::Target target;
+  RequestReply reply;
+};
+
+QuitPlan quitPlan(const QuitOptions& options) {
+  const DefaultShellRunner shell;
+  const std::vector<ProcessSample> running = ProcessSampler(shell).sampleProcessTree(1).allProcesses;
+  QuitPlan plan = planQuit(running, options.name, ::getpid());
+  if (plan.targets.empty())
+    throw CommandError(plan.application + " is this command itself or one of its parents");
+  if (plan.belongsToSystem && !options.force)
+    throw CommandError(plan.application + " belongs to the operating system; --force ends it all the same");
+  return plan;
+}
+
+/// On a broken connection every further request fails the same way, so that each process has its outcome.
+QuitOutcome end(const QuitPlan::Target& target, RequestClient& client) {
+  RequestResult result = client.terminateProcess(target.pid);
+  if (const auto* failure = std::get_if<TransportFailure>(&result))
+    return {target, {false, failure->message}};
+  return {target, std::get<RequestReply>(std::move(result))};
+}
+
+nlohmann::ordered_json encodeOutcome(const QuitOutcome& outcome) {
+  nlohmann::ordered_json json = {
+      {"pid", outcome.target.pid}, {"name", outcome.target.name}, {"success", outcome.reply.success}};
+  if (outcome.reply.message) json["message"] = *outcome.reply.message;
+  return json;
+}
+
+void print(const QuitOutcome& outcome, Console& console) {
+  const std::string deed = outcome.reply.success ? "ended" : "did not end";
+  console.out << fmt::format("{:>8}  {}: {}\n", outcome.target.pid, printableLine(outcome.target.name),
+                             printableLine(outcome.reply.message.value_or(deed)));
+  console.out.flush();  // the next process may take its time
+}
+
+/// Ends an application's processes one after another.
+int quit(const QuitOptions& options, bool json, Console& console) {
+  const QuitPlan plan = quitPlan(options);
+  const std::unique_ptr<RequestClient> client = connect();
+  std::vector<QuitOutcome> outcomes;
+  for (const QuitPlan::Target& target : plan.targets) {
+    outcomes.push_back(end(target, *client));
+    if (!json) print(outcomes.back(), console);
+  }
+  const auto lasting = std::count_if(outcomes.begin(), outcomes.end(),
+                                     [](const QuitOutcome& outcome) { return !outcome.reply.success; });
+  if (json) {
+    console.out << encodeJSON({{"application", plan.application},
+                               {"outcomes", encodeJSONList(outcomes, encodeOutcome)},
+                               {"protectedPIDs", plan.protectedPIDs}})
+                << '\n';
+    return lasting == 0 ? exitSuccess : exitFailure;
+  }
+  for (const std::int64_t pid : plan.protectedPIDs)
+    console.out << fmt::format("{:>8}  left alone: needed by this command\n", pid);
+  if (lasting > 0)
+    throw CommandError(fmt::format("{} of {} processes did not end", lasting, outcomes.size()));
+  return exitSuccess;
 }
 
 }  // namespace
@@ -94,6 +174,15 @@ void addDaemonCommand(CLI::App& app, std::function<int()>& command, Console& con
   });
   using PIDRange = std::numeric_limits<std::int32_t>;
   addIntegerOption(*terminate, "PID", *pid, PIDRange::min(), PIDRange::max(), "its process id")->required();
+
+  const auto options = std::make_shared<QuitOptions>();
+  CLI::App* quitApp = daemon->add_subcommand("quit", "End an application and its helpers");
+  quitApp->add_option("NAME", options->name, "as it is listed, in any case; or its group key")->required();
+  quitApp->add_flag("--force", options->force, "even if it belongs to the operating system");
+  quitApp->add_flag("--json", *json, "print the outcomes as JSON");
+  quitApp->callback([&command, &console, json, options] {
+    command = [&console, json, options] { return quit(*options, *json, console); };
+  });
 }
 
 }  // namespace quenzel

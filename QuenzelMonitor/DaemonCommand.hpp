@@ -10,7 +10,7 @@ class App;
 
 namespace quenzel {
 
-/// `quenzel daemon ping | low-power on|off | terminate PID`: asks the running daemon.
+/// `quenzel daemon ping | low-power on|off | terminate PID | quit NAME`: asks the running daemon.
 void addDaemonCommand(CLI::App& app, std::function<int()>& command, Console& console);
 
 }  // namespace quenzel

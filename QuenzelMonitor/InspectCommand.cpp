@@ -8,7 +8,10 @@
 
 #include "Platform/Environment.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
+#include "QuenzelMonitor/EnergyModelStage.hpp"
+#include "QuenzelMonitor/GraphStages.hpp"
 #include "QuenzelMonitor/InspectStages.hpp"
+#include "QuenzelMonitor/PresentationStages.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 
 namespace quenzel {
@@ -30,9 +33,18 @@ constexpr StageRow plainStages[] = {
     {"smc", "typed bytes of controller keys", inspectSMC},
     {"cpu-load", "processor tick readings", inspectCPULoad},
     {"system-power", "system power readings", inspectSystemPower},
+    {"energy-model", "readings of the energy counters", inspectEnergyModel},
     {"discharge-estimate", "lists of CPU percentages", inspectDischargeEstimate},
     {"config", "a sampling configuration", inspectConfig},
     {"snapshot", "a drain snapshot", inspectSnapshot},
+    {"presentation", "snapshots whose processes to name", inspectPresentation},
+    {"synthetic-pid", "keys of rows that are no process", inspectSyntheticPID},
+    {"termination", "a grouped process and its members", inspectTermination},
+    {"apple-process", "names and bundle identifiers", inspectAppleProcess},
+    {"summary", "a history to sum up over a window", inspectSummary},
+    {"power-trend", "points of a power trend", inspectPowerTrend},
+    {"battery-trend", "snapshots with battery readings", inspectBatteryTrend},
+    {"snapshot-quality", "snapshots to score", inspectSnapshotQuality},
 };
 
 CLI::App* addStage(CLI::App& inspect, const char* name, const char* description, Stage stage,

@@ -2,20 +2,18 @@
 
 #include <chrono>
 #include <cstdint>
-#include <iostream>
 #include <optional>
 #include <ostream>
 #include <thread>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/SampleReport.hpp"
 #include "QuenzelMonitor/SamplingCycle.hpp"
+#include "QuenzelMonitor/Terminal.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 
 namespace quenzel {
@@ -27,14 +25,6 @@ struct SampleOptions {
   double watchSeconds = 0;  ///< 0: one cycle only
   std::int64_t count = 0;   ///< 0: until interrupted
 };
-
-/// Columns of the terminal that the output goes to, if it goes to one.
-std::optional<std::size_t> terminalWidth(const Console& console) {
-  winsize size{};
-  if (&console.out != &std::cout || ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
-    return {};
-  return size.ws_col;
-}
 
 void print(const SamplingCycleResult& result, const SampleOptions& options, Console& console) {
   if (!options.json) {

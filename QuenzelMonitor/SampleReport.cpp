@@ -77,6 +77,21 @@ std::string estimateLine(double watts, bool available) {
   return available ? fmt::format("{:.2f} W", watts) : std::string("not available");
 }
 
+/// A line of what each component drew, of those that drew anything; nothing where no counter can be read.
+std::string componentsLine(const SamplingCycleResult& result) {
+  const SystemPowerSnapshot& power = result.componentPower;
+  if (!power.supported) return "";
+  std::string parts;
+  for (const auto& [name, watts] :
+       {std::pair("CPU", power.cpuW), std::pair("GPU", power.gpuW), std::pair("ANE", power.aneW),
+        std::pair("DRAM", power.dramW), std::pair("memory fabric", power.memoryFabricW),
+        std::pair("PCI", power.pciW)}) {
+    if (watts > 0) parts += fmt::format("{} {:.2f} W, ", name, watts);
+  }
+  return fmt::format("  Components {}{:.2f} W tracked over {:.1f} s{}\n", parts, power.totalTrackedW,
+                     power.intervalSeconds, mark(result.modelled.powerCounters));
+}
+
 /// Processes that draw or compute something, most watts first, those without last; then by CPU and pid.
 std::vector<const ProcessSample*> ranked(const std::vector<ProcessSample>& processes, std::size_t count) {
   std::vector<const ProcessSample*> rows;
@@ -153,11 +168,12 @@ std::string sampleReport(const SamplingCycleResult& result, const SampleReportLa
       "  Total      {}\n"
       "  Display    {}\n"
       "  USB        {}\n"
+      "{}"
       "  Processes  {} sampled; powermetrics lists {}\n\n",
       iso8601Text(input.timestamp), powerSituation(result), batteryLine(result), totalLine(result),
       estimateLine(input.screenModelW, metadata.screenModelAvailable),
-      estimateLine(input.usbModelW, metadata.usbModelAvailable), input.processes.size(),
-      metadata.powermetricsParsedProcessCount);
+      estimateLine(input.usbModelW, metadata.usbModelAvailable), componentsLine(result),
+      input.processes.size(), metadata.powermetricsParsedProcessCount);
   report += processTable(result, layout);
   report += "CPU % is what ps reports: on Linux the average over the process's whole life.\n";
   if (!result.unavailable.empty()) report += "\nNot available:\n";
@@ -180,6 +196,7 @@ nlohmann::ordered_json encodeSample(const SamplingCycleResult& result) {
                                  {"metadata", encodeMetadata(result.build.metadata)}};
   if (result.build.batteryStatus)
     json["batteryStatus"] = encodeBatteryStatusSample(*result.build.batteryStatus);
+  json["componentPower"] = encodeSystemPowerSnapshot(result.componentPower);
   json["totalSource"] = totalPowerSource(result.build);
   json["unavailable"] =
       encodeJSONList(result.unavailable, [](const UnavailableSource& missing) -> nlohmann::ordered_json {

@@ -75,7 +75,9 @@ void noteSilentSources(const AttributionBuildMetadata& metadata, UnavailableSour
 }  // namespace
 
 SamplingCycle::SamplingCycle(const ShellRunning& shell)
-    : shell_(shell), processSampler_(shell), directBattery_(platform::makeBatteryRegistry()) {}
+    : shell_(shell), processSampler_(shell), directBattery_(platform::makeBatteryRegistry()) {
+  componentPower_.sample(now());  // primes it, so that the first cycle has a span to measure
+}
 
 SamplingCycleResult SamplingCycle::run() {
   SamplingCycleResult result;
@@ -99,6 +101,7 @@ SamplingCycleResult SamplingCycle::run() {
   result.build = builder.buildWithMetadata(
       processSampler_.sampleTopProcesses(LiveAttributionInputBuilder::processSampleLimit), {},
       SamplingConfig(settings));
+  result.componentPower = componentPower_.sample(now());
   noteSilentSources(result.build.metadata, result.unavailable);
   return result;
 }

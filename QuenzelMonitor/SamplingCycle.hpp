@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "MetricsCollectors/AppleSiliconPowerReader.hpp"
 #include "MetricsCollectors/DirectBatteryStatusReader.hpp"
 #include "MetricsCollectors/LiveAttributionInputBuilder.hpp"
 #include "MetricsCollectors/SMCReader.hpp"
@@ -25,6 +26,7 @@ struct SamplingCycleResult {
   bool hasBattery = false;  ///< whether the machine has one, read or not
   bool onBattery = false;   ///< as the power sources say, whether or not the battery could be read in full
   std::vector<UnavailableSource> unavailable;
+  SystemPowerSnapshot componentPower;   ///< since the cycle before, at first since the cycles were set up
   platform::ModelledHardware modelled;  ///< hardware whose figures are modelled, not measured
 };
 
@@ -43,6 +45,7 @@ class SamplingCycle {
   ProcessSampler processSampler_;
   SMCReader smc_;
   DirectBatteryStatusReader directBattery_;
+  AppleSiliconPowerReader componentPower_;
 };
 
 /// Where the total of a build comes from: "IOKit" (the battery measures it), "PM-Package+Components" or

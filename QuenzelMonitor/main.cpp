@@ -1,3 +1,4 @@
+#include <csignal>
 #include <iostream>
 
 #include "Platform/ProcessStart.hpp"
@@ -5,6 +6,8 @@
 
 int main(int argumentCount, char** arguments) {
   quenzel::platform::prepareProcess();
+  // A file that may grow no further shows as a failing write, which the command reports, not as a sudden end.
+  std::signal(SIGXFSZ, SIG_IGN);
   std::ios::sync_with_stdio(false);
   return quenzel::runCommandLine(argumentCount, arguments, {std::cin, std::cout, std::cerr});
 }

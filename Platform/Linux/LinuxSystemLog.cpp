@@ -14,6 +14,18 @@ namespace {
 // Where journald takes messages, systemd-journald.service(8).
 constexpr const char* journalSocket = "/run/systemd/journal/socket";
 
+int priorityOf(SystemLogType type) {
+  switch (type) {
+    case SystemLogType::error:
+      return LOG_ERR;
+    case SystemLogType::info:
+      return LOG_INFO;
+    case SystemLogType::debug:
+      break;
+  }
+  return LOG_DEBUG;
+}
+
 /// The journal, by fields as in systemd.journal-fields(7). The library adds SYSLOG_IDENTIFIER, the
 /// executable's name.
 class LinuxSystemLog final : public SystemLog {
@@ -24,7 +36,7 @@ class LinuxSystemLog final : public SystemLog {
 
   void write(const std::string& subsystem, const std::string& category, SystemLogType type,
              const std::string& message) override {
-    const int priority = type == SystemLogType::error ? LOG_ERR : LOG_INFO;
+    const int priority = priorityOf(type);
     std::array<std::string, 4> fields = {"MESSAGE=" + message, "PRIORITY=" + std::to_string(priority),
                                          "SUBSYSTEM=" + subsystem, "CATEGORY=" + category};
     std::array<iovec, fields.size()> vectors{};

@@ -1,5 +1,7 @@
 #include "SharedModels/Runtime/NotificationCentre.hpp"
 
+#include "Platform/SystemNotifications.hpp"
+
 namespace quenzel {
 
 NotificationCentre& NotificationCentre::shared() {
@@ -25,6 +27,7 @@ void NotificationCentre::post(std::string_view name, const UserInfo& userInfo) {
     }
   }
   for (const auto& observer : observers) (*observer)(userInfo);
+  platform::postSystemNotification(std::string(name), userInfo);
 }
 
 }  // namespace quenzel

@@ -13,7 +13,8 @@
 namespace quenzel {
 
 /// Tells observers in this process of named events. Thread-safe: observers are called on the posting thread,
-/// outside the lock, so one may post, log, observe or stop observing itself; it must not throw.
+/// outside the lock, so one may post, log, observe or stop observing itself; it must not throw. What is
+/// posted goes to the system's notification centre of this process as well, where there is one.
 class NotificationCentre {
  public:
   using UserInfo = std::map<std::string, std::string>;

@@ -94,6 +94,16 @@ TEST_F(Monitor, InspectsEveryStage) {
        R"([{"instantaneousW":36.0,"averageW":36.0,"totalConsumptionWh":0.1,"available":true,"preferredVisibleW":36.0},
            {"instantaneousW":36.0,"averageW":36.0,"totalConsumptionWh":0.1,"available":false,
            "preferredVisibleW":36.0}])"},
+      {{"energy-model"},
+       R"({"readings":[{"now":10,"channels":[{"group":"Energy Model","name":"CPU Energy","unit":"mJ","value":1000}]},
+           {"now":10.25,"channels":null},{"now":10.5,"channels":[{"group":"Energy Model","name":"CPU Energy","unit":"mJ",
+           "value":2500},{"group":"Energy Model","name":null,"value":7}]}]})",
+       R"([{"cpuW":0.0,"gpuW":0.0,"aneW":0.0,"dramW":0.0,"memoryFabricW":0.0,"ramW":0.0,"pciW":0.0,"displayW":0.0,
+            "totalTrackedW":0.0,"intervalSeconds":0.0,"supported":true},
+           {"cpuW":0.0,"gpuW":0.0,"aneW":0.0,"dramW":0.0,"memoryFabricW":0.0,"ramW":0.0,"pciW":0.0,"displayW":0.0,
+            "totalTrackedW":0.0,"intervalSeconds":0.0,"supported":false},
+           {"cpuW":3.0,"gpuW":0.0,"aneW":0.0,"dramW":0.0,"memoryFabricW":0.0,"ramW":0.0,"pciW":0.0,"displayW":0.0,
+            "totalTrackedW":3.0,"intervalSeconds":0.5,"supported":true}])"},
       {{"discharge-estimate"}, "[[],[1000],[-50]]", "[2.4,65.0,2.4]"},
       {{"config"},
        R"({"samplingMode":"burst","powermetricsIntervalSec":4})",
@@ -176,6 +186,7 @@ TEST_F(Monitor, SamplesThisMachineThroughTheStandInTools) {
   EXPECT_TRUE(json["metadata"]["powermetricsCommandOK"]);
   EXPECT_TRUE(json["metadata"]["powermetricsHasPackagePower"]) << "measured, or modelled where it can't be";
   EXPECT_GT(json["input"]["totalDischargeW"], 0.0);
+  EXPECT_GT(json["componentPower"]["cpuW"], 0.0);
 }
 
 TEST_F(Monitor, SaysWhatIsMissingAndWhy) {
@@ -211,6 +222,8 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
       .levelPercent = 81.5, .remainingWh = 50, .systemTimeRemainingMinutes = 247, .dischargeWatts = 11.25};
   result.unavailable = {{"USB power", "no\nreading"}};
   result.modelled = {.battery = false, .powerCounters = true};
+  result.componentPower = {
+      .cpuW = 3.5, .dramW = 0.25, .totalTrackedW = 3.75, .intervalSeconds = 2.04, .supported = true};
   EXPECT_EQ(sampleReport(result, {.topProcesses = 5, .width = 80}),
             "Quenzel at 2001-01-01T00:00:00Z\n"
             "  Power      on battery\n"
@@ -218,6 +231,7 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
             "  Total      11.25 W, reported by the battery (source IOKit)\n"
             "  Display    2.00 W\n"
             "  USB        not available\n"
+            "  Components CPU 3.50 W, DRAM 0.25 W, 3.75 W tracked over 2.0 s (modelled)\n"
             "  Processes  3 sampled; powermetrics lists 2\n"
             "\n"
             "     PID   CPU %     WATTS  WATTS FROM                                NAME\n"

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "MetricsCollectors/EnergyTotals.hpp"
+#include "MetricsCollectors/SystemPowerSnapshot.hpp"
+#include "Platform/EnergyModelChannels.hpp"
+#include "Platform/Mutex.hpp"
+#include "Platform/SystemLog.hpp"
+#include "SharedModels/Runtime/PointInTime.hpp"
+
+namespace quenzel {
+
+/// Measures what the main on-chip components draw from the machine's cumulative energy counters, without
+/// running a tool: the first sample primes, every later one covers the span since the one before. On Linux
+/// the counters are RAPL zones, with what a package and its memory use.
+///
+/// The counters are opened when the reader is made and kept for its life; where that fails every sample says
+/// so. Thread-safe: one lock serialises the samples. One reader for each consumer, since a sample ends the
+/// interval.
+class AppleSiliconPowerReader {
+ public:
+  /// @param logger outlives the reader; told once, at debug level, which channels there are
+  explicit AppleSiliconPowerReader(
+      std::unique_ptr<platform::EnergyModelChannels> channels = platform::makeEnergyModelChannels(),
+      platform::SystemLog& logger = platform::systemLog());
+
+  /// @param now never counts backwards: an earlier moment than the last makes an interval without length
+  SystemPowerSnapshot sample(PointInTime now);
+
+ private:
+  void logChannelNames(const std::vector<platform::EnergyModelChannel>& channels) REQUIRES(lock_);
+
+  platform::Mutex lock_;
+  const std::unique_ptr<platform::EnergyModelChannels> channels_ GUARDED_BY(lock_);
+  platform::SystemLog& logger_;
+  std::optional<EnergyTotals> previousTotals_ GUARDED_BY(lock_);
+  std::optional<PointInTime> lastSampleAt_ GUARDED_BY(lock_);
+  bool hasLoggedChannelNames_ GUARDED_BY(lock_) = false;
+};
+
+}  // namespace quenzel

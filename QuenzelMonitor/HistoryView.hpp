@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "SharedModels/DetailsDataPipeline/DetailsPipelineOutput.hpp"
+#include "SharedModels/GraphBuildEngine/GraphPeriod.hpp"
+#include "Storage/SQLiteSnapshotStore.hpp"
+
+namespace quenzel {
+
+/// An application, or a program that stands for itself, over a window.
+struct ApplicationUsage {
+  std::string name = {};
+  double energyWh = 0;
+  double averageW = 0;           ///< over the sampled hours; 0 where there are none
+  double latestW = 0;            ///< in the newest snapshot
+  std::int64_t memberCount = 0;  ///< its processes in the newest snapshot; 0 when they have all ended
+};
+
+/// What `quenzel show` shows of a window.
+struct HistoryView {
+  GraphPeriodSpec period = {};
+  DetailsPipelineOutput details = {};
+  GraphPeriodTrends trends = {};
+  std::vector<ApplicationUsage> applications = {};  ///< most energy first
+  bool modelled = false;                            ///< whether figures of it come from modelled hardware
+};
+
+/// Reads a window of the history that ends with its newest snapshot. Memory grows with the window's snapshots
+/// and applications, not with their rows.
+/// @throws SnapshotStoreError
+HistoryView readHistoryView(const SQLiteSnapshotStore& store, const GraphPeriodSpec& period);
+
+nlohmann::ordered_json encodeHistoryView(const HistoryView& view);
+
+}  // namespace quenzel

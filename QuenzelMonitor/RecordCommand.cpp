@@ -1,0 +1,193 @@
+#include "QuenzelMonitor/RecordCommand.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "MetricsCollectors/DefaultShellRunner.hpp"
+#include "Platform/BundleInformation.hpp"
+#include "Platform/Environment.hpp"
+#include "Platform/StopSignals.hpp"
+#include "QuenzelMonitor/Arguments.hpp"
+#include "QuenzelMonitor/SnapshotRecorder.hpp"
+#include "SharedModels/Runtime/JSONCoding.hpp"
+#include "SharedModels/Runtime/Number.hpp"
+#include "SharedModels/Runtime/RuntimeLog.hpp"
+#include "SharedModels/Runtime/Text.hpp"
+#include "SharedModels/Snapshot/SamplingConfig.hpp"
+#include "SharedModels/Snapshot/SnapshotQuality.hpp"
+#include "Storage/SQLiteSnapshotStoreLocation.hpp"
+
+namespace quenzel {
+namespace {
+
+struct RecordOptions {
+  std::string database;
+  std::string mode{rawValue(SamplingMode::background)};
+  double intervalSeconds = 0;  ///< 0: the mode's
+  std::int64_t count = 0;      ///< 0: until stopped
+  double keepDays = 0;         ///< 0: for ever
+  bool json = false;
+  bool quiet = false;
+};
+
+double intervalOf(const RecordOptions& options) {
+  if (options.intervalSeconds > 0) return options.intervalSeconds;
+  SamplingSettings settings;
+  settings.samplingMode = samplingMode(options.mode).value_or(SamplingMode::background);
+  return static_cast<double>(SamplingConfig(settings).activeIntervalSec());
+}
+
+double hiddenWatts(const DrainSnapshot& snapshot) {
+  double sum = 0;
+  for (const HiddenDrain& hidden : snapshot.hidden) sum += hidden.drainW;
+  return sum;
+}
+
+/// The watts of a snapshot by where they went.
+std::string figures(const RecordedCycle& cycle) {
+  const DrainSnapshot& snapshot = cycle.snapshot;
+  return fmt::format(
+      "{:.2f} W: {} processes {:.2f} W, hidden {:.2f} W, display and USB {:.2f} W, unattributed {:.2f} W{}",
+      snapshot.totalDischargeW, snapshot.processes.size(), attributedProcessW(snapshot),
+      hiddenWatts(snapshot), snapshot.components.displayPlusUsbW(), snapshot.unattributedW,
+      cycle.modelled ? " (modelled)" : "");
+}
+
+std::string textLine(const RecordedCycle& cycle) {
+  const PointInTime time = cycle.snapshot.timestamp;
+  return fmt::format("{} {} {} {}", rawValue(cycle.outcome), shortestDecimal(time.secondsSince1970()),
+                     iso8601Text(time), cycle.reason.empty() ? figures(cycle) : printableLine(cycle.reason));
+}
+
+std::string jsonLine(const RecordedCycle& cycle) {
+  const DrainSnapshot& snapshot = cycle.snapshot;
+  nlohmann::ordered_json line = {{"outcome", rawValue(cycle.outcome)},
+                                 {"timestamp", snapshot.timestamp.secondsSince2001},
+                                 {"databaseTimestamp", snapshot.timestamp.secondsSince1970()}};
+  if (!cycle.reason.empty()) line["reason"] = printableLine(cycle.reason);
+  if (cycle.outcome != RecordingOutcome::failed) {
+    line["totalDischargeW"] = snapshot.totalDischargeW;
+    line["processCount"] = snapshot.processes.size();
+    line["processW"] = attributedProcessW(snapshot);
+    line["hiddenW"] = hiddenWatts(snapshot);
+    line["screenW"] = snapshot.components.screenW;
+    line["usbW"] = snapshot.components.usbW;
+    line["unattributedW"] = snapshot.unattributedW;
+    line["modelled"] = cycle.modelled;
+  }
+  return encodeJSON(line);
+}
+
+/// The closing line.
+std::string tallyLine(const RecordingTally& tally, bool json) {
+  nlohmann::ordered_json object = {{"outcome", "ended"}};
+  std::string text = "ended:";
+  for (const RecordingOutcome outcome : allRecordingOutcomes) {
+    object[std::string(rawValue(outcome))] = tally[outcome];
+    text += fmt::format(" {} {}", tally[outcome], rawValue(outcome));
+  }
+  return json ? encodeJSON(object) : text;
+}
+
+void printLine(const std::string& line, const RecordOptions& options, Console& console) {
+  if (options.quiet) return;
+  console.out << line << '\n';
+  console.out.flush();
+  if (!console.out) throw CommandError("can't write the output");
+}
+
+/// The log's own line stands on standard error too, unless the log is switched off.
+void complain(const std::string& failure, Console& console) {
+  RuntimeLog::error("SnapshotRecorder", printableLine(failure));
+  const auto* const info = platform::mainBundle().infoDictionary();
+  if (RuntimeLog::isDisabled(platform::environmentValue("QZL_LOG_DISABLED"), info))
+    reportError(CommandError(failure), console);
+}
+
+double monotonicSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+bool everyCycleFailed(const RecordingTally& tally) {
+  return tally[RecordingOutcome::failed] > 0 &&
+         std::all_of(allRecordingOutcomes.begin(), allRecordingOutcomes.end(), [&](RecordingOutcome outcome) {
+           return outcome == RecordingOutcome::failed || tally[outcome] == 0;
+         });
+}
+
+int record(const RecordOptions& options, Console& console) {
+  const platform::StopSignals stop;
+  // A reader that went away and a file that may not grow show as failing writes, not as the end.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  const DefaultShellRunner shell;
+  SamplingCycle cycle(shell);
+  SQLiteSnapshotStore store(
+      options.database.empty() ? SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL() : options.database,
+      SQLiteSnapshotStore::Mode::readWriteCreate);
+  SnapshotRecorderOptions recording{.intervalSeconds = intervalOf(options), .cycleCount = options.count};
+  if (options.keepDays > 0) recording.keepDays = options.keepDays;
+  recording.logicalCPUCount = std::max<std::int64_t>(std::thread::hardware_concurrency(), 1);
+
+  if (!options.json) {
+    printLine(
+        fmt::format("recording every {} s into {}", recording.intervalSeconds, printableLine(store.path())),
+        options, console);
+  }
+  SnapshotRecorder recorder(
+      {.sample = [&cycle] { return cycle.run(); },
+       .insert = [&store](const DrainSnapshot& snapshot) { return store.insert(snapshot); },
+       .purge = [&store](PointInTime olderThan) { return store.purgeSnapshots(olderThan); },
+       .now = now,
+       .monotonicSeconds = monotonicSeconds,
+       .waitForStop = [&stop](double seconds) { return stop.waitFor(seconds); },
+       .report =
+           [&](const RecordedCycle& recorded) {
+             if (options.json) {
+               printLine(jsonLine(recorded), options, console);
+             } else if (recorded.outcome != RecordingOutcome::failed) {
+               printLine(textLine(recorded), options, console);
+             }
+           },
+       .complain = [&](const std::string& failure) { complain(failure, console); }},
+      recording);
+  const RecordingTally tally = recorder.run();
+  printLine(tallyLine(tally, options.json), options, console);
+  return everyCycleFailed(tally) && !stop.waitFor(0) ? exitFailure : exitSuccess;
+}
+
+}  // namespace
+
+void addRecordCommand(CLI::App& app, std::function<int()>& command, Console& console) {
+  CLI::App* recordApp = app.add_subcommand("record", "Record the history until it is stopped");
+  const auto options = std::make_shared<RecordOptions>();
+  constexpr double longestIntervalSeconds = 7 * 24 * 3600;
+  constexpr double longestKeptDays = 36500;
+  recordApp->add_option("--database", options->database, "the history; the shared one when left out");
+  recordApp->add_option("--mode", options->mode, "background, interactive or burst: every 20, 8 or 8 s")
+      ->check(CLI::IsMember({"background", "interactive", "burst"}));
+  // Closer together than half a second, snapshots would replace one another.
+  addNumberOption(*recordApp, "--interval", options->intervalSeconds, 1, longestIntervalSeconds,
+                  "seconds between cycles, in place of the mode's");
+  addIntegerOption(*recordApp, "--count", options->count, 1, anyCount, "stop after that many cycles");
+  addNumberOption(*recordApp, "--keep-days", options->keepDays, 0.01, longestKeptDays,
+                  "delete what is older, at the start and from time to time");
+  recordApp->add_flag("--json", options->json, "print one JSON document a line");
+  recordApp->add_flag("--quiet", options->quiet, "print nothing but failures");
+  recordApp->callback(
+      [&command, &console, options] { command = [&console, options] { return record(*options, console); }; });
+}
+
+}  // namespace quenzel

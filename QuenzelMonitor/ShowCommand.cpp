@@ -1,0 +1,75 @@
+#include "QuenzelMonitor/ShowCommand.hpp"
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "QuenzelMonitor/Arguments.hpp"
+#include "QuenzelMonitor/HistoryDatabase.hpp"
+#include "QuenzelMonitor/HistoryReport.hpp"
+#include "QuenzelMonitor/HistoryView.hpp"
+#include "QuenzelMonitor/Terminal.hpp"
+#include "SharedModels/Runtime/JSONCoding.hpp"
+
+namespace quenzel {
+namespace {
+
+struct ShowOptions {
+  std::optional<std::string> database;
+  std::string window = "24h";
+  std::int64_t top = 10;
+  bool json = false;
+};
+
+struct Window {
+  std::string_view label;
+  double seconds;
+};
+constexpr Window windows[] = {{"1h", 3600}, {"24h", 24 * 3600}, {"7d", 7 * 24 * 3600}};
+
+/// As many points as the curve has dots beside each other.
+GraphPeriodSpec periodOf(const ShowOptions& options, std::size_t width) {
+  const auto* const window =
+      std::find_if(std::begin(windows), std::end(windows),
+                   [&](const Window& candidate) { return candidate.label == options.window; });
+  return {options.window, window->seconds, static_cast<std::int64_t>(2 * width)};
+}
+
+int show(const ShowOptions& options, Console& console) {
+  constexpr std::size_t usualWidth = 80, widest = 160;
+  HistoryReportLayout layout{.width = std::min(terminalWidth(console).value_or(usualWidth), widest),
+                             .topApplications = static_cast<std::size_t>(options.top),
+                             .isUnicode = isUTF8Terminal()};
+  const HistoryView view = withHistory(
+      options.database, HistoryAccess::read,
+      [&](SQLiteSnapshotStore& store) { return readHistoryView(store, periodOf(options, layout.width)); });
+  if (options.json) {
+    console.out << encodeJSON(encodeHistoryView(view), JSONStyle::pretty) << '\n';
+  } else {
+    console.out << historyReport(view, layout);
+  }
+  return exitSuccess;
+}
+
+}  // namespace
+
+void addShowCommand(CLI::App& app, std::function<int()>& command, Console& console) {
+  CLI::App* showApp = app.add_subcommand("show", "Show where the power of the last hours went");
+  const auto options = std::make_shared<ShowOptions>();
+  addDatabaseOption(*showApp, options->database);
+  showApp->add_option("--window", options->window, "1h, 24h or 7d (24h)")
+      ->check(CLI::IsMember({"1h", "24h", "7d"}));
+  addIntegerOption(*showApp, "--top", options->top, 0, anyCount, "how many applications to list (10)");
+  showApp->add_flag("--json", options->json, "print the figures and curves as JSON");
+  showApp->callback(
+      [&command, &console, options] { command = [&console, options] { return show(*options, console); }; });
+}
+
+}  // namespace quenzel

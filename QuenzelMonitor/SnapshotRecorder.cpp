@@ -1,0 +1,150 @@
+#include "QuenzelMonitor/SnapshotRecorder.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <span>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "QuenzelMonitor/Attribution.hpp"
+#include "SharedModels/Presentation/SnapshotAnnotation.hpp"
+#include "SharedModels/Runtime/RuntimeLog.hpp"
+#include "SharedModels/Runtime/Text.hpp"
+#include "SharedModels/Snapshot/SnapshotPublicationPolicy.hpp"
+
+namespace quenzel {
+namespace {
+
+constexpr double hourSeconds = 3600;
+constexpr double daySeconds = 24 * hourSeconds;
+
+RecordingOutcome outcomeOf(SnapshotInsertOutcome outcome) {
+  switch (outcome) {
+    case SnapshotInsertOutcome::inserted:
+      return RecordingOutcome::inserted;
+    case SnapshotInsertOutcome::replacedNearDuplicate:
+      return RecordingOutcome::replacedNearDuplicate;
+    case SnapshotInsertOutcome::droppedNearDuplicate:
+      break;
+  }
+  return RecordingOutcome::droppedNearDuplicate;
+}
+
+/// Whether every source answered that the machine has.
+bool isWhole(const SamplingCycleResult& sampled) {
+  return sampled.build.metadata.powermetricsCommandOK &&
+         (sampled.build.batteryStatus.has_value() || !sampled.hasBattery);
+}
+
+/// A process may call itself anything, blanks and "/" included, and one row without a name would keep its
+/// whole snapshot out of the store.
+void nameTheNameless(DrainSnapshot& snapshot) {
+  for (ProcessDrain& row : snapshot.processes) {
+    for (auto* const name : {&row.displayName, &row.canonicalName, &row.processGroupKey}) {
+      if (!*name || isBlank(**name)) *name = fmt::format("pid {}", row.pid);
+    }
+  }
+}
+
+DrainSnapshot named(const DrainSnapshot& snapshot) {
+  DrainSnapshot annotated =
+      ProcessAttributionPresentationService::annotateSnapshot(snapshot, std::span(&snapshot, 1));
+  nameTheNameless(annotated);
+  return annotated;
+}
+
+}  // namespace
+
+std::string_view rawValue(RecordingOutcome outcome) {
+  switch (outcome) {
+    case RecordingOutcome::inserted:
+      return "inserted";
+    case RecordingOutcome::replacedNearDuplicate:
+      return "replacedNearDuplicate";
+    case RecordingOutcome::droppedNearDuplicate:
+      return "droppedNearDuplicate";
+    case RecordingOutcome::rejected:
+      return "rejected";
+    case RecordingOutcome::failed:
+      break;
+  }
+  return "failed";
+}
+
+SnapshotRecorder::SnapshotRecorder(Collaborators collaborators, const SnapshotRecorderOptions& options)
+    : with_(std::move(collaborators)), options_(options) {}
+
+RecordingTally SnapshotRecorder::run() {
+  RecordingTally tally;
+  const double start = with_.monotonicSeconds();
+  nextPurgeSeconds_ = start;
+  purgeWhenDue();
+  double slot = 0;
+  for (std::int64_t done = 0; options_.cycleCount == 0 || done < options_.cycleCount; ++done) {
+    const double startsAt = start + slot * options_.intervalSeconds;
+    if (with_.waitForStop(std::max(startsAt - with_.monotonicSeconds(), 0.0))) break;
+    const auto cycle = runCycle();
+    if (!cycle) break;
+    tally.count(cycle->outcome);
+    with_.report(*cycle);
+    purgeWhenDue();
+    const double passedSlots = std::floor((with_.monotonicSeconds() - start) / options_.intervalSeconds);
+    slot = std::max(slot, passedSlots) + 1;
+  }
+  return tally;
+}
+
+std::optional<RecordedCycle> SnapshotRecorder::runCycle() {
+  RecordedCycle cycle;
+  cycle.snapshot.timestamp = with_.now();
+  bool whole = false;
+  std::string_view trouble = "the cycle failed";
+  try {
+    const SamplingCycleResult sampled = with_.sample();
+    whole = isWhole(sampled);
+    if (!whole && with_.waitForStop(0)) return std::nullopt;
+    trouble = "can't store the snapshot";
+    store(sampled, cycle);
+  } catch (const std::exception& error) {
+    if (!whole && with_.waitForStop(0)) return std::nullopt;
+    cycle.outcome = RecordingOutcome::failed;
+    // A tool's own words end with a line feed.
+    cycle.reason = fmt::format("{}: {}", trouble, trimmed(error.what()));
+    with_.complain(cycle.reason);
+  }
+  return cycle;
+}
+
+void SnapshotRecorder::store(const SamplingCycleResult& sampled, RecordedCycle& cycle) {
+  cycle.modelled = sampled.modelled.any();
+  cycle.snapshot = attribute(sampled.build, {.onBattery = sampled.onBattery,
+                                             .logicalCPUCount = options_.logicalCPUCount,
+                                             .modelled = sampled.modelled,
+                                             .componentPower = sampled.componentPower});
+  const auto decision = SnapshotPublicationPolicy::decision(cycle.snapshot);
+  if (const auto reason = rejectionReason(decision)) {
+    cycle.outcome = RecordingOutcome::rejected;
+    cycle.reason = *reason;
+    return;
+  }
+  cycle.snapshot = named(cycle.snapshot);
+  dropNegligibleRows(cycle.snapshot);
+  cycle.outcome = outcomeOf(with_.insert(cycle.snapshot));
+}
+
+void SnapshotRecorder::purgeWhenDue() {
+  if (!options_.keepDays || with_.monotonicSeconds() < nextPurgeSeconds_) return;
+  const double keptSeconds = *options_.keepDays * daySeconds;
+  try {
+    const std::int64_t purged = with_.purge(with_.now() - keptSeconds);
+    if (purged > 0) RuntimeLog::info("SnapshotRecorder", fmt::format("purged {} old snapshots", purged));
+    nextPurgeSeconds_ = with_.monotonicSeconds() + std::clamp(keptSeconds / 10, hourSeconds, daySeconds);
+  } catch (const std::exception& error) {
+    nextPurgeSeconds_ = with_.monotonicSeconds() + hourSeconds;
+    with_.complain(fmt::format("can't purge the history: {}", error.what()));
+  }
+}
+
+}  // namespace quenzel

@@ -1,0 +1,30 @@
+#include "QuenzelMonitor/Terminal.hpp"
+
+#include <iostream>
+#include <string>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "Platform/Environment.hpp"
+#include "SharedModels/Runtime/Text.hpp"
+
+namespace quenzel {
+
+std::optional<std::size_t> terminalWidth(const Console& console) {
+  winsize size{};
+  if (&console.out != &std::cout || ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
+    return {};
+  return size.ws_col;
+}
+
+bool isUTF8Terminal() {
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const std::string locale = lowercased(platform::environmentValue(name).value_or(""));
+    if (locale.empty()) continue;
+    return locale.find("utf-8") != std::string::npos || locale.find("utf8") != std::string::npos;
+  }
+  return false;
+}
+
+}  // namespace quenzel

@@ -1,0 +1,131 @@
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "QuenzelMonitor/CommandLine.hpp"
+#include "Tests/Support/TemporaryDirectory.hpp"
+
+namespace quenzel {
+namespace {
+
+const std::string snapshotLine =
+    R"({"timestamp":700000000.25,"totalDischargeW":10,"processes":[{"pid":7,"name":"/A.app/a","displayName":"A",)"
+    R"("canonicalName":"A","processGroupKey":"app:/a.app","drainW":2,"energyShare":0.5,"sourceFlags":["x"]}],)"
+    R"("hidden":[],"components":{},"unattributedW":8})";
+
+std::string lineAt(double timestamp, const char* name = "A") {
+  nlohmann::json snapshot = nlohmann::json::parse(snapshotLine);
+  snapshot["timestamp"] = timestamp;
+  snapshot["processes"][0]["displayName"] = name;
+  return snapshot.dump();
+}
+
+class HistoryCommand : public ::testing::Test {
+ protected:
+  struct Outcome {
+    int status;
+    std::string out, err;
+    nlohmann::json json() const { return nlohmann::json::parse(out); }
+  };
+
+  Outcome run(const std::string& command, const std::string& input = "") {
+    std::vector<std::string> words{"quenzel"};
+    std::istringstream stream(command);
+    for (std::string word; stream >> word;) words.push_back(word);
+    words.insert(words.end(), {"--database", database});
+    std::vector<const char*> arguments;
+    for (const std::string& word : words) arguments.push_back(word.c_str());
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    const int status = runCommandLine(static_cast<int>(arguments.size()), arguments.data(), {in, out, err});
+    return {status, out.str(), err.str()};
+  }
+
+  testing::TemporaryDirectory folder;
+  std::string database = folder / "history.sqlite";
+};
+
+TEST_F(HistoryCommand, ImportsLineByLineAndExportsTheSame) {
+  const std::string later = lineAt(700000060);
+  const Outcome import = run("history import", snapshotLine + "\n\n" + lineAt(700000000.5) + "\n{\n" +
+                                                   lineAt(700000030, " ") + "\n" + later);
+  EXPECT_EQ(import.status, 1);
+  EXPECT_EQ(import.out,
+            "inserted\nreplacedNearDuplicate\n"
+            "error: JSON document: parse error at line 1, column 2: syntax error while parsing object key - "
+            "unexpected end of input; expected string literal\n"
+            "error: Missing display_name for published process row: /A.app/a\ninserted\n");
+  const Outcome exported = run("history export");
+  EXPECT_EQ(run("history import - ", exported.out).out, "inserted\nreplacedNearDuplicate\n")
+      << "the older one again, beside the newest alone";
+  EXPECT_EQ(nlohmann::json::parse(exported.out.substr(exported.out.find('\n'))).at("timestamp"), 700000060);
+}
+
+TEST_F(HistoryCommand, AnswersWithJSON) {
+  run("history import", lineAt(700000000) + "\n" + lineAt(700000036) + "\n" + lineAt(700000072));
+  const double start = 700000000 + 978307200.;
+  EXPECT_EQ(run("history latest --limit 2").json()[0].at("timestamp"), 700000036);
+  EXPECT_EQ(run("history show 3").json().at("processes")[0].at("canonicalName"), "A");
+  EXPECT_EQ(run("history window --seconds 40 --max-rows 9 --anchor 1678307240").json().size(), 2u);
+  EXPECT_NEAR(run("history energy --limit 2").json().at("totalWh"), 0.1, 1e-9);
+  const nlohmann::json summary = run("history summary --from " + std::to_string(start) + " --to 2e9").json();
+  EXPECT_NEAR(summary.at("process_wh"), 0.04, 1e-9);
+  EXPECT_EQ(summary.size(), 14u);
+  const nlohmann::json details = run("history details --seconds 3600 --max-series 1").json();
+  EXPECT_EQ(details.at("processes")[0].at("groupKey"), "app:/a.app");
+  EXPECT_EQ(details.at("appSeries")[0].at("watts").size(), 3u);
+  EXPECT_EQ(run("history purge --older-than 1678307236").json(), nlohmann::json({{"deleted", 1}}));
+}
+
+TEST_F(HistoryCommand, FollowsAForecast) {
+  const std::string estimate =
+      R"({"estimatedAt":5,"horizonSeconds":60,"estimateSource":"s","onBatteryPower":true,)"
+      R"("startingBatteryLevelPercent":50,"estimatedPowerW":9})";
+  EXPECT_EQ(run("estimates add", estimate).json(), nlohmann::json({{"id", 1}}));
+  EXPECT_EQ(run("estimates pending --limit 5").json()[0].at("estimatedPowerW"), 9);
+  const Outcome evaluated =
+      run("estimates evaluate 1", R"({"status":"evaluated","evaluatedAt":70,"powerErrorW":-1})");
+  EXPECT_EQ(evaluated.status, 0) << evaluated.err;
+  EXPECT_EQ(evaluated.out, "");
+  EXPECT_EQ(run("estimates pending").json(), nlohmann::json::array());
+  EXPECT_EQ(run("estimates list").json()[0].at("powerErrorW"), -1);
+  EXPECT_EQ(run("estimates evaluate 2", R"({"status":"evaluated","evaluatedAt":70})").err,
+            "quenzel: " + database + ": no estimate 2\n");
+}
+
+TEST_F(HistoryCommand, RefusesInOneLine) {
+  struct Row {
+    const char* command;
+    int status;
+    std::string message;
+  };
+  const std::string there = "quenzel: " + database + ": ";
+  const Row missing[] = {
+      {"history latest", 1, there + "unable to open database file\n"},
+      {"history purge --older-than 5", 1, there + "no such database\n"},
+      {"history import /nowhere", 1, "quenzel: can't read /nowhere: No such file or directory\n"},
+      {"estimates add", 1, "quenzel: JSON document: parse error at line 1"}};
+  for (const Row& row : missing) {
+    const Outcome outcome = run(row.command);
+    EXPECT_EQ(outcome.status, row.status) << row.command;
+    EXPECT_EQ(outcome.err.substr(0, row.message.size()), row.message) << row.command;
+    EXPECT_FALSE(std::filesystem::exists(database)) << row.command;
+  }
+  run("history import", snapshotLine);
+  const Row refused[] = {
+      {"history show 9", 1, there + "no snapshot 9\n"},
+      {"history show x", 2, "quenzel: ID: \"x\" is not a whole number"},
+      {"history latest --limit 0", 2, "quenzel: --limit: \"0\" is not a whole number of at least 1"},
+      {"history window --seconds nan", 2, "quenzel: --seconds: \"nan\" is not a number"},
+      {"history summary --from 1", 2, "quenzel: --to is required"},
+      {"estimates evaluate", 2, "quenzel: ID is required"}};
+  for (const Row& row : refused) {
+    const Outcome outcome = run(row.command);
+    EXPECT_EQ(outcome.status, row.status) << row.command;
+    EXPECT_EQ(outcome.err.substr(0, row.message.size()), row.message) << row.command;
+  }
+}
+
+}  // namespace
+}  // namespace quenzel
