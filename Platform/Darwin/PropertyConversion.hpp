@@ -1,0 +1,24 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include "Platform/PropertyValue.hpp"
+
+namespace quenzel::platform {
+
+// Core Foundation's property types as ours. Types are looked at before values: what the registry and the
+// power sources hold under one key changes between machines.
+
+/// The text in UTF-8, what is no character replaced by "?"; none for anything but a string.
+std::optional<std::string> textOf(CFTypeRef value);
+
+/// None for null and for what is no property list's type. Entries and elements of such types are left out.
+std::optional<PropertyValue> propertyValueOf(CFTypeRef value);
+
+/// The same for a dictionary; none for anything else.
+std::optional<PropertyDictionary> propertyDictionaryOf(CFTypeRef value);
+
+}  // namespace quenzel::platform

@@ -1,0 +1,12 @@
+#pragma once
+#include <CoreFoundation/CoreFoundation.h>
+#ifdef __cplusplus
+extern "C" {
+#endif
+CFTypeRef IOPSCopyPowerSourcesInfo(void);
+CFArrayRef IOPSCopyPowerSourcesList(CFTypeRef info);
+CFDictionaryRef IOPSGetPowerSourceDescription(CFTypeRef info, CFTypeRef source);
+CFDictionaryRef IOPSCopyExternalPowerAdapterDetails(void);
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,31 @@
+# Builds for the Mac without one, to check that it would build: own declarations of Apple's interfaces (Declarations/)
+# over the stand-in SDK that make-sdk puts together. The target is the product's: arm64, where BOOL is bool.
+set(CMAKE_SYSTEM_NAME Darwin)
+set(CMAKE_SYSTEM_PROCESSOR arm64)
+get_filename_component(sdk ${CMAKE_CURRENT_LIST_DIR}/../../build/darwin-sdk ABSOLUTE)
+
+foreach(language C CXX OBJCXX)
+  set(CMAKE_${language}_COMPILER_TARGET arm64-apple-macos)
+endforeach()
+set(CMAKE_C_COMPILER /usr/lib/llvm-14/bin/clang)
+foreach(language CXX OBJCXX)
+  set(CMAKE_${language}_COMPILER /usr/lib/llvm-14/bin/clang++)
+  set(CMAKE_${language}_FLAGS_INIT
+      "-stdlib=libc++ -D_GNU_SOURCE -isystem ${CMAKE_CURRENT_LIST_DIR}/Declarations")
+endforeach()
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -stdlib=libc++")
+foreach(tool AR RANLIB NM STRIP OBJDUMP LIPO OTOOL)
+  string(TOLOWER ${tool} name)
+  set(CMAKE_${tool} /usr/lib/llvm-14/bin/llvm-${name})
+endforeach()
+set(CMAKE_INSTALL_NAME_TOOL /usr/lib/llvm-14/bin/llvm-install-name-tool)
+
+set(CMAKE_OSX_SYSROOT ${sdk})
+set(CMAKE_FIND_ROOT_PATH ${sdk}/usr/local ${sdk}/usr)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+foreach(kind LIBRARY INCLUDE PACKAGE)
+  set(CMAKE_FIND_ROOT_PATH_MODE_${kind} ONLY)
+endforeach()
+set(ENV{PKG_CONFIG_LIBDIR} ${sdk}/usr/local/lib/pkgconfig)
+# A test program can't be run, and there is no need to link one.
+set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
