@@ -12,8 +12,8 @@ namespace {
 
 /// An option that takes one value and refuses, with the range, what `parse` finds nothing in or what lies
 /// outside it.
-template <typename Value>
-CLI::Option* addRangeOption(CLI::App& app, const std::string& name, Value& value, Value least, Value most,
+template <typename Value, typename Target>
+CLI::Option* addRangeOption(CLI::App& app, const std::string& name, Target& value, Value least, Value most,
                             const std::string& kind, const std::string& description,
                             std::optional<Value> (*parse)(std::string_view)) {
   const std::string range = most == std::numeric_limits<Value>::max()
@@ -30,6 +30,11 @@ CLI::Option* addRangeOption(CLI::App& app, const std::string& name, Value& value
   return app.add_option(name, take, description)->expected(1);
 }
 
+/// A decimal number: "0x10" is more likely a mistake than sixteen.
+std::optional<double> parseDecimal(std::string_view text) {
+  return text.find_first_of("xX") == std::string_view::npos ? parseDouble(text) : std::nullopt;
+}
+
 }  // namespace
 
 CLI::Option* addIntegerOption(CLI::App& app, const std::string& name, std::int64_t& value, std::int64_t least,
@@ -39,7 +44,12 @@ CLI::Option* addIntegerOption(CLI::App& app, const std::string& name, std::int64
 
 CLI::Option* addNumberOption(CLI::App& app, const std::string& name, double& value, double least, double most,
                              const std::string& description) {
-  return addRangeOption(app, name, value, least, most, "a number", description, parseDouble);
+  return addRangeOption(app, name, value, least, most, "a number", description, parseDecimal);
+}
+
+CLI::Option* addNumberOption(CLI::App& app, const std::string& name, std::optional<double>& value,
+                             double least, double most, const std::string& description) {
+  return addRangeOption(app, name, value, least, most, "a number", description, parseDecimal);
 }
 
 }  // namespace quenzel

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 
 namespace CLI {
@@ -18,9 +19,13 @@ namespace quenzel {
 CLI::Option* addIntegerOption(CLI::App& app, const std::string& name, std::int64_t& value, std::int64_t least,
                               std::int64_t most, const std::string& description);
 
-/// A finite number from `least` to `most`.
+/// A finite decimal number from `least` to `most`.
 CLI::Option* addNumberOption(CLI::App& app, const std::string& name, double& value, double least, double most,
                              const std::string& description);
+
+/// The same, absent where the option is left out.
+CLI::Option* addNumberOption(CLI::App& app, const std::string& name, std::optional<double>& value,
+                             double least, double most, const std::string& description);
 
 inline constexpr std::int64_t anyCount = std::numeric_limits<std::int64_t>::max();
 

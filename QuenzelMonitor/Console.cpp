@@ -5,10 +5,12 @@
 #include <fstream>
 #include <ios>
 #include <istream>
-#include <iterator>
 #include <ostream>
 #include <system_error>
 
+#include <fmt/format.h>
+
+#include "SharedModels/Runtime/JSONCoding.hpp"
 #include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
@@ -38,7 +40,16 @@ auto reading(const std::string& file, Read read) {
 }
 
 std::string contentOf(std::istream& stream, const std::string& file) {
-  return reading(file, [&] { return std::string(std::istreambuf_iterator<char>(stream), {}); });
+  return reading(file, [&] {
+    std::string content;
+    char block[64 * 1024];
+    for (std::streamsize count; (count = stream.rdbuf()->sgetn(block, sizeof(block))) > 0;) {
+      content.append(block, static_cast<std::size_t>(count));
+      if (content.size() > maxInputBytes)
+        throw CommandError(fmt::format("{} is longer than {} MiB", nameOf(file), maxInputBytes >> 20));
+    }
+    return content;
+  });
 }
 
 }  // namespace
@@ -51,6 +62,11 @@ std::string readInput(const std::string& file, Console& console) {
   if (isStandardInput(file)) return contentOf(console.in, file);
   std::ifstream stream = openFile(file);
   return contentOf(stream, file);
+}
+
+int printJSON(const nlohmann::ordered_json& json, Console& console) {
+  console.out << encodeJSON(json, JSONStyle::pretty) << '\n';
+  return exitSuccess;
 }
 
 LineReader::LineReader(const std::string& file, Console& console)

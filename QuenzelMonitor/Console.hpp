@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <string>
 
+#include <nlohmann/json_fwd.hpp>
+
 namespace quenzel {
 
 /// The streams that a command talks to.
@@ -30,9 +32,16 @@ inline constexpr int exitUsage = 2;
 /// Tells the user of a failure, in one line whatever its text holds.
 void reportError(const std::exception& error, Console& console);
 
+/// The longest input that is read whole.
+inline constexpr std::size_t maxInputBytes = std::size_t{64} * 1024 * 1024;
+
 /// The whole content of a file, or of the console's input for "-" or no name.
-/// @throws CommandError when it can't be read
+/// @throws CommandError when it can't be read, or is too long
 std::string readInput(const std::string& file, Console& console);
+
+/// Prints a document for people and programs alike.
+/// @return exitSuccess
+int printJSON(const nlohmann::ordered_json& json, Console& console);
 
 /// The same content a line at a time.
 class LineReader {

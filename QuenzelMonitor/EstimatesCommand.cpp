@@ -23,15 +23,10 @@ struct EstimatesOptions {
   std::int64_t limit = 100;
 };
 
-int print(const nlohmann::ordered_json& json, Console& console) {
-  console.out << encodeJSON(json, JSONStyle::pretty) << '\n';
-  return exitSuccess;
-}
-
 int add(const EstimatesOptions& options, Console& console) {
   const auto estimate = decodeEstimateInput(parseJSON(readInput("-", console)), {});
   return withHistory(options.database, HistoryAccess::create, [&](SQLiteSnapshotStore& store) {
-    return print({{"id", store.insert(estimate)}}, console);
+    return printJSON({{"id", store.insert(estimate)}}, console);
   });
 }
 
@@ -46,13 +41,13 @@ int evaluate(const EstimatesOptions& options, Console& console) {
 
 int pending(const EstimatesOptions& options, Console& console) {
   return withHistory(options.database, HistoryAccess::read, [&](SQLiteSnapshotStore& store) {
-    return print(encodeJSONList(store.fetchPendingEstimates(options.limit), encodeEstimateRow), console);
+    return printJSON(encodeJSONList(store.fetchPendingEstimates(options.limit), encodeEstimateRow), console);
   });
 }
 
 int list(const EstimatesOptions& options, Console& console) {
   return withHistory(options.database, HistoryAccess::read, [&](SQLiteSnapshotStore& store) {
-    return print(encodeJSONList(store.fetchEstimateRows(options.limit), encodeEstimateRow), console);
+    return printJSON(encodeJSONList(store.fetchEstimateRows(options.limit), encodeEstimateRow), console);
   });
 }
 
@@ -74,7 +69,7 @@ void addEstimatesCommand(CLI::App& app, std::function<int()>& command, Console& 
   addSubcommand("add", "Store a forecast, JSON on standard input", add);
   CLI::App& evaluateApp =
       addSubcommand("evaluate", "Record what became of a forecast, JSON on standard input", evaluate);
-  addIntegerOption(evaluateApp, "ID", options->id, -anyCount, anyCount, "of the forecast")->required();
+  addIntegerOption(evaluateApp, "ID", options->id, 1, anyCount, "of the forecast")->required();
   for (CLI::App* listing :
        {&addSubcommand("pending", "List the forecasts to be evaluated, oldest first", pending),
         &addSubcommand("list", "List the forecasts, newest first", list)}) {

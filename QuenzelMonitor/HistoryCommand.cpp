@@ -1,7 +1,6 @@
 #include "QuenzelMonitor/HistoryCommand.hpp"
 
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -29,60 +28,55 @@ struct HistoryOptions {
   double windowSeconds = 3600;
   std::int64_t maxRows = 500;
   std::int64_t maxSeries = 5;
-  double anchor = std::numeric_limits<double>::quiet_NaN();  ///< not given
+  std::optional<double> anchor;  ///< seconds since 1970
   double from = 0;
   double to = 0;
   double olderThan = 0;
   std::string file;
 
   std::optional<PointInTime> anchorTimestamp() const {
-    if (anchor != anchor) return {};
-    return PointInTime::fromSecondsSince1970(anchor);
+    if (!anchor) return {};
+    return PointInTime::fromSecondsSince1970(*anchor);
   }
 };
 
-int print(const nlohmann::ordered_json& json, Console& console) {
-  console.out << encodeJSON(json, JSONStyle::pretty) << '\n';
-  return exitSuccess;
-}
-
 int latest(SQLiteSnapshotStore& store, const HistoryOptions& options, Console& console) {
-  return print(encodeJSONList(store.fetchLatest(options.limit), encodeDrainSnapshot), console);
+  return printJSON(encodeJSONList(store.fetchLatest(options.limit), encodeDrainSnapshot), console);
 }
 
 int show(SQLiteSnapshotStore& store, const HistoryOptions& options, Console& console) {
   const auto snapshot = store.fetchSnapshot(options.id);
   if (!snapshot) throw CommandError(fmt::format("{}: no snapshot {}", store.path(), options.id));
-  return print(encodeDrainSnapshot(*snapshot), console);
+  return printJSON(encodeDrainSnapshot(*snapshot), console);
 }
 
 int window(SQLiteSnapshotStore& store, const HistoryOptions& options, Console& console) {
   const auto snapshots =
       store.fetchWindowSnapshots(options.windowSeconds, options.maxRows, options.anchorTimestamp());
-  return print(encodeJSONList(snapshots, encodeDrainSnapshot), console);
+  return printJSON(encodeJSONList(snapshots, encodeDrainSnapshot), console);
 }
 
 int energy(SQLiteSnapshotStore& store, const HistoryOptions& options, Console& console) {
-  return print(encodeEnergyUsageSummary(store.fetchEnergyUsageSummary(options.limit)), console);
+  return printJSON(encodeEnergyUsageSummary(store.fetchEnergyUsageSummary(options.limit)), console);
 }
 
 int summary(SQLiteSnapshotStore& store, const HistoryOptions& options, Console& console) {
-  return print(
+  return printJSON(
       encodeDetailsWindowSummary(store.fetchDetailsWindowSummary(
           PointInTime::fromSecondsSince1970(options.from), PointInTime::fromSecondsSince1970(options.to))),
       console);
 }
 
 int details(SQLiteSnapshotStore& store, const HistoryOptions& options, Console& console) {
-  const DrainSnapshot nothingYet{.timestamp = now()};
-  return print(encodeDetailsPipelineOutput(store.fetchDetailsReadModel(
-                   options.windowSeconds, options.maxSeries, options.anchorTimestamp(), nothingYet)),
-               console);
+  return printJSON(
+      encodeDetailsPipelineOutput(store.fetchDetailsReadModel(
+          options.windowSeconds, options.maxSeries, options.anchorTimestamp(), liveSnapshot(store))),
+      console);
 }
 
 int purge(SQLiteSnapshotStore& store, const HistoryOptions& options, Console& console) {
   const auto deleted = store.purgeSnapshots(PointInTime::fromSecondsSince1970(options.olderThan));
-  return print({{"deleted", deleted}}, console);
+  return printJSON({{"deleted", deleted}}, console);
 }
 
 int exportAll(SQLiteSnapshotStore& store, const HistoryOptions& /*options*/, Console& console) {
@@ -179,8 +173,7 @@ void addHistoryCommand(CLI::App& app, std::function<int()>& command, Console& co
   latestApp.run(command, console, HistoryAccess::read, latest);
 
   HistorySubcommand showApp(history, "show", "Print one snapshot");
-  addIntegerOption(showApp.app(), "ID", showApp.options().id, -anyCount, anyCount, "id in the database")
-      ->required();
+  addIntegerOption(showApp.app(), "ID", showApp.options().id, 1, anyCount, "id in the database")->required();
   showApp.run(command, console, HistoryAccess::read, show);
 
   HistorySubcommand windowApp(history, "window", "Print the snapshots of a window, thinned");

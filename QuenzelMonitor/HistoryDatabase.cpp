@@ -27,4 +27,9 @@ CommandError historyError(const std::string& path, const SnapshotStoreError& err
   return CommandError(fmt::format("{}: {}", path, error.what()));
 }
 
+DrainSnapshot liveSnapshot(const SQLiteSnapshotStore& store) {
+  const auto newest = store.fetchLatest(1);
+  return newest.empty() ? DrainSnapshot{.timestamp = now()} : newest.front();
+}
+
 }  // namespace quenzel

@@ -45,4 +45,8 @@ auto withHistory(const std::optional<std::string>& database, HistoryAccess acces
   }
 }
 
+/// What stands for the present where a window has no snapshot of its own: the newest of the history, else one
+/// without any power, of this moment.
+DrainSnapshot liveSnapshot(const SQLiteSnapshotStore& store);
+
 }  // namespace quenzel

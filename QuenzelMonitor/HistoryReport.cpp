@@ -16,8 +16,9 @@ constexpr double hour = 3600;
 
 double share(double part, double whole) { return whole > 0 ? 100 * part / whole : 0; }
 
-/// "5 min", "3.5 h", "6.2 days".
+/// "50 s", "5 min", "3.5 h", "6.2 days".
 std::string duration(double hours) {
+  if (hours * 60 < 2) return fmt::format("{:.0f} s", hours * 3600);
   if (hours < 2) return fmt::format("{:.0f} min", hours * 60);
   return hours < 48 ? fmt::format("{:.1f} h", hours) : fmt::format("{:.1f} days", hours / 24);
 }

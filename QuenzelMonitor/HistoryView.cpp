@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "QuenzelMonitor/HistoryDatabase.hpp"
 #include "SharedModels/Presentation/ProcessAttributionPresentationService.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 
@@ -82,7 +83,7 @@ OrderedJson encodeLevelPoint(const BatteryLevelPoint& point) {
 
 HistoryView readHistoryView(const SQLiteSnapshotStore& store, const GraphPeriodSpec& period) {
   HistoryView view{.period = period};
-  view.details = store.fetchDetailsReadModel(period.seconds, 0, {}, {});
+  view.details = store.fetchDetailsReadModel(period.seconds, 0, {}, liveSnapshot(store));
   const PointInTime anchor = view.details.anchor;
   view.trends =
       GraphBuildEngine::buildPeriodTrends(store.fetchPreparedSnapshots(period.seconds, anchor), period);

@@ -55,8 +55,7 @@ CLI::App* addStage(CLI::App& inspect, const char* name, const char* description,
   app->callback([&command, &console, file, stage = std::move(stage)] {
     command = [&console, file, stage] {
       platform::setEnvironmentValue("QZL_LOG_DISABLED", "1");  // an inspection leaves no trace
-      console.out << encodeJSON(stage(readInput(*file, console)), JSONStyle::pretty) << '\n';
-      return exitSuccess;
+      return printJSON(stage(readInput(*file, console)), console);
     };
   });
   return app;

@@ -16,7 +16,6 @@
 #include "QuenzelMonitor/HistoryReport.hpp"
 #include "QuenzelMonitor/HistoryView.hpp"
 #include "QuenzelMonitor/Terminal.hpp"
-#include "SharedModels/Runtime/JSONCoding.hpp"
 
 namespace quenzel {
 namespace {
@@ -50,11 +49,8 @@ int show(const ShowOptions& options, Console& console) {
   const HistoryView view = withHistory(
       options.database, HistoryAccess::read,
       [&](SQLiteSnapshotStore& store) { return readHistoryView(store, periodOf(options, layout.width)); });
-  if (options.json) {
-    console.out << encodeJSON(encodeHistoryView(view), JSONStyle::pretty) << '\n';
-  } else {
-    console.out << historyReport(view, layout);
-  }
+  if (options.json) return printJSON(encodeHistoryView(view), console);
+  console.out << historyReport(view, layout);
   return exitSuccess;
 }
 

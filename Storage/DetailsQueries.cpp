@@ -1,6 +1,8 @@
 #include "Storage/DetailsQueries.hpp"
 
 #include <algorithm>
+#include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -24,16 +26,18 @@ constexpr std::string_view selectWindowRows =
     "ORDER BY timestamp ASC;";
 
 // Grouping by snapshot and key in SQL would sort every row of the window, four times the cost of reading
-// them. So they are read in the table's own order, and summed up on the way. Rows are only ever appended, by
-// one writer at a time, and snapshot ids only grow: the rows of a range of ids are a range of rowids.
+// them, and finding each by the index twice. So they are read in the table's own order, from the first row of
+// any of the window's snapshots to the last, and summed up on the way. Rows are appended snapshot by
+// snapshot, so that few of another window, if any, lie between them.
 constexpr std::string_view selectProcessRows =
     "SELECT snapshot_id, process_group_key, drain_w\n"
     "FROM process_samples\n"
-    "WHERE rowid >= (SELECT rowid FROM process_samples WHERE snapshot_id >= ?1 "
-    "ORDER BY snapshot_id ASC, rowid ASC LIMIT 1)\n"
-    "AND rowid <= (SELECT rowid FROM process_samples WHERE snapshot_id <= ?2 "
-    "ORDER BY snapshot_id DESC, rowid DESC LIMIT 1)\n"
+    "WHERE rowid >= ? AND rowid <= ?\n"
     "ORDER BY rowid ASC;";
+
+constexpr std::string_view selectRowRange =
+    "SELECT (SELECT MIN(rowid) FROM process_samples WHERE snapshot_id = ?1), "
+    "(SELECT MAX(rowid) FROM process_samples WHERE snapshot_id = ?1);";
 
 constexpr std::string_view selectCanonicalName =
     "SELECT MAX(canonical_name) FROM process_samples WHERE process_group_key = ? AND snapshot_id = ?;";
@@ -98,6 +102,26 @@ WindowTimeline timelineOf(const WindowRows& window, PointInTime cutoff, PointInT
   return {timestamps, cutoff, anchor};
 }
 
+struct RowRange {
+  std::int64_t first = std::numeric_limits<std::int64_t>::max();
+  std::int64_t last = std::numeric_limits<std::int64_t>::min();
+};
+
+/// Where the process rows of a window's snapshots lie. Each snapshot is asked for its own, since nothing in
+/// the schema says that rows of later snapshots lie behind those of earlier ones.
+RowRange processRowRange(Database& database, const WindowRows& window) {
+  RowRange range;
+  Statement select = database.prepared(selectRowRange);
+  for (const std::int64_t id : window.ids) {
+    select.bind(id);
+    select.next();  // there is always a row; its values are NULL for a snapshot without processes
+    const auto [first, last] = select.row<std::optional<std::int64_t>, std::optional<std::int64_t>>();
+    if (first) range = {std::min(range.first, *first), std::max(range.last, *last)};
+    select.reset();
+  }
+  return range;
+}
+
 std::pair<std::int64_t, std::int64_t> idRange(const WindowRows& window) {
   const auto [least, most] = std::minmax_element(window.ids.begin(), window.ids.end());
   return {*least, *most};
@@ -107,9 +131,9 @@ GroupedWattsIntegrator readProcesses(Database& database, const WindowRows& windo
                                      const WindowTimeline& timeline) {
   GroupedWattsIntegrator groups(timeline);
   WindowPositions positions(window.ids);
-  const auto [least, most] = idRange(window);
+  const RowRange range = processRowRange(database, window);
   Statement rows = database.prepared(selectProcessRows);
-  rows.bind(least, most);
+  rows.bind(range.first, range.last);
   while (rows.next()) {
     if (const auto snapshot = positions.find(rows.column<std::int64_t>(0)))
       groups.integrateGroupedWatts(*snapshot, rows.column<std::string_view>(1), rows.column<double>(2));
@@ -157,9 +181,9 @@ HiddenWatts readHidden(Database& database, const WindowRows& window, const Windo
 void fillSeries(DetailsPipelineOutput& output, const WindowRows& window) {
   output.totalPowerW.reserve(window.prepared.size());
   for (const PreparedSnapshot& snapshot : window.prepared) {
-    output.totalPowerW.push_back({snapshot.timestamp, static_cast<float>(snapshot.totalW)});
+    output.totalPowerW.push_back({snapshot.timestamp, chartValue(snapshot.totalW)});
     if (const auto level = snapshot.batteryLevelPercent)
-      output.batteryLevelPercent.push_back({snapshot.timestamp, static_cast<float>(*level)});
+      output.batteryLevelPercent.push_back({snapshot.timestamp, chartValue(*level)});
   }
   output.batteryDrainRatePctPerHour = calculateBatteryDrainRate(output.batteryLevelPercent);
 }

@@ -19,8 +19,8 @@ namespace quenzel {
 
 enum class SnapshotInsertOutcome {
   inserted,
-  replacedNearDuplicate,  ///< a snapshot less than half a second away was no better, and went
-  droppedNearDuplicate,   ///< a snapshot less than half a second away was better: nothing was written
+  replacedNearDuplicate,  ///< a snapshot no more than half a second away was no better, and went
+  droppedNearDuplicate,   ///< a snapshot no more than half a second away was better: nothing was written
 };
 
 /// The case's own name.

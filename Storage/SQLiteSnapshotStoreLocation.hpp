@@ -1,11 +1,30 @@
 #pragma once
 
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "Platform/ApplicationSupport.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 
 namespace quenzel {
+
+/// No place for a database of the user's own.
+class SQLiteSnapshotStoreLocationError final : public std::runtime_error {
+ public:
+  enum class Kind { missingApplicationSupportDirectory };
+
+  static SQLiteSnapshotStoreLocationError missingApplicationSupportDirectory();
+
+  Kind kind() const noexcept { return kind_; }
+
+ private:
+  SQLiteSnapshotStoreLocationError(Kind kind, const std::string& message)
+      : std::runtime_error(message), kind_(kind) {}
+
+  Kind kind_;
+};
 
 /// Where the snapshot history lives.
 namespace SQLiteSnapshotStoreLocation {
@@ -14,6 +33,12 @@ inline constexpr std::string_view databaseFileName = "battery_history.sqlite";
 
 /// "<shared directory>/Quenzel/battery_history.sqlite", the history that application and daemon share.
 std::string sharedSnapshotDatabaseURL();
+
+/// "<the user's Application Support folder>/Quenzel/battery_history.sqlite", a history of the user's own.
+/// @param applicationSupportDirectory the system's answer, if it has one
+/// @throws SQLiteSnapshotStoreLocationError when it has none
+std::string localAppDatabaseURL(
+    const std::optional<std::string>& applicationSupportDirectory = platform::applicationSupportDirectory());
 }  // namespace SQLiteSnapshotStoreLocation
 
 }  // namespace quenzel

@@ -136,6 +136,13 @@ void insertBatteryStatus(Database& database, std::int64_t snapshotID, const Batt
              batteryColumns);
 }
 
+/// A number that is none at all is left to the table's own constraints.
+void demandBelievable(double value, std::string_view what) {
+  constexpr double most = 1e12;  // a terawatt, or thirty thousand years
+  if (std::abs(value) > most)
+    throw SnapshotStoreError::withMessage(fmt::format("{} out of range: {}", what, value));
+}
+
 }  // namespace
 
 void SnapshotInsertion::validate(const DrainSnapshot& snapshot) {
@@ -153,6 +160,14 @@ void SnapshotInsertion::validate(const DrainSnapshot& snapshot) {
           fmt::format("Missing {} for published process row: {}", column.name, process.name));
     }
   }
+  demandBelievable(snapshot.timestamp.secondsSince1970(), "timestamp");
+  demandBelievable(snapshot.totalDischargeW, "total_watts");
+  demandBelievable(snapshot.unattributedW, "unattributed_w");
+  const ComponentDrain& part = snapshot.components;
+  for (const double watts : {part.screenW, part.usbW, part.cpuW, part.gpuW, part.aneW, part.ramW, part.pciW})
+    demandBelievable(watts, "component watts");
+  for (const ProcessDrain& process : snapshot.processes) demandBelievable(process.drainW, "drain_w");
+  for (const HiddenDrain& hidden : snapshot.hidden) demandBelievable(hidden.drainW, "drain_w");
 }
 
 SnapshotInsertion::Decision SnapshotInsertion::decide(Database& database, const DrainSnapshot& snapshot) {

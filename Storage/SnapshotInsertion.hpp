@@ -12,7 +12,8 @@ class Database;
 /// How snapshots are written. Each function throws SnapshotStoreError.
 namespace SnapshotInsertion {
 
-/// @throws SnapshotStoreError naming the first process row that lacks a name or group key to be shown by
+/// @throws SnapshotStoreError naming the first process row that lacks a name or group key to be shown by, or
+/// the first time or power that is beyond anything: sums of such would be infinite
 void validate(const DrainSnapshot& snapshot);
 
 /// What to do with a snapshot whose moment may have been stored before.

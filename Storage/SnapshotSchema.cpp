@@ -167,6 +167,13 @@ SnapshotStoreError cannotCreate(std::string_view what, const std::string& path, 
       fmt::format("Can't create the {} {}: {}", what, path, std::strerror(reason)));
 }
 
+void createFolders(const std::filesystem::path& folder) {
+  std::error_code failure;  // shows in what follows
+  if (folder.empty() || std::filesystem::is_directory(folder, failure)) return;
+  createFolders(folder.parent_path());
+  if (!platform::createSharedDataDirectory(folder)) throw cannotCreate("folder", folder, errno);
+}
+
 bool hasCurrentVersion(Database& database) {
   Statement select = database.prepared(selectVersion);
   if (!select.next()) return false;
@@ -187,11 +194,7 @@ void resetSnapshotTables(Database& database) {
 }  // namespace
 
 void SnapshotSchema::prepareFile(const std::string& path) {
-  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-  std::error_code failure;
-  if (!folder.empty() && !std::filesystem::is_directory(folder, failure) &&
-      !platform::createSharedDataDirectory(folder))
-    throw cannotCreate("folder", folder, errno);
+  createFolders(std::filesystem::path(path).parent_path());
 
   constexpr mode_t everybody = 0666;
   const platform::FileDescriptor file(
@@ -211,7 +214,13 @@ void SnapshotSchema::configureForWriting(Database& database) {
 
 void SnapshotSchema::ensure(Database& database) {
   database.execute(createMetadata);
-  if (!hasCurrentVersion(database)) resetSnapshotTables(database);
+  if (!hasCurrentVersion(database)) {
+    // A table that is dropped is emptied row by row first while foreign keys are kept, and a table of another
+    // version that refers to it would forbid that for ever.
+    database.execute("PRAGMA foreign_keys = OFF;");
+    resetSnapshotTables(database);
+    database.execute("PRAGMA foreign_keys = ON;");
+  }
   for (const char* sql : createEstimateTracking) database.execute(sql);
 }
 

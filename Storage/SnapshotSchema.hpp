@@ -11,7 +11,7 @@ class Database;
 namespace SnapshotSchema {
 inline constexpr int version = 5;
 
-/// Creates the folder (mode 0777) and an empty file (0666) where they are missing, whatever the umask.
+/// Creates the folders (mode 0777) and an empty file (0666) where they are missing, whatever the umask.
 void prepareFile(const std::string& path);
 
 /// Write-ahead logging: readers and a writer don't hinder each other, and after a crash everything committed

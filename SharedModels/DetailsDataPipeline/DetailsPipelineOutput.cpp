@@ -1,6 +1,7 @@
 #include "SharedModels/DetailsDataPipeline/DetailsPipelineOutput.hpp"
 
-#include <tuple>
+#include <algorithm>
+#include <limits>
 
 #include "SharedModels/Runtime/JSONCoding.hpp"
 
@@ -39,6 +40,11 @@ OrderedJson encodeSeries(const AppSeries& series) {
 }
 
 }  // namespace
+
+float chartValue(double value) {
+  constexpr double largest = std::numeric_limits<float>::max();
+  return static_cast<float>(std::clamp(value, -largest, largest));
+}
 
 OrderedJson encodeDetailsWindowSummary(const DetailsWindowSummary& summary) {
   return {{"total_wh", summary.totalWh},

@@ -20,6 +20,9 @@ struct ChartPoint {
   bool operator==(const ChartPoint&) const = default;
 };
 
+/// A value as a chart has it; what is too large for it becomes the largest there is.
+float chartValue(double value);
+
 /// Energy of a window by the trapezoid rule, from what each snapshot stored. On a window without snapshots,
 /// or with one only, everything is 0.
 struct DetailsWindowSummary {
@@ -44,7 +47,7 @@ struct DetailsWindowSummary {
 /// What the processes of one group key drew over a window.
 struct GroupedProcessData {
   std::string groupKey = {};
-  std::string canonicalName = {};  ///< the group's newest one
+  std::string canonicalName = {};  ///< the representative's, else the group's newest one
   /// The representative's number while the group is in the window's latest snapshot, else a synthetic one
   /// (negative) made from the key.
   std::int64_t pid = 0;

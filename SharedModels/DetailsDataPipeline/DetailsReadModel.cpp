@@ -6,11 +6,10 @@
 #include "SharedModels/DetailsDataPipeline/BatteryDrainRate.hpp"
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
 #include "SharedModels/Presentation/SyntheticPID.hpp"
+#include "SharedModels/Runtime/Number.hpp"
 
 namespace quenzel {
 namespace {
-
-double orZero(double value) { return value > 0 ? value : 0; }
 
 bool isOfGroup(const ProcessDrain& process, std::string_view groupKey) {
   return process.processGroupKey && *process.processGroupKey == groupKey;
@@ -18,13 +17,13 @@ bool isOfGroup(const ProcessDrain& process, std::string_view groupKey) {
 
 /// Better representatives compare greater.
 auto representativeRank(const ProcessDrain& process) {
-  return std::tuple{processPresentationScore(process), orZero(process.drainW), -process.pid};
+  return std::tuple{processPresentationScore(process), nonNegative(process.drainW), -process.pid};
 }
 
 TextMap<double> latestGroupWatts(const DrainSnapshot& latest) {
   TextMap<double> watts;
   for (const ProcessDrain& process : latest.processes)
-    watts[process.processGroupKey.value_or("")] += orZero(process.drainW);
+    watts[process.processGroupKey.value_or("")] += nonNegative(process.drainW);
   return watts;
 }
 
@@ -45,7 +44,10 @@ GroupedWattsIntegrator::Entry& GroupedWattsIntegrator::entryOf(std::size_t snaps
   Entry*& guess = order_[position_++];
   if (guess != nullptr && guess->first == groupKey) return *guess;
   auto entry = groups_.find(groupKey);
-  if (entry == groups_.end()) entry = groups_.try_emplace(std::string(groupKey)).first;
+  if (entry == groups_.end()) {
+    entry = groups_.try_emplace(std::string(groupKey)).first;
+    entry->second.spanWh.resize(DetailsPipelineOutput::maxSeriesPoints);
+  }
   guess = &*entry;
   return *guess;
 }
@@ -54,11 +56,9 @@ void GroupedWattsIntegrator::integrateGroupedWatts(std::size_t snapshot, std::st
                                                    double drainW) {
   GroupedWatts& group = entryOf(snapshot, groupKey).second;
   group.newestSnapshot = std::max(group.newestSnapshot, snapshot);
-  const double energyWh = orZero(drainW) * timeline_.hoursOf(snapshot);
-  if (!(energyWh > 0)) return;
+  const double energyWh = nonNegative(drainW) * timeline_.hoursOf(snapshot);
   group.energyWh += energyWh;
-  if (group.spanWh.empty()) group.spanWh.resize(DetailsPipelineOutput::maxSeriesPoints);
-  group.spanWh[timeline_.spanOf(snapshot)] += static_cast<float>(energyWh);
+  group.spanWh[timeline_.spanOf(snapshot)] += energyWh;
 }
 
 std::optional<ProcessDrain> groupedRepresentative(const DrainSnapshot& latest, std::string_view groupKey) {
@@ -80,8 +80,9 @@ std::vector<GroupedProcessData> buildGroupedProcessData(const TextMap<GroupedWat
   for (const auto& [key, group] : groups) {
     GroupedProcessData data;
     data.groupKey = key;
-    data.canonicalName = valueOr(canonicalNames, key, key);
     data.representative = groupedRepresentative(latest, key);
+    data.canonicalName = data.representative ? data.representative->canonicalName.value_or(key)
+                                             : valueOr(canonicalNames, key, key);
     data.pid = data.representative ? data.representative->pid : stableSyntheticPID(key);
     data.energyWh = group.energyWh;
     data.averageW = sampleHours > 0 ? group.energyWh / sampleHours : 0;
@@ -106,7 +107,7 @@ std::vector<GroupedHiddenData> buildHiddenData(
     if (group != groups.end()) data.energyWh = group->second.energyWh;
     data.averageW = sampleHours > 0 ? data.energyWh / sampleHours : 0;
     for (const HiddenDrain& row : latest.hidden) {
-      if (row.kind == kind && row.identifier == identifier) data.latestW += orZero(row.drainW);
+      if (row.kind == kind && row.identifier == identifier) data.latestW += nonNegative(row.drainW);
     }
     hidden.push_back(std::move(data));
   }
@@ -144,7 +145,7 @@ ComponentDrain buildComponentAverages(const DetailsWindowSummary& summary, const
   ComponentDrain average;
   for (const auto& [component, energy] : components) {
     average.*component = summary.sampleHours > 0 ? summary.*energy / summary.sampleHours
-                                                 : orZero(fallbackSnapshot.components.*component);
+                                                 : nonNegative(fallbackSnapshot.components.*component);
   }
   average.confidence =
       summary.sampleHours > 0 ? latest.components.confidence : fallbackSnapshot.components.confidence;

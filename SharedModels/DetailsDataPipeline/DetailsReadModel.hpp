@@ -21,12 +21,13 @@ namespace quenzel {
 /// What the rows of one group came to over a window.
 struct GroupedWatts {
   double energyWh = 0;
-  std::size_t newestSnapshot = 0;  ///< position in the window of the newest snapshot with a row of it
-  std::vector<float> spanWh = {};  ///< the energy in each of the timeline's spans
+  std::size_t newestSnapshot = 0;   ///< position in the window of the newest snapshot with a row of it
+  std::vector<double> spanWh = {};  ///< the energy in each of the timeline's spans
 };
 
-/// Integrates the summed watts of each group. Power that is negative or no number counts 0.
-/// Memory: a kilobyte a group, however many rows there are.
+/// Integrates the summed watts of each group. A row's power that is negative or no number counts 0, as it
+/// does in a snapshot's process total, so that the groups add up to that. Memory: two kilobytes a group,
+/// however many rows there are.
 class GroupedWattsIntegrator {
  public:
   explicit GroupedWattsIntegrator(const WindowTimeline& timeline) : timeline_(timeline) {}

@@ -32,11 +32,11 @@ WindowTimeline::WindowTimeline(const std::vector<PointInTime>& timestamps, Point
   }
 }
 
-std::vector<ChartPoint> WindowTimeline::averageWatts(const std::vector<float>& spanWh) const {
+std::vector<ChartPoint> WindowTimeline::averageWatts(const std::vector<double>& spanWh) const {
   std::vector<ChartPoint> points;
   for (std::size_t index = 0; index < spanWh.size(); ++index) {
     const Span& span = spans_[index];
-    if (span.hours > 0) points.push_back({span.newest, static_cast<float>(spanWh[index] / span.hours)});
+    if (span.hours > 0) points.push_back({span.newest, chartValue(spanWh[index] / span.hours)});
   }
   return points;
 }

@@ -11,8 +11,8 @@ namespace quenzel {
 /// How much of a window each of its snapshots stands for, and where on a chart of it.
 ///
 /// The trapezoid rule gives every snapshot half of the slice on either side of it. So the energy of anything
-/// with a power in each snapshot is the sum of power times these hours, in whatever order the powers come;
-/// what is missing from a snapshot drew nothing at that time.
+/// with a power (not below 0) in each snapshot is the sum of power times these hours, in whatever order the
+/// powers come; what is missing from a snapshot drew nothing at that time.
 class WindowTimeline {
  public:
   /// @param timestamps ascending, all between start and end
@@ -24,7 +24,7 @@ class WindowTimeline {
   /// Which of the chart's spans a snapshot lies in.
   std::size_t spanOf(std::size_t snapshot) const { return samples_[snapshot].span; }
   /// The average power of each span that was sampled, from the energy in each.
-  std::vector<ChartPoint> averageWatts(const std::vector<float>& spanWh) const;
+  std::vector<ChartPoint> averageWatts(const std::vector<double>& spanWh) const;
 
  private:
   struct Sample {

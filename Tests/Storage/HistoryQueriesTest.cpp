@@ -82,11 +82,11 @@ TEST_F(HistoryQueriesTest, IntegratesByTheTrapezoidRule) {
 }
 
 TEST_F(HistoryQueriesTest, EqualTimesAddNoEnergy) {
-  add(0, 10);
-  add(60, 10);
-  add(0, 30);  // between the others by its time, and not a near duplicate of the newest
-  EXPECT_NEAR(store.fetchEnergyUsageSummary(9).totalWh, 1 / 60. * 20, 0.17) << "10 or 30 W at the start";
-  EXPECT_NEAR(store.fetchEnergyUsageSummary(9).trackedHours, 1 / 60., 1e-9);
+  for (const double seconds : {0., 36., 0.})
+    add(seconds, 10);  // the third is no near duplicate of the newest
+  EXPECT_EQ(store.fetchLatest(9).size(), 3u);
+  EXPECT_NEAR(store.fetchEnergyUsageSummary(9).totalWh, 0.1, 1e-9);
+  EXPECT_NEAR(store.fetchEnergyUsageSummary(9).trackedHours, 0.01, 1e-9);
   EXPECT_EQ(store.fetchEnergyUsageSummary(1), EnergyUsageSummary{});
 }
 
@@ -162,12 +162,22 @@ TEST_F(HistoryQueriesTest, BuildsTheDetailsOfAWindow) {
   EXPECT_EQ(a.canonicalName, "a app");
   EXPECT_EQ(a.pid, ProcessAttributionPresentationService::stableSyntheticPID("a"));
   EXPECT_EQ(a.latestW, 0);
+  EXPECT_EQ(b.canonicalName, "b app");
   EXPECT_NEAR(a.energyWh + b.energyWh, details.summary.processWh, 1e-9) << "nothing is lost";
   ASSERT_EQ(details.hidden.size(), 1u);
   EXPECT_NEAR(details.hidden[0].energyWh, 0.01, 1e-9);
   EXPECT_EQ(details.hidden[0].latestW, 1);
   ASSERT_EQ(details.appSeries.size(), 1u);
   EXPECT_EQ(details.appSeries[0].watts, (std::vector<ChartPoint>{{at(0), 0}, {at(36), 6}, {at(72), 6}}));
+
+  {  // The order of the rows in their table is nobody's promise.
+    Database database(folder / "history.sqlite", Database::Access::readWriteCreate);
+    database.execute(
+        "CREATE TABLE rows AS SELECT * FROM process_samples ORDER BY snapshot_id DESC; DELETE FROM "
+        "process_samples; "
+        "INSERT INTO process_samples SELECT * FROM rows; DROP TABLE rows;");
+  }
+  EXPECT_EQ(store.fetchDetailsReadModel(100, 1, at(90), fallback).processes, details.processes);
 
   const DetailsPipelineOutput between = store.fetchDetailsReadModel(10, 5, at(20), fallback);
   EXPECT_EQ(between.snapshotCount, 0);
@@ -182,6 +192,16 @@ TEST_F(HistoryQueriesTest, FallsBackToTheLiveSnapshot) {
   EXPECT_EQ(details.latestSnapshot, fallback);
   EXPECT_EQ(details.averageComponents, (ComponentDrain{.cpuW = 2, .confidence = 0.5}));
   EXPECT_TRUE(details.processes.empty());
+}
+
+TEST(GroupedRepresentative, IsTheSameAtEveryLook) {
+  DrainSnapshot latest = makeSnapshot(base, 9,
+                                      {member(9, "tie", "g", 1), member(4, "tie", "g", 1),
+                                       member(2, "weak", "g", 0.5), member(1, "x", "other", 9)});
+  EXPECT_EQ(groupedRepresentative(latest, "g")->pid, 4) << "most power, then the lowest number";
+  latest.processes.push_back(member(8, "/bin/g", "g", -1));
+  EXPECT_EQ(groupedRepresentative(latest, "g")->pid, 8) << "a path scores more than a name";
+  EXPECT_EQ(groupedRepresentative(latest, "none"), std::nullopt);
 }
 
 TEST(BatteryDrainRate, IsTheSlopeOfTheLastQuarterOfAnHour) {

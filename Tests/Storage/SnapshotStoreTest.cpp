@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "Storage/SQLiteSnapshotStore.hpp"
+#include "Storage/SQLiteSnapshotStoreLocation.hpp"
 #include "Storage/SnapshotStoreError.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
@@ -70,7 +71,7 @@ class SnapshotStoreTest : public ::testing::Test {
   }
 
   TemporaryDirectory folder;
-  std::string path = folder / "new/history.sqlite";
+  std::string path = folder / "new/er/history.sqlite";
 };
 
 TEST_F(SnapshotStoreTest, MakesFolderFileAndTablesForEverybody) {
@@ -78,6 +79,7 @@ TEST_F(SnapshotStoreTest, MakesFolderFileAndTablesForEverybody) {
   open().insert(fullSnapshot());
   ::umask(before);
   EXPECT_EQ(modeOf(folder / "new"), 0777u);
+  EXPECT_EQ(modeOf(folder / "new/er"), 0777u);
   EXPECT_EQ(modeOf(path), 0666u);
   // clang-format off
   EXPECT_EQ(query("SELECT group_concat(name || ' ' || type || CASE \"notnull\" WHEN 1 THEN '!' ELSE '' END || "
@@ -170,6 +172,7 @@ TEST_F(SnapshotStoreTest, RefusesRowsThatCantBeShownOrStored) {
             "process_samples.process_name");
   EXPECT_EQ(refusal([](ProcessDrain& b) { b.drainW = std::nan(""); }),
             "NOT NULL constraint failed: process_samples.drain_w");
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.drainW = 1e308; }), "drain_w out of range: 1e+308");
   EXPECT_EQ(query("SELECT COUNT(*) FROM snapshots;"), std::vector<std::string>{"0"}) << "rolled back whole";
   EXPECT_EQ(store.insert(makeSnapshot(5, 10)), inserted) << "and usable afterwards";
 }
@@ -208,13 +211,28 @@ TEST_F(SnapshotStoreTest, PurgesWhatIsOlderAndShrinks) {
     for (int pid = 1; pid < 200; ++pid) snapshot.processes.push_back(shownProcess(pid, "process", 0.01));
     store.insert(snapshot);
   }
+  query("DELETE FROM process_samples WHERE snapshot_id = 1;");
   EXPECT_EQ(store.purgeSnapshots(PointInTime::fromSecondsSince1970(0)), 0);
+  EXPECT_NE(query("PRAGMA freelist_count;"), std::vector<std::string>{"0"})
+      << "nothing deleted, nothing rewritten";
   query("PRAGMA wal_checkpoint(TRUNCATE);");
   const auto before = std::filesystem::file_size(path);
   EXPECT_EQ(store.purgeSnapshots(PointInTime::fromSecondsSince1970(39)), 39);
   EXPECT_EQ(store.fetchLatest(99).front().timestamp.secondsSince1970(), 39);
   query("PRAGMA wal_checkpoint(TRUNCATE);");
   EXPECT_LT(std::filesystem::file_size(path), before / 4);
+}
+
+TEST(SQLiteSnapshotStoreLocation, IsSharedOrTheUsersOwn) {
+  EXPECT_EQ(SQLiteSnapshotStoreLocation::localAppDatabaseURL("/u/data"),
+            "/u/data/Quenzel/battery_history.sqlite");
+  EXPECT_STREQ(thrownBy<SQLiteSnapshotStoreLocationError>([] {
+                 SQLiteSnapshotStoreLocation::localAppDatabaseURL(std::nullopt);
+               }).what(),
+               "Unable to locate the Application Support directory.");
+  const ScopedEnvironment home({{"XDG_DATA_HOME", "relative"}, {"HOME", "/u"}});
+  EXPECT_EQ(SQLiteSnapshotStoreLocation::localAppDatabaseURL(),
+            "/u/.local/share/Quenzel/battery_history.sqlite");
 }
 
 TEST_F(SnapshotStoreTest, FailsWithSQLitesOwnWords) {

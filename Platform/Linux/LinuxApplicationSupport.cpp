@@ -1,0 +1,15 @@
+#include "Platform/ApplicationSupport.hpp"
+#include "Platform/Environment.hpp"
+
+namespace quenzel::platform {
+
+std::optional<std::string> applicationSupportDirectory() {
+  // A relative path there is to be ignored.
+  const auto data = environmentValue("XDG_DATA_HOME");
+  if (data && data->starts_with('/')) return data;
+  const auto home = environmentValue("HOME");
+  if (!home || !home->starts_with('/')) return {};
+  return *home + "/.local/share";
+}
+
+}  // namespace quenzel::platform
