@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <system_error>
 #include <utility>
@@ -13,6 +12,7 @@
 #include <unistd.h>
 
 #include "Platform/ChildProcessSupport.hpp"
+#include "Platform/MonotonicClock.hpp"
 
 namespace quenzel::platform {
 namespace {
@@ -32,10 +32,6 @@ void handle(int) noexcept {
 int pollTimeout(double seconds) {
   constexpr double mostMilliseconds = 1e9;
   return static_cast<int>(std::ceil(std::clamp(seconds * 1000, 0.0, mostMilliseconds)));
-}
-
-double monotonicSeconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "SharedModels/Runtime/Number.hpp"
+#include "SharedModels/Snapshot/ModelledFigures.hpp"
 #include "SharedModels/Snapshot/SnapshotQuality.hpp"
 
 namespace quenzel {
@@ -24,12 +25,6 @@ void scale(ProcessDrain& row, double factor) {
   if (row.cpuAttributedW) *row.cpuAttributedW *= factor;
 }
 
-double hiddenW(const DrainSnapshot& snapshot) {
-  double sum = 0;
-  for (const HiddenDrain& hidden : snapshot.hidden) sum += hidden.drainW;
-  return sum;
-}
-
 /// Percent of one processor that all of them have to give.
 double cpuCapacityPercent(const AttributionSituation& situation) {
   return 100.0 * static_cast<double>(std::max<std::int64_t>(situation.logicalCPUCount, 1));
@@ -41,7 +36,7 @@ void takeMeasuredWatts(ProcessDrain& row, const ProcessSample& sample, bool mode
   row.cpuAttributedW = std::min(usable(sample.powermetricsCPUW.value_or(0)), row.drainW);
   row.sourceFlags = {"powermetrics"};
   if (sample.powermetricsGPUFallbackAllocated) row.sourceFlags.emplace_back("powermetrics-gpu-estimated");
-  if (modelled) row.sourceFlags.emplace_back("modelled");
+  if (modelled) row.sourceFlags.emplace_back(modelledSourceFlag);
 }
 
 std::vector<ProcessDrain> measuredRows(const AttributionInput& input, const AttributionSituation& situation) {
@@ -103,7 +98,7 @@ void shareOutByCPU(std::vector<ProcessDrain>& rows, double watts, const Attribut
     row.drainW = watts * share;
     row.cpuAttributedW = row.drainW;
     row.sourceFlags = {"cpu-share"};
-    if (modelled) row.sourceFlags.emplace_back("modelled");
+    if (modelled) row.sourceFlags.emplace_back(modelledSourceFlag);
   }
 }
 
@@ -169,7 +164,7 @@ void moveToHiddenWorkloads(DrainSnapshot& snapshot, const std::vector<HiddenWork
 /// What follows from the parts: the rest, and each process's share.
 void settle(DrainSnapshot& snapshot) {
   const double partsW =
-      snapshot.components.displayPlusUsbW() + attributedProcessW(snapshot) + hiddenW(snapshot);
+      snapshot.components.displayPlusUsbW() + attributedProcessW(snapshot) + hiddenWorkloadW(snapshot);
   snapshot.unattributedW = nonNegative(snapshot.totalDischargeW - partsW);
   for (ProcessDrain& row : snapshot.processes) row.energyShare = partsW > 0 ? row.drainW / partsW : 0;
 }

@@ -1,6 +1,7 @@
 #include "QuenzelMonitor/HistoryReport.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <span>
 #include <vector>
 
@@ -24,10 +25,20 @@ std::string duration(double hours) {
 }
 
 std::string heading(const HistoryView& view) {
-  return fmt::format("The last {} up to {}: {} snapshots over {}{}\n", view.period.label,
-                     localTimeText(view.details.anchor, "%Y-%m-%d %H:%M:%S"), view.details.snapshotCount,
-                     duration(view.details.summary.trackedHours),
-                     view.modelled ? " (some figures are modelled, not measured)" : "");
+  const DetailsPipelineOutput& details = view.details;
+  std::string text =
+      fmt::format("The last {} up to {}: {} snapshot{} over {}{}\n", view.period.label,
+                  localTimeText(details.anchor, "%Y-%m-%d %H:%M:%S"), details.snapshotCount,
+                  details.snapshotCount == 1 ? "" : "s", duration(details.summary.trackedHours),
+                  details.modelled ? " (some figures are modelled, not measured)" : "");
+  // Of a gap only a minute counts, so energy and average are of less than the whole time.
+  if (details.summary.sampleHours < 0.98 * details.summary.trackedHours)
+    text += fmt::format("Only {} of that were sampled: nothing is known of the rest.\n",
+                        duration(details.summary.sampleHours));
+  if (view.newestInFuture)
+    text += fmt::format("Snapshots of the future (up to {}) are left out: the clock was ahead.\n",
+                        localTimeText(*view.newestInFuture, "%Y-%m-%d %H:%M:%S"));
+  return text;
 }
 
 std::string totals(const DetailsWindowSummary& summary) {
@@ -46,8 +57,12 @@ std::string batteryLine(const HistoryView& view) {
   if (levels.empty()) return "Battery    unknown\n";
   std::string line = fmt::format("Battery    {:.1f} %", levels.back().value);
   if (const auto rate = view.trends.batteryDrainRatePerHour) {
-    line += *rate < 0 ? fmt::format(", charging at {:.1f} % an hour", -*rate)
-                      : fmt::format(", draining at {:.1f} % an hour", *rate);
+    constexpr double leastShownRate = 0.05;
+    if (std::abs(*rate) < leastShownRate) {
+      line += ", steady";
+    } else {
+      line += fmt::format(", {} at {:.1f} % an hour", *rate < 0 ? "charging" : "draining", std::abs(*rate));
+    }
   }
   return line + "\n";
 }
@@ -83,11 +98,8 @@ std::string chart(const char* title, const std::vector<Point>& points, double Po
 /// A name that fits, and that the terminal can show.
 std::string shownName(const std::string& name, const HistoryReportLayout& layout, std::size_t room) {
   std::string text = printableLine(name);
-  if (!layout.isUnicode) {
-    std::replace_if(
-        text.begin(), text.end(), [](char byte) { return static_cast<unsigned char>(byte) > 127; }, '?');
-  }
-  return text.substr(0, graphemeOffset(text, std::max<std::size_t>(room, 8)));
+  if (!layout.isUnicode) text = asciiLine(text);
+  return text.substr(0, columnOffset(text, std::max<std::size_t>(room, 8)));
 }
 
 std::string applicationTable(const HistoryView& view, const HistoryReportLayout& layout) {
@@ -98,7 +110,7 @@ std::string applicationTable(const HistoryView& view, const HistoryReportLayout&
     const std::string figures =
         fmt::format("  {:9.4f}  {:5.1f}%  {:9.3f}  {:9.3f}  {:9}  ", usage.energyWh,
                     share(usage.energyWh, view.details.summary.totalWh), usage.averageW, usage.latestW,
-                    usage.memberCount > 0 ? std::to_string(usage.memberCount) : "ended");
+                    usage.memberCount > 0 ? std::to_string(usage.memberCount) : "-");
     const std::size_t room = layout.width > figures.size() ? layout.width - figures.size() : 0;
     text += figures + shownName(usage.name, layout, room) + "\n";
   }

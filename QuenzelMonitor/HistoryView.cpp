@@ -13,20 +13,8 @@ namespace {
 
 using OrderedJson = nlohmann::ordered_json;
 
-bool isModelled(const DrainSnapshot& snapshot) {
-  const auto& processes = snapshot.processes;
-  const bool byRow = std::any_of(processes.begin(), processes.end(), [](const ProcessDrain& process) {
-    return std::count(process.sourceFlags.begin(), process.sourceFlags.end(), "modelled") > 0;
-  });
-  return byRow || (snapshot.batteryStatus && snapshot.batteryStatus->serialNumber == "MODELLED");
-}
-
-/// The model is switched on or off for a whole recording, so that a few snapshots tell.
-bool isAnyModelled(const SQLiteSnapshotStore& store, const GraphPeriodSpec& period, PointInTime anchor) {
-  constexpr std::int64_t looks = 20;
-  const auto snapshots = store.fetchWindowSnapshots(period.seconds, looks, anchor);
-  return std::any_of(snapshots.begin(), snapshots.end(), isModelled);
-}
+/// Clocks are adjusted by less than this all the time.
+constexpr double clockSlackSeconds = 60;
 
 std::vector<ApplicationUsage> applicationsOf(const DetailsPipelineOutput& details) {
   TextMap<double> whByName;
@@ -81,14 +69,16 @@ OrderedJson encodeLevelPoint(const BatteryLevelPoint& point) {
 
 }  // namespace
 
-HistoryView readHistoryView(const SQLiteSnapshotStore& store, const GraphPeriodSpec& period) {
+HistoryView readHistoryView(const SQLiteSnapshotStore& store, const GraphPeriodSpec& period,
+                            PointInTime now) {
+  const DrainSnapshot newest = liveSnapshot(store);
   HistoryView view{.period = period};
-  view.details = store.fetchDetailsReadModel(period.seconds, 0, {}, liveSnapshot(store));
-  const PointInTime anchor = view.details.anchor;
+  if (newest.timestamp - now > clockSlackSeconds) view.newestInFuture = newest.timestamp;
+  const PointInTime anchor = view.newestInFuture ? now : newest.timestamp;
+  view.details = store.fetchDetailsReadModel(period.seconds, 0, anchor, newest);
   view.trends =
       GraphBuildEngine::buildPeriodTrends(store.fetchPreparedSnapshots(period.seconds, anchor), period);
   view.applications = applicationsOf(view.details);
-  view.modelled = isAnyModelled(store, period, anchor);
   return view;
 }
 
@@ -98,7 +88,7 @@ OrderedJson encodeHistoryView(const HistoryView& view) {
                       {"windowStart", encodeJSONValue(details.windowStart)},
                       {"anchor", encodeJSONValue(details.anchor)},
                       {"snapshotCount", details.snapshotCount},
-                      {"modelled", view.modelled},
+                      {"modelled", details.modelled},
                       {"summary", encodeDetailsWindowSummary(details.summary)}};
   if (!details.batteryLevelPercent.empty())
     json["batteryLevelPercent"] = details.batteryLevelPercent.back().value;

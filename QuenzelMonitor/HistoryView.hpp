@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,9 +17,10 @@ namespace quenzel {
 struct ApplicationUsage {
   std::string name = {};
   double energyWh = 0;
-  double averageW = 0;           ///< over the sampled hours; 0 where there are none
-  double latestW = 0;            ///< in the newest snapshot
-  std::int64_t memberCount = 0;  ///< its processes in the newest snapshot; 0 when they have all ended
+  double averageW = 0;  ///< over the sampled hours; 0 where there are none
+  double latestW = 0;   ///< in the newest snapshot
+  std::int64_t memberCount =
+      0;  ///< its processes in the newest snapshot; those that drew next to nothing have no row in it
 };
 
 /// What `quenzel show` shows of a window.
@@ -27,13 +29,15 @@ struct HistoryView {
   DetailsPipelineOutput details = {};
   GraphPeriodTrends trends = {};
   std::vector<ApplicationUsage> applications = {};  ///< most energy first
-  bool modelled = false;                            ///< whether figures of it come from modelled hardware
+  /// The time of the newest snapshot where that is ahead of the clock, as the clock was when it was recorded.
+  /// The window then ends now.
+  std::optional<PointInTime> newestInFuture = {};
 };
 
-/// Reads a window of the history that ends with its newest snapshot. Memory grows with the window's snapshots
-/// and applications, not with their rows.
+/// Reads a window of the history that ends with its newest snapshot, but not in the future. Memory grows with
+/// the window's snapshots and applications, not with their rows.
 /// @throws SnapshotStoreError
-HistoryView readHistoryView(const SQLiteSnapshotStore& store, const GraphPeriodSpec& period);
+HistoryView readHistoryView(const SQLiteSnapshotStore& store, const GraphPeriodSpec& period, PointInTime now);
 
 nlohmann::ordered_json encodeHistoryView(const HistoryView& view);
 

@@ -1,7 +1,6 @@
 #include "QuenzelMonitor/RecordCommand.hpp"
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <memory>
@@ -18,6 +17,7 @@
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "Platform/BundleInformation.hpp"
 #include "Platform/Environment.hpp"
+#include "Platform/MonotonicClock.hpp"
 #include "Platform/StopSignals.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/SnapshotRecorder.hpp"
@@ -49,19 +49,13 @@ double intervalOf(const RecordOptions& options) {
   return static_cast<double>(SamplingConfig(settings).activeIntervalSec());
 }
 
-double hiddenWatts(const DrainSnapshot& snapshot) {
-  double sum = 0;
-  for (const HiddenDrain& hidden : snapshot.hidden) sum += hidden.drainW;
-  return sum;
-}
-
 /// The watts of a snapshot by where they went.
 std::string figures(const RecordedCycle& cycle) {
   const DrainSnapshot& snapshot = cycle.snapshot;
   return fmt::format(
       "{:.2f} W: {} processes {:.2f} W, hidden {:.2f} W, display and USB {:.2f} W, unattributed {:.2f} W{}",
       snapshot.totalDischargeW, snapshot.processes.size(), attributedProcessW(snapshot),
-      hiddenWatts(snapshot), snapshot.components.displayPlusUsbW(), snapshot.unattributedW,
+      hiddenWorkloadW(snapshot), snapshot.components.displayPlusUsbW(), snapshot.unattributedW,
       cycle.modelled ? " (modelled)" : "");
 }
 
@@ -81,7 +75,7 @@ std::string jsonLine(const RecordedCycle& cycle) {
     line["totalDischargeW"] = snapshot.totalDischargeW;
     line["processCount"] = snapshot.processes.size();
     line["processW"] = attributedProcessW(snapshot);
-    line["hiddenW"] = hiddenWatts(snapshot);
+    line["hiddenW"] = hiddenWorkloadW(snapshot);
     line["screenW"] = snapshot.components.screenW;
     line["usbW"] = snapshot.components.usbW;
     line["unattributedW"] = snapshot.unattributedW;
@@ -116,22 +110,17 @@ void complain(const std::string& failure, Console& console) {
     reportError(CommandError(failure), console);
 }
 
-double monotonicSeconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-bool everyCycleFailed(const RecordingTally& tally) {
-  return tally[RecordingOutcome::failed] > 0 &&
-         std::all_of(allRecordingOutcomes.begin(), allRecordingOutcomes.end(), [&](RecordingOutcome outcome) {
-           return outcome == RecordingOutcome::failed || tally[outcome] == 0;
-         });
+/// Dropped snapshots had a better one of the same moment.
+bool nothingIsStored(const RecordingTally& tally) {
+  return tally[RecordingOutcome::inserted] + tally[RecordingOutcome::replacedNearDuplicate] +
+             tally[RecordingOutcome::droppedNearDuplicate] ==
+         0;
 }
 
 int record(const RecordOptions& options, Console& console) {
   const platform::StopSignals stop;
   // A reader that went away and a file that may not grow show as failing writes, not as the end.
   std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
   const DefaultShellRunner shell;
   SamplingCycle cycle(shell);
   SQLiteSnapshotStore store(
@@ -150,8 +139,13 @@ int record(const RecordOptions& options, Console& console) {
       {.sample = [&cycle] { return cycle.run(); },
        .insert = [&store](const DrainSnapshot& snapshot) { return store.insert(snapshot); },
        .purge = [&store](PointInTime olderThan) { return store.purgeSnapshots(olderThan); },
+       .newestStored =
+           [&store] {
+             const auto newest = store.fetchLatest(1);
+             return newest.empty() ? std::nullopt : std::optional(newest.front().timestamp);
+           },
        .now = now,
-       .monotonicSeconds = monotonicSeconds,
+       .monotonicSeconds = platform::monotonicSeconds,
        .waitForStop = [&stop](double seconds) { return stop.waitFor(seconds); },
        .report =
            [&](const RecordedCycle& recorded) {
@@ -165,7 +159,7 @@ int record(const RecordOptions& options, Console& console) {
       recording);
   const RecordingTally tally = recorder.run();
   printLine(tallyLine(tally, options.json), options, console);
-  return everyCycleFailed(tally) && !stop.waitFor(0) ? exitFailure : exitSuccess;
+  return nothingIsStored(tally) && !stop.waitFor(0) ? exitFailure : exitSuccess;
 }
 
 }  // namespace
@@ -173,14 +167,15 @@ int record(const RecordOptions& options, Console& console) {
 void addRecordCommand(CLI::App& app, std::function<int()>& command, Console& console) {
   CLI::App* recordApp = app.add_subcommand("record", "Record the history until it is stopped");
   const auto options = std::make_shared<RecordOptions>();
-  constexpr double longestIntervalSeconds = 7 * 24 * 3600;
+  // A sample of the power counters takes a second; and of a longer interval only a minute's energy would
+  // count.
+  constexpr double shortestIntervalSeconds = 2, longestIntervalSeconds = 60;
   constexpr double longestKeptDays = 36500;
   recordApp->add_option("--database", options->database, "the history; the shared one when left out");
   recordApp->add_option("--mode", options->mode, "background, interactive or burst: every 20, 8 or 8 s")
       ->check(CLI::IsMember({"background", "interactive", "burst"}));
-  // Closer together than half a second, snapshots would replace one another.
-  addNumberOption(*recordApp, "--interval", options->intervalSeconds, 1, longestIntervalSeconds,
-                  "seconds between cycles, in place of the mode's");
+  addNumberOption(*recordApp, "--interval", options->intervalSeconds, shortestIntervalSeconds,
+                  longestIntervalSeconds, "seconds between cycles, in place of the mode's");
   addIntegerOption(*recordApp, "--count", options->count, 1, anyCount, "stop after that many cycles");
   addNumberOption(*recordApp, "--keep-days", options->keepDays, 0.01, longestKeptDays,
                   "delete what is older, at the start and from time to time");

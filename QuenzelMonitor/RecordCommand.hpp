@@ -16,8 +16,8 @@ namespace quenzel {
 /// "replacedNearDuplicate" come only when the snapshot is committed. A failure is one line on the error
 /// stream and in the log, and with --json an acknowledgement too.
 ///
-/// The exit status is 0 however the recording ended, unless every one of --count cycles failed, the database
-/// can't be opened, or nobody takes the output any more.
+/// The exit status is 0 however the recording ended, unless none of --count cycles stored anything, the
+/// database can't be opened, or nobody takes the output any more.
 void addRecordCommand(CLI::App& app, std::function<int()>& command, Console& console);
 
 }  // namespace quenzel

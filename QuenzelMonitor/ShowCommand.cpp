@@ -33,12 +33,13 @@ struct Window {
 };
 constexpr Window windows[] = {{"1h", 3600}, {"24h", 24 * 3600}, {"7d", 7 * 24 * 3600}};
 
-/// As many points as the curve has dots beside each other.
+/// Drawn curves have as many points as dots beside each other.
 GraphPeriodSpec periodOf(const ShowOptions& options, std::size_t width) {
   const auto* const window =
       std::find_if(std::begin(windows), std::end(windows),
                    [&](const Window& candidate) { return candidate.label == options.window; });
-  return {options.window, window->seconds, static_cast<std::int64_t>(2 * width)};
+  return {options.window, window->seconds,
+          options.json ? DetailsPipelineOutput::maxSeriesPoints : static_cast<std::int64_t>(2 * width)};
 }
 
 int show(const ShowOptions& options, Console& console) {
@@ -46,9 +47,10 @@ int show(const ShowOptions& options, Console& console) {
   HistoryReportLayout layout{.width = std::min(terminalWidth(console).value_or(usualWidth), widest),
                              .topApplications = static_cast<std::size_t>(options.top),
                              .isUnicode = isUTF8Terminal()};
-  const HistoryView view = withHistory(
-      options.database, HistoryAccess::read,
-      [&](SQLiteSnapshotStore& store) { return readHistoryView(store, periodOf(options, layout.width)); });
+  const HistoryView view =
+      withHistory(options.database, HistoryAccess::read, [&](SQLiteSnapshotStore& store) {
+        return readHistoryView(store, periodOf(options, layout.width), now());
+      });
   if (options.json) return printJSON(encodeHistoryView(view), console);
   console.out << historyReport(view, layout);
   return exitSuccess;

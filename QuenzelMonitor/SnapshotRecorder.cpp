@@ -127,6 +127,8 @@ void SnapshotRecorder::store(const SamplingCycleResult& sampled, RecordedCycle& 
   if (const auto reason = rejectionReason(decision)) {
     cycle.outcome = RecordingOutcome::rejected;
     cycle.reason = *reason;
+    for (const UnavailableSource& source : sampled.unavailable)
+      cycle.reason += fmt::format("; {}: {}", source.source, trimmed(source.reason));
     return;
   }
   cycle.snapshot = named(cycle.snapshot);
@@ -134,12 +136,18 @@ void SnapshotRecorder::store(const SamplingCycleResult& sampled, RecordedCycle& 
   cycle.outcome = outcomeOf(with_.insert(cycle.snapshot));
 }
 
+void SnapshotRecorder::purge(double keptSeconds) {
+  const auto newest = with_.newestStored();
+  if (!newest) return;
+  const std::int64_t purged = with_.purge(std::min(*newest, with_.now()) - keptSeconds);
+  if (purged > 0) RuntimeLog::info("SnapshotRecorder", fmt::format("purged {} old snapshots", purged));
+}
+
 void SnapshotRecorder::purgeWhenDue() {
   if (!options_.keepDays || with_.monotonicSeconds() < nextPurgeSeconds_) return;
   const double keptSeconds = *options_.keepDays * daySeconds;
   try {
-    const std::int64_t purged = with_.purge(with_.now() - keptSeconds);
-    if (purged > 0) RuntimeLog::info("SnapshotRecorder", fmt::format("purged {} old snapshots", purged));
+    purge(keptSeconds);
     nextPurgeSeconds_ = with_.monotonicSeconds() + std::clamp(keptSeconds / 10, hourSeconds, daySeconds);
   } catch (const std::exception& error) {
     nextPurgeSeconds_ = with_.monotonicSeconds() + hourSeconds;

@@ -70,8 +70,10 @@ struct SnapshotRecorderOptions {
 /// helper finds the application that it belongs to. Nothing is kept from cycle to cycle: the recorder needs
 /// no more memory after weeks than after a minute, and no process is named after a pid's former owner.
 ///
-/// Retention: history older than `keepDays` goes at the start and then after every tenth of that span, but no
-/// sooner than after an hour, since a purge rewrites the whole database, and no later than after a day.
+/// Retention: history older than `keepDays`, counted back from the newest snapshot or from now, whichever is
+/// earlier (a clock that runs ahead must not cost the history), goes at the start and then after every tenth
+/// of that span, but no sooner than after an hour, since a purge rewrites the whole database, and no later
+/// than after a day.
 class SnapshotRecorder {
  public:
   /// The world outside. `report` and `complain` may throw, which ends the recording; a throw of anything else
@@ -80,7 +82,8 @@ class SnapshotRecorder {
     std::function<SamplingCycleResult()> sample;
     std::function<SnapshotInsertOutcome(const DrainSnapshot&)> insert;  ///< returns behind the commit
     std::function<std::int64_t(PointInTime olderThan)> purge;
-    std::function<PointInTime()> now;  ///< the wall clock
+    std::function<std::optional<PointInTime>()> newestStored;  ///< the time of the newest snapshot
+    std::function<PointInTime()> now;                          ///< the wall clock
     std::function<double()> monotonicSeconds;
     std::function<bool(double seconds)> waitForStop;  ///< up to so long; whether recording is to stop
     std::function<void(const RecordedCycle&)> report;
@@ -96,6 +99,7 @@ class SnapshotRecorder {
 
  private:
   std::optional<RecordedCycle> runCycle();
+  void purge(double keptSeconds);
   void store(const SamplingCycleResult& sampled, RecordedCycle& cycle);
   void purgeWhenDue();
 

@@ -11,6 +11,7 @@
 
 #include "SharedModels/DetailsDataPipeline/DetailsReadModel.hpp"
 #include "SharedModels/DetailsDataPipeline/WindowTimeline.hpp"
+#include "SharedModels/Snapshot/ModelledFigures.hpp"
 #include "Storage/Database.hpp"
 #include "Storage/EnergyQueries.hpp"
 #include "Storage/SnapshotQueries.hpp"
@@ -41,6 +42,15 @@ constexpr std::string_view selectRowRange =
 
 constexpr std::string_view selectCanonicalName =
     "SELECT MAX(canonical_name) FROM process_samples WHERE process_group_key = ? AND snapshot_id = ?;";
+
+// Where the power counters are modelled, every row that they gave watts to says so: the first ones tell.
+constexpr std::string_view selectModelledCounters =
+    "SELECT EXISTS (SELECT 1 FROM (SELECT source_flag FROM process_source_flags WHERE snapshot_id = ?1 LIMIT "
+    "8) "
+    "WHERE source_flag = ?2);";
+
+constexpr std::string_view selectModelledBattery =
+    "SELECT EXISTS (SELECT 1 FROM battery_status_samples WHERE snapshot_id = ? AND serial_number = ?);";
 
 constexpr std::string_view selectHiddenRows =
     "SELECT snapshot_id, kind, identifier, drain_w\n"
@@ -178,6 +188,20 @@ HiddenWatts readHidden(Database& database, const WindowRows& window, const Windo
   return hidden;
 }
 
+bool isAnyModelled(Database& database, const WindowRows& window) {
+  for (const auto& [sql, mark] : {std::pair(selectModelledBattery, modelledSerialNumber),
+                                  std::pair(selectModelledCounters, modelledSourceFlag)}) {
+    Statement select = database.prepared(sql);
+    for (const std::int64_t id : window.ids) {
+      select.bind(id, mark);
+      select.next();  // there is always a row
+      if (select.column<bool>(0)) return true;
+      select.reset();
+    }
+  }
+  return false;
+}
+
 void fillSeries(DetailsPipelineOutput& output, const WindowRows& window) {
   output.totalPowerW.reserve(window.prepared.size());
   for (const PreparedSnapshot& snapshot : window.prepared) {
@@ -220,6 +244,7 @@ DetailsPipelineOutput DetailsQueries::readModel(Database& database, PointInTime 
   output.averageComponents = buildComponentAverages(output.summary, output.latestSnapshot, fallbackSnapshot);
   const WindowRows window = readWindowRows(database, cutoff, anchor);
   output.snapshotCount = static_cast<std::int64_t>(window.ids.size());
+  output.modelled = isAnyModelled(database, window);
   fillSeries(output, window);
   if (!window.ids.empty()) fillGroups(output, database, window, maxAppSeries);
   return output;

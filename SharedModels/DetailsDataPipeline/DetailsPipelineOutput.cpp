@@ -67,6 +67,7 @@ OrderedJson encodeDetailsPipelineOutput(const DetailsPipelineOutput& output) {
   OrderedJson json = {{"windowStart", encodeJSONValue(output.windowStart)},
                       {"anchor", encodeJSONValue(output.anchor)},
                       {"snapshotCount", output.snapshotCount},
+                      {"modelled", output.modelled},
                       {"summary", encodeDetailsWindowSummary(output.summary)},
                       {"averageComponents", encodeComponentDrain(output.averageComponents)}};
   if (output.batteryDrainRatePctPerHour)

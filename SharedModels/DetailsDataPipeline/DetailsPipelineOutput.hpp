@@ -89,6 +89,7 @@ struct DetailsPipelineOutput {
   PointInTime windowStart = {};
   PointInTime anchor = {};         ///< the window's end
   std::int64_t snapshotCount = 0;  ///< in the window
+  bool modelled = false;           ///< whether any of its figures come from modelled hardware
   std::vector<ChartPoint> totalPowerW = {};
   std::vector<ChartPoint> batteryLevelPercent = {};  ///< of the snapshots that know it
   std::optional<double> batteryDrainRatePctPerHour = {};

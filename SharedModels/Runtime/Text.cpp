@@ -265,6 +265,27 @@ std::size_t graphemeOffset(std::string_view text, std::size_t n) {
   return offset;
 }
 
+std::size_t columnOffset(std::string_view text, std::size_t columns) {
+  std::size_t offset = 0;
+  for (std::size_t taken = 0; offset < text.size();) {
+    const Character character = characterAt(text, offset);
+    taken += character.codepoint < 0 ? 1 : static_cast<std::size_t>(utf8proc_charwidth(character.codepoint));
+    if (taken > columns) break;
+    offset += character.length;
+  }
+  return offset;
+}
+
+std::string asciiLine(std::string_view text) {
+  std::string line;
+  for (std::size_t offset = 0; offset < text.size();) {
+    const std::size_t end = clusterEnd(text, offset);
+    line += end == offset + 1 && isASCII(static_cast<unsigned char>(text[offset])) ? text[offset] : '?';
+    offset = end;
+  }
+  return line;
+}
+
 std::size_t graphemeCount(std::string_view text) {
   std::size_t count = 0;
   for (std::size_t offset = 0; offset < text.size(); ++count) offset = clusterEnd(text, offset);

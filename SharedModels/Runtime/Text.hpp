@@ -38,7 +38,8 @@ std::vector<std::string_view> splitWhitespace(std::string_view text);
 /// The first of those pieces; empty when there is none.
 std::string_view firstWord(std::string_view text);
 
-/// Lower case by the Unicode mappings that depend on no language; ill-formed bytes stay as they are.
+/// Lower case by the Unicode mappings that depend on no language, each character by itself (so a capital
+/// sigma at the end of a word becomes no final sigma); ill-formed bytes stay as they are.
 std::string lowercased(std::string_view text);
 
 /// Whether both are equal but for the case of ASCII letters.
@@ -53,6 +54,10 @@ bool isASCIIText(std::string_view text);
 /// whose first n + 1 bytes are ASCII costs a few nanoseconds.
 std::size_t graphemeOffset(std::string_view text, std::size_t n);
 
+/// Byte offset up to which a text takes no more than so many columns of a terminal: East Asian wide
+/// characters take two, marks that combine none.
+std::size_t columnOffset(std::string_view text, std::size_t columns);
+
 /// Number of user-perceived characters.
 std::size_t graphemeCount(std::string_view text);
 
@@ -63,6 +68,9 @@ std::string repairedUTF8(std::string bytes);
 /// The text as one line that is safe to show on a terminal: control characters, line breaks and characters
 /// that turn the writing direction become "?", ill-formed bytes U+FFFD.
 std::string printableLine(std::string_view text);
+
+/// The text with "?" for each user-perceived character that is not ASCII.
+std::string asciiLine(std::string_view text);
 
 /// What follows the last "/" that is not at the end: "ps" of "/bin/ps" and of "/bin/ps/".
 std::string_view lastPathComponent(std::string_view path);

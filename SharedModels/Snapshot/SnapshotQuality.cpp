@@ -18,6 +18,12 @@ double attributedProcessW(const DrainSnapshot& snapshot) {
   return sum;
 }
 
+double hiddenWorkloadW(const DrainSnapshot& snapshot) {
+  double sum = 0;
+  for (const HiddenDrain& hidden : snapshot.hidden) sum += hidden.drainW;
+  return sum;
+}
+
 double snapshotQuality(double totalW, double attributedW) {
   const double denominator = totalW >= leastTotalW ? totalW : leastTotalW;
   const double coverage = attributedW > 0 ? std::min(attributedW / denominator, 1.0) : 0;

@@ -10,6 +10,9 @@ namespace quenzel {
 /// The watts of all processes; a negative share, or one that is no number, counts 0.
 double attributedProcessW(const DrainSnapshot& snapshot);
 
+/// The watts of all hidden workloads.
+double hiddenWorkloadW(const DrainSnapshot& snapshot);
+
 /// From 0 to 2: the attributed part of the total (of at least 0.1 W), at most 1, and 1 more for more than
 /// 0.05 W.
 double snapshotQuality(double totalW, double attributedW);

@@ -25,7 +25,7 @@ class RecordCommand : public ::testing::Test {
 };
 
 TEST_F(RecordCommand, AcknowledgesWhatTheDatabaseHolds) {
-  const auto result = testing::runCommand(enter_ + record_ + "--json --interval 1 --count 2 --keep-days 1");
+  const auto result = testing::runCommand(enter_ + record_ + "--json --interval 2 --count 2 --keep-days 1");
   std::istringstream lines(result.output);
   std::string line;
   for (const DrainSnapshot& stored : history()) {
@@ -40,7 +40,7 @@ TEST_F(RecordCommand, AcknowledgesWhatTheDatabaseHolds) {
 
 TEST_F(RecordCommand, EndsCleanlyOnASignal) {
   for (const std::string signal : {"INT", "TERM"}) {  // in the wait of hours behind the line that acknowledges the first cycle
-    const auto result = testing::runCommand(enter_ + "mkfifo " + signal + "; " + record_ + "--interval 9999 >" + signal + " & exec 3<" + signal +
+    const auto result = testing::runCommand(enter_ + "mkfifo " + signal + "; " + record_ + "--interval 60 >" + signal + " & exec 3<" + signal +
                                             "; read opening <&3; read line <&3; kill -" + signal + " $!; cat <&3; wait $!");
     EXPECT_EQ(result, (testing::CommandResult{0, "ended: 1 inserted 0 replacedNearDuplicate 0 droppedNearDuplicate 0 rejected 0 failed\n"})) << signal;
   }
@@ -50,10 +50,10 @@ TEST_F(RecordCommand, EndsCleanlyOnASignal) {
 TEST_F(RecordCommand, TellsWhatFailsInOneLine) {
   std::filesystem::permissions(folder_.write("tools/bin/ps", "#!/bin/sh\necho gone >&2\nexit 3\n"), std::filesystem::perms::owner_all);
   const struct Row { const char* options; int status; const char* output; } rows[] = {
-      {"--interval 0.5", 2, "quenzel: .*\"0.5\" is not a number from 1 to 604800.*\n"},
+      {"--interval 0.5", 2, "quenzel: .*\"0.5\" is not a number from 2 to 60.*\n"},
       {"--mode fast", 2, "quenzel: --mode: .*\n"}, {"--count 0", 2, "quenzel: .*at least 1.*\n"},
       {"--quiet --count 1 >/dev/full", 0, ""}, {"--count 1 >/dev/full", 1, "quenzel: can't write the output\n"},
-      {"--quiet --interval 1 --count 2", 1, "quenzel: .*: gone\nquenzel: .*: gone\n"},  // every cycle failed
+      {"--quiet --interval 2 --count 2", 1, "quenzel: .*: gone\nquenzel: .*: gone\n"},  // every cycle failed
   };
   for (const Row& row : rows) {
     if (&row == &rows[5]) environment_.set("QZL_TOOL_ROOT", folder_ / "tools");

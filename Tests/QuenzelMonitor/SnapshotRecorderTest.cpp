@@ -21,6 +21,7 @@ SamplingCycleResult cycleOf(double totalW, std::vector<ProcessSample> processes 
 struct World {
   double seconds = 0, stopAt = 1e9;
   testing::FakeClock wall;
+  PointInTime newest = wall.now() + 1e9;
   std::function<SamplingCycleResult()> cycle = [] { return cycleOf(5); };
   std::function<SnapshotInsertOutcome()> insertion = [] { return SnapshotInsertOutcome::inserted; };
   std::function<void()> purging = [] {};
@@ -32,8 +33,8 @@ struct World {
     return SnapshotRecorder({
         .sample = [this] { startedAt.push_back(seconds); return cycle(); },
         .insert = [this](const DrainSnapshot& snapshot) { stored = snapshot; return insertion(); },
-        .purge = [this](PointInTime before) { EXPECT_EQ(wall.now() - before, 86'400); purgedAt.push_back(seconds); purging(); return 1; },
-        .now = wall.provider(), .monotonicSeconds = [this] { return seconds; },
+        .purge = [this](PointInTime before) { EXPECT_EQ(std::min(newest, wall.now()) - before, 86'400); purgedAt.push_back(seconds); purging(); return 1; },
+        .newestStored = [this] { return newest; }, .now = wall.provider(), .monotonicSeconds = [this] { return seconds; },
         .waitForStop = [this](double span) { pass(std::min(span, std::max(stopAt - seconds, 0.0))); return seconds >= stopAt; },
         .report = [this](const RecordedCycle& recorded) { reported.push_back(recorded.outcome); }, .complain = [this](const std::string& failure) { complaints.push_back(failure); }}, options).run();
   }

@@ -18,6 +18,7 @@
 #include "Platform/Linux/LinuxSettings.hpp"
 #include "Platform/Linux/PowermetricsReport.hpp"
 #include "Platform/Linux/Tools/ToolOutput.hpp"
+#include "Platform/MonotonicClock.hpp"
 
 namespace quenzel::platform {
 namespace {
@@ -124,12 +125,6 @@ Options parseOptions(int argc, char** argv) {
   return options;
 }
 
-double monotonicSeconds() {
-  timespec now{};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
 void pause(std::int64_t milliseconds) {
   timespec rest{.tv_sec = milliseconds / 1000, .tv_nsec = milliseconds % 1000 * 1'000'000};
   while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &rest, &rest) == EINTR) {
@@ -161,7 +156,7 @@ class Sampler {
 
   PowermetricsScan scan() {
     PowermetricsScan scan;
-    scan.seconds = monotonicSeconds();
+    scan.seconds = platform::monotonicSeconds();
     scan.processors = processorTimes().value_or(ProcessorTimes{});
     if (options_.power && !modelled_) scan.energy = energy_->sample();
     if (!options_.tasks) return scan;

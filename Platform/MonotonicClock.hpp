@@ -1,0 +1,12 @@
+#pragma once
+
+#include <chrono>
+
+namespace quenzel::platform {
+
+/// Seconds on a clock that nobody sets; only differences mean anything.
+inline double monotonicSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace quenzel::platform

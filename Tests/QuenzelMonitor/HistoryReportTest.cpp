@@ -1,0 +1,81 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "QuenzelMonitor/HistoryReport.hpp"
+#include "SharedModels/Snapshot/ModelledFigures.hpp"
+#include "Tests/Support/SnapshotBuilders.hpp"
+#include "Tests/Support/TemporaryDirectory.hpp"
+
+namespace quenzel {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr double base = 1'700'000'000;
+
+class HistoryReport : public ::testing::Test {
+ protected:
+  void add(double seconds, std::vector<std::pair<const char*, double>> watts,
+           std::optional<double> level = {}, const char* flag = "powermetrics") {
+    DrainSnapshot snapshot = makeSnapshot(base + seconds, 10);
+    std::int64_t pid = 100;
+    for (const auto& [name, drainW] : watts) {
+      ProcessDrain process = makeProcessDrain(++pid, name, drainW, {flag});
+      process.displayName = process.canonicalName = name;
+      process.processGroupKey = std::string("name:") + std::to_string(pid);
+      snapshot.processes.push_back(process);
+    }
+    snapshot.powerContext = PowerUsageContext{true, level};
+    store.insert(snapshot);
+  }
+  HistoryView view(double nowSeconds) {
+    return readHistoryView(store, {"1h", 3600, 160}, PointInTime::fromSecondsSince1970(base + nowSeconds));
+  }
+
+  testing::TemporaryDirectory folder;
+  SQLiteSnapshotStore store{folder / "history.sqlite", SQLiteSnapshotStore::Mode::readWriteCreate};
+};
+
+TEST_F(HistoryReport, FoldsWhatBearsOneNameAndLosesNoEnergy) {
+  for (const double seconds : {0., 36., 72.})
+    add(seconds, {{"App", 2}, {"app", 1}, {"日本語のとても長いアプリケーションの名前です", 4}},
+        80 - seconds / 36);
+  add(108, {{"App", 2}, {"app", 1}}, 77);
+  const HistoryView seen = view(200);
+  ASSERT_EQ(seen.applications.size(), 2u);
+  EXPECT_NEAR(seen.applications[0].energyWh, 0.1, 1e-9);
+  EXPECT_EQ(seen.applications[0].memberCount, 0);
+  EXPECT_NEAR(seen.applications[1].energyWh, 0.09, 1e-9);
+  EXPECT_EQ(seen.applications[1].memberCount, 2);
+  EXPECT_EQ(seen.applications[1].latestW, 3);
+
+  const std::string text = historyReport(seen, {.width = 80, .isUnicode = true});
+  EXPECT_THAT(
+      text,
+      AllOf(HasSubstr("Energy     0.300 Wh, 10.00 W on average\n"), HasSubstr("draining at 100.0 % an hour"),
+            HasSubstr("     0.0900   30.0%      3.000      3.000  2          App\n"),
+            HasSubstr("     0.1000   33.3%      3.333      0.000  -          日本語のとても長いアプ"),
+            Not(HasSubstr("modelled")), Not(HasSubstr("Only")), Not(HasSubstr("future"))));
+  const std::string ascii = historyReport(seen, {.width = 80, .isUnicode = false});
+  for (const char byte : ascii) ASSERT_LT(static_cast<unsigned char>(byte), 128);
+  EXPECT_THAT(ascii, HasSubstr("-          ??????????"));
+  EXPECT_EQ(encodeHistoryView(seen).at("applications")[1].at("name"), "App");
+}
+
+TEST_F(HistoryReport, SaysWhatItsFiguresAreWorth) {
+  EXPECT_EQ(historyReport(view(0), {}), "The history is empty.\n");
+  add(0, {{"a", 1}}, 50);
+  add(1800, {{"a", 1}}, 50, modelledSourceFlag.data());
+  add(1840, {{"a", 1}}, 50);
+  add(1e8, {{"a", 1}}, 50);  // recorded while the clock was ahead
+  EXPECT_THAT(historyReport(view(1850), {}),
+              AllOf(HasSubstr(": 3 snapshots over 31 min (some figures are modelled, not measured)\n"),
+                    HasSubstr("Only 100 s of that were sampled: nothing is known of the rest.\n"),
+                    HasSubstr("the clock was ahead.\n"), HasSubstr("Battery    50.0 %, steady\n")));
+}
+
+}  // namespace
+}  // namespace quenzel
