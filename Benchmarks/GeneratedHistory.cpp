@@ -41,12 +41,14 @@ void generate(const std::string& path) {
   { const SQLiteSnapshotStore makesTheTables(unfinished, SQLiteSnapshotStore::Mode::readWriteCreate); }
   {
     Database database(unfinished, Database::Access::readWriteCreate);
+    database.execute("PRAGMA journal_mode = OFF;");  // nothing is to be kept if this fails
     database.execute("PRAGMA synchronous = OFF;");
     database.execute("PRAGMA cache_size = -400000;");
     WriteTransaction transaction(database);
     for (std::int64_t index = 0; index < weekSnapshots; ++index)
       SnapshotInsertion::writeRows(database, generatedSnapshot(index, weekProcesses), "com.quenzel");
     transaction.commit();
+    database.execute("PRAGMA journal_mode = WAL;");
   }
   std::filesystem::rename(unfinished, path);
 }

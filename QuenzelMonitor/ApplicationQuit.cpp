@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <functional>
 #include <iterator>
+#include <optional>
+#include <set>
 #include <unordered_map>
 #include <unordered_set>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "QuenzelMonitor/Console.hpp"
 #include "SharedModels/Presentation/ProcessAttributionPresentationService.hpp"
@@ -34,15 +37,67 @@ DrainSnapshot annotatedSnapshot(const std::vector<ProcessSample>& running) {
   return Presentation::annotateSnapshot(snapshot, std::span(&snapshot, 1));
 }
 
-std::vector<Application> applicationsIn(const DrainSnapshot& annotated) {
+std::vector<ProcessDrain> membersThat(const DrainSnapshot& annotated,
+                                      const std::function<bool(const ProcessDrain&)>& belong) {
+  std::vector<ProcessDrain> members;
+  std::copy_if(annotated.processes.begin(), annotated.processes.end(), std::back_inserter(members), belong);
+  return members;
+}
+
+std::optional<Application> shownUnder(const std::string& wanted, const DrainSnapshot& annotated) {
   VisibleProcessGroupingResult grouping = Presentation::groupVisibleProcesses(annotated, {}, {});
-  std::vector<Application> applications;
-  for (ProcessDrain& visible : grouping.processes) {
-    const auto members = grouping.subprocessesByID.find(visible.id());
-    const bool isOneProcess = members == grouping.subprocessesByID.end();
-    applications.push_back({visible, isOneProcess ? std::vector{visible} : std::move(members->second)});
+  const auto row =
+      std::find_if(grouping.processes.begin(), grouping.processes.end(),
+                   [&](const ProcessDrain& visible) { return lowercased(*visible.canonicalName) == wanted; });
+  if (row == grouping.processes.end()) return std::nullopt;
+  const auto members = grouping.subprocessesByID.find(row->id());
+  if (members != grouping.subprocessesByID.end()) return Application{*row, std::move(members->second)};
+  // A row that stands for one process bears the group's name in place of the process's own.
+  return Application{
+      *row, membersThat(annotated, [&](const ProcessDrain& process) { return process.pid == row->pid; })};
+}
+
+std::optional<Application> withGroupKey(const std::string& wanted, const DrainSnapshot& annotated) {
+  std::vector<ProcessDrain> members =
+      membersThat(annotated, [&](const ProcessDrain& process) { return process.processGroupKey == wanted; });
+  if (members.empty()) return std::nullopt;
+  const ProcessDrain& first = members.front();
+  const std::string name =
+      *Presentation::bestVisibleRepresentativeSource(*first.canonicalName, first, members).canonicalName;
+  ProcessDrain representative = Presentation::visibleRepresentative(name, first, members);
+  return Application{std::move(representative), std::move(members)};
+}
+
+/// Whether it is shown under an application that lends it its key.
+bool isHosted(const ProcessDrain& annotated) {
+  return annotated.processGroupKey !=
+         Presentation::processGroupKeySource(annotated, *annotated.canonicalName);
+}
+
+/// The group keys of the members, one for each application. Helpers have the key of their host already;
+/// others belong together when they lie in one bundle, whatever bundle identifiers they have.
+std::set<std::string> applicationKeys(const std::vector<ProcessDrain>& members) {
+  std::unordered_map<std::string, std::string> keyByBundle;
+  std::unordered_map<std::string, std::string> sameKey;
+  for (const ProcessDrain& member : members) {
+    const std::string& key = *member.processGroupKey;
+    std::string& application = sameKey.try_emplace(key, key).first->second;
+    const auto bundle = processAppBundlePath(member);
+    if (bundle && !isHosted(member))
+      application = keyByBundle.try_emplace(lowercased(*bundle), application).first->second;
   }
-  return applications;
+  std::set<std::string> keys;
+  for (const auto& [key, application] : sameKey) keys.insert(application);
+  return keys;
+}
+
+/// Programs that have no more in common than their name are not ended together.
+void requireOneApplication(const std::string& name, const std::vector<ProcessDrain>& members) {
+  const std::set<std::string> keys = applicationKeys(members);
+  if (keys.size() > 1) {
+    throw CommandError(fmt::format("\"{}\" is the name of several: {}; \"quit KEY\" ends one of them", name,
+                                   fmt::join(keys, ", ")));
+  }
 }
 
 /// Adds what is shown elsewhere but shares the application's group key.
@@ -55,39 +110,38 @@ void addGroup(Application& application, const DrainSnapshot& annotated) {
   }
 }
 
-[[noreturn]] void refuseAmbiguity(std::string_view name, const std::vector<Application>& found) {
-  std::string candidates;
-  for (const Application& candidate : found) {
-    const std::size_t count = candidate.members.size();
-    candidates += fmt::format("{}{} ({} process{})", candidates.empty() ? "" : ", ",
-                              *candidate.representative.displayName, count, count == 1 ? "" : "es");
+/// A helper's name must not end the application around it unasked.
+[[noreturn]] void refuse(const std::string& name, const std::string& wanted, const DrainSnapshot& annotated) {
+  std::set<std::string> hosts;
+  for (const ProcessDrain& process : annotated.processes) {
+    if (lowercased(*process.displayName) == wanted) hosts.insert(*process.canonicalName);
   }
-  throw CommandError(fmt::format("\"{}\" may mean several applications: {}", name, candidates));
+  if (hosts.empty()) throw CommandError(fmt::format("no application \"{}\" is running", name));
+  throw CommandError(fmt::format("\"{}\" is shown under {}; \"quit {}\" ends it all", name,
+                                 fmt::join(hosts, ", "), hosts.size() == 1 ? *hosts.begin() : "NAME"));
 }
 
-Application findApplication(const DrainSnapshot& annotated, std::string_view name) {
-  const std::vector<Application> all = applicationsIn(annotated);
+Application findApplication(const DrainSnapshot& annotated, const std::string& name) {
   const std::string wanted = lowercased(trimmed(name));
-  const auto is = [&](const std::optional<std::string>& text) { return text && lowercased(*text) == wanted; };
-  const auto hasMember = [](const Application& application, const auto& test) {
-    return std::any_of(application.members.begin(), application.members.end(), test);
-  };
-  const std::function<bool(const Application&)> ways[] = {
-      [&](const Application& one) { return is(one.representative.canonicalName); },
-      [&](const Application& one) {
-        return hasMember(one, [&](const ProcessDrain& member) { return is(member.displayName); });
-      },
-      [&](const Application& one) {
-        return hasMember(one, [&](const ProcessDrain& member) { return is(member.processGroupKey); });
-      },
-  };
-  for (const auto& matches : ways) {
-    std::vector<Application> found;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(found), matches);
-    if (found.size() > 1) refuseAmbiguity(name, found);
-    if (!found.empty()) return std::move(found.front());
+  if (auto application = shownUnder(wanted, annotated)) {
+    requireOneApplication(name, application->members);
+    addGroup(*application, annotated);
+    return *std::move(application);
   }
-  throw CommandError(fmt::format("no application \"{}\" is running", name));
+  if (auto application = withGroupKey(wanted, annotated)) return *std::move(application);
+  refuse(name, wanted, annotated);
+}
+
+/// An independent application may well run the system's tools as helpers, and have executables named like
+/// them. Apart from those each process counts, so that it doesn't matter which of them represents the others.
+bool belongsToSystem(const Application& application) {
+  const auto isSystems = [](const ProcessDrain& process) {
+    return !isHosted(process) && isAppleSystemProcess(process);
+  };
+  return isSystems(application.representative) ||
+         std::any_of(application.members.begin(), application.members.end(), [&](const ProcessDrain& member) {
+           return !Presentation::isIndependentApp(member) && isSystems(member);
+         });
 }
 
 /// Process 1, the process and all its parents.
@@ -107,11 +161,10 @@ std::unordered_set<std::int64_t> protectedProcesses(const std::vector<ProcessSam
 
 QuitPlan planQuit(const std::vector<ProcessSample>& running, std::string_view name, std::int64_t ownPID) {
   const DrainSnapshot annotated = annotatedSnapshot(running);
-  Application application = findApplication(annotated, name);
-  addGroup(application, annotated);
+  Application application = findApplication(annotated, repairedUTF8(std::string(name)));
   QuitPlan plan;
   plan.application = *application.representative.displayName;
-  plan.belongsToSystem = isAppleSystemProcess(application.representative);
+  plan.belongsToSystem = belongsToSystem(application);
 
   const std::unordered_set<std::int64_t> protectedPIDs = protectedProcesses(running, ownPID);
   const auto isProtected = [&](const ProcessDrain& member) { return protectedPIDs.contains(member.pid); };

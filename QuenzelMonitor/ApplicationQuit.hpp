@@ -19,18 +19,21 @@ struct QuitPlan {
   };
 
   std::string application = {};                  ///< as it is shown
-  bool belongsToSystem = false;                  ///< by its representative
+  bool belongsToSystem = false;                  ///< to be ended on request only
   std::vector<Target> targets = {};              ///< in the order in which to end them
   std::vector<std::int64_t> protectedPIDs = {};  ///< of the application, but never ended from here
 
   bool operator==(const QuitPlan&) const = default;
 };
 
-/// Finds the application of that name, in any case: the one shown under it, else one of whose processes bears
-/// it, else one with that group key. Its processes are all that are shown under it (so the children of an
-/// independent application go along) and all that share its group key. Process 1, `ownPID` and its parents
-/// are protected.
-/// @throws CommandError when there is none, or several: then what() lists them
+/// Finds the application of that name, in any case: the one shown under it, else the processes with that
+/// group key and no others. The processes of the former are all that are shown under it (so the children of
+/// an independent application go along) and all that share its group key. It belongs to the operating system
+/// when its representative does, or any process of it that is neither a hosted helper nor an independent
+/// application. Process 1, `ownPID` and its parents are protected.
+/// @param name ill-formed UTF-8 is repaired as in the names of the processes
+/// @throws CommandError when there is none; when only helpers shown under another name bear it; or when
+///   several programs are shown under it that share neither group key nor bundle: then what() lists the keys
 QuitPlan planQuit(const std::vector<ProcessSample>& running, std::string_view name, std::int64_t ownPID);
 
 }  // namespace quenzel

@@ -1,5 +1,6 @@
 #include "QuenzelMonitor/PresentationStages.hpp"
 
+#include <algorithm>
 #include <limits>
 #include <optional>
 #include <string>
@@ -89,8 +90,10 @@ OrderedJson inspectSyntheticPID(std::string_view input) {
 OrderedJson inspectTermination(std::string_view input) {
   const auto [groupedProcess, subprocesses] =
       decodeJSONRecord<TerminationInput>(parseJSON(input), {}, terminationInputFields);
-  requireProcessNumber(groupedProcess);
   for (const ProcessDrain& member : subprocesses) requireProcessNumber(member);
+  const bool hasRealMember = std::any_of(subprocesses.begin(), subprocesses.end(),
+                                         [](const ProcessDrain& member) { return member.pid >= 1; });
+  if (!hasRealMember) requireProcessNumber(groupedProcess);  // else its own number goes nowhere
   return {{"targetPIDs", ProcessTerminationTargetResolver::targetPIDs(groupedProcess, subprocesses)}};
 }
 

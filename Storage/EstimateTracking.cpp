@@ -37,11 +37,17 @@ std::string selectRows(std::string_view choice) {
       choice);
 }
 
-constexpr auto evaluationValues = std::tuple{
-    &EstimateTrackingRow::sampleDurationSeconds,      &EstimateTrackingRow::actualBatteryLevelPercent,
-    &EstimateTrackingRow::actualAveragePowerW,        &EstimateTrackingRow::actualDrainRatePctPerHour,
-    &EstimateTrackingRow::actualTimeRemainingMinutes, &EstimateTrackingRow::powerErrorW,
-    &EstimateTrackingRow::drainRateErrorPctPerHour,   &EstimateTrackingRow::timeRemainingErrorMinutes,
+/// In the order of their columns.
+using Actuals = EstimateTrackingActuals;
+constexpr auto actualsFields = std::tuple{
+    jsonField("sampleDurationSeconds", &Actuals::sampleDurationSeconds),
+    jsonField("actualBatteryLevelPercent", &Actuals::actualBatteryLevelPercent),
+    jsonField("actualAveragePowerW", &Actuals::actualAveragePowerW),
+    jsonField("actualDrainRatePctPerHour", &Actuals::actualDrainRatePctPerHour),
+    jsonField("actualTimeRemainingMinutes", &Actuals::actualTimeRemainingMinutes),
+    jsonField("powerErrorW", &Actuals::powerErrorW),
+    jsonField("drainRateErrorPctPerHour", &Actuals::drainRateErrorPctPerHour),
+    jsonField("timeRemainingErrorMinutes", &Actuals::timeRemainingErrorMinutes),
 };
 
 EstimateTrackingRow estimateOfRow(const Statement& row) {
@@ -61,8 +67,11 @@ EstimateTrackingRow estimateOfRow(const Statement& row) {
   if (const auto evaluatedAt = row.column<std::optional<double>>(10))
     record.evaluatedAt = PointInTime::fromSecondsSince1970(*evaluatedAt);
   int column = 11;
-  std::apply([&](auto... value) { ((record.*value = row.column<std::optional<double>>(column++)), ...); },
-             evaluationValues);
+  std::apply(
+      [&](const auto&... field) {
+        ((record.actuals.*field.member = row.column<std::optional<double>>(column++)), ...);
+      },
+      actualsFields);
   return record;
 }
 
@@ -95,22 +104,12 @@ constexpr auto estimateFields = std::tuple{
     jsonField("estimatedTimeRemainingMinutes", &Estimate::estimatedTimeRemainingMinutes),
 };
 
-/// Evaluations and rows have the same values of the same names.
+/// Evaluations and rows have the same fields besides.
 template <typename Record>
-constexpr auto evaluationFields() {
-  return std::tuple{
-      jsonField("status", &Record::status, decodeStatus, encodeStatus),
-      jsonField("evaluatedAt", &Record::evaluatedAt),
-      jsonField("sampleDurationSeconds", &Record::sampleDurationSeconds),
-      jsonField("actualBatteryLevelPercent", &Record::actualBatteryLevelPercent),
-      jsonField("actualAveragePowerW", &Record::actualAveragePowerW),
-      jsonField("actualDrainRatePctPerHour", &Record::actualDrainRatePctPerHour),
-      jsonField("actualTimeRemainingMinutes", &Record::actualTimeRemainingMinutes),
-      jsonField("powerErrorW", &Record::powerErrorW),
-      jsonField("drainRateErrorPctPerHour", &Record::drainRateErrorPctPerHour),
-      jsonField("timeRemainingErrorMinutes", &Record::timeRemainingErrorMinutes),
-  };
-}
+constexpr auto evaluationFields = std::tuple{
+    jsonField("status", &Record::status, decodeStatus, encodeStatus),
+    jsonField("evaluatedAt", &Record::evaluatedAt),
+};
 
 }  // namespace
 
@@ -140,14 +139,17 @@ EstimateTrackingEstimateInput decodeEstimateInput(const nlohmann::json& json, co
 }
 
 EstimateTrackingEvaluationInput decodeEvaluationInput(const nlohmann::json& json, const JSONPath& path) {
-  return decodeJSONRecord<EstimateTrackingEvaluationInput>(
-      json, path, evaluationFields<EstimateTrackingEvaluationInput>());
+  using Evaluation = EstimateTrackingEvaluationInput;
+  auto evaluation = decodeJSONRecord<Evaluation>(json, path, evaluationFields<Evaluation>);
+  evaluation.actuals = decodeJSONRecord<Actuals>(json, path, actualsFields);
+  return evaluation;
 }
 
 nlohmann::ordered_json encodeEstimateRow(const EstimateTrackingRow& row) {
   nlohmann::ordered_json json = {{"id", row.id}};
   json.update(encodeJSONRecord(row.estimate, estimateFields));
-  json.update(encodeJSONRecord(row, evaluationFields<EstimateTrackingRow>()));
+  json.update(encodeJSONRecord(row, evaluationFields<EstimateTrackingRow>));
+  json.update(encodeJSONRecord(row.actuals, actualsFields));
   json["isEvaluated"] = row.isEvaluated();
   return json;
 }
@@ -162,12 +164,13 @@ std::int64_t EstimateTracking::insert(Database& database, const EstimateTracking
 
 bool EstimateTracking::applyEvaluation(Database& database, std::int64_t recordID,
                                        const EstimateTrackingEvaluationInput& evaluation) {
-  database.prepared(updateEvaluation)
-      .run(evaluation.evaluatedAt.secondsSince1970(), evaluation.sampleDurationSeconds,
-           evaluation.actualBatteryLevelPercent, evaluation.actualAveragePowerW,
-           evaluation.actualDrainRatePctPerHour, evaluation.actualTimeRemainingMinutes,
-           evaluation.powerErrorW, evaluation.drainRateErrorPctPerHour, evaluation.timeRemainingErrorMinutes,
-           rawValue(evaluation.status), recordID);
+  std::apply(
+      [&](const auto&... field) {
+        database.prepared(updateEvaluation)
+            .run(evaluation.evaluatedAt.secondsSince1970(), evaluation.actuals.*field.member...,
+                 rawValue(evaluation.status), recordID);
+      },
+      actualsFields);
   return database.changes() > 0;
 }
 

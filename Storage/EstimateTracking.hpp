@@ -46,10 +46,9 @@ struct EstimateTrackingEstimateInput {
   bool operator==(const EstimateTrackingEstimateInput&) const = default;
 };
 
-/// The outcome of checking one forecast. An absent value could not be told.
-struct EstimateTrackingEvaluationInput {
-  EstimateTrackingStatus status = EstimateTrackingStatus::pending;
-  PointInTime evaluatedAt = {};
+/// What happened over a forecast's horizon, and how far the forecast was off. An absent value could not be
+/// told.
+struct EstimateTrackingActuals {
   std::optional<double> sampleDurationSeconds = {};
   std::optional<double> actualBatteryLevelPercent = {};
   std::optional<double> actualAveragePowerW = {};
@@ -58,6 +57,15 @@ struct EstimateTrackingEvaluationInput {
   std::optional<double> powerErrorW = {};
   std::optional<double> drainRateErrorPctPerHour = {};
   std::optional<double> timeRemainingErrorMinutes = {};
+
+  bool operator==(const EstimateTrackingActuals&) const = default;
+};
+
+/// The outcome of checking one forecast.
+struct EstimateTrackingEvaluationInput {
+  EstimateTrackingStatus status = EstimateTrackingStatus::pending;
+  PointInTime evaluatedAt = {};
+  EstimateTrackingActuals actuals = {};
 
   bool operator==(const EstimateTrackingEvaluationInput&) const = default;
 };
@@ -70,14 +78,7 @@ struct EstimateTrackingRow {
   /// version can't tell what was found out, and must neither evaluate the forecast again nor count it.
   EstimateTrackingStatus status = EstimateTrackingStatus::pending;
   std::optional<PointInTime> evaluatedAt = {};
-  std::optional<double> sampleDurationSeconds = {};
-  std::optional<double> actualBatteryLevelPercent = {};
-  std::optional<double> actualAveragePowerW = {};
-  std::optional<double> actualDrainRatePctPerHour = {};
-  std::optional<double> actualTimeRemainingMinutes = {};
-  std::optional<double> powerErrorW = {};
-  std::optional<double> drainRateErrorPctPerHour = {};
-  std::optional<double> timeRemainingErrorMinutes = {};
+  EstimateTrackingActuals actuals = {};
 
   /// Skipped forecasts are not.
   bool isEvaluated() const { return status == EstimateTrackingStatus::evaluated; }
@@ -85,8 +86,8 @@ struct EstimateTrackingRow {
   bool operator==(const EstimateTrackingRow&) const = default;
 };
 
-// JSON forms: keys are the field names, absent optionals may be missing; a row has the fields of its estimate
-// beside its own. Each decode throws JSONCodingError.
+// JSON forms: one object of all fields, those of the records inside included; absent optionals may be
+// missing. Each decode throws JSONCodingError.
 
 EstimateTrackingEstimateInput decodeEstimateInput(const nlohmann::json& json, const JSONPath& path);
 EstimateTrackingEvaluationInput decodeEvaluationInput(const nlohmann::json& json, const JSONPath& path);

@@ -46,9 +46,23 @@ constexpr std::string_view nameTable[] = {
 // clang-format on
 static_assert(std::size(nameTable) == 188);
 
-bool isSystemName(std::string lowercasedName) {
-  std::replace(lowercasedName.begin(), lowercasedName.end(), ' ', '_');
-  return systemProcessNames().contains(lowercasedName);
+// In any case. The domain and the prefixes hold no "k", the one ASCII letter that is the whole lower case of
+// a character outside ASCII (U+212A, the Kelvin sign): so comparing ASCII letters does.
+bool startsWith(std::string_view text, std::string_view start) {
+  return equalsIgnoringASCIICase(text.substr(0, start.size()), start);
+}
+
+bool contains(std::string_view text, std::string_view part) {
+  for (; text.size() >= part.size(); text.remove_prefix(1)) {
+    if (startsWith(text, part)) return true;
+  }
+  return false;
+}
+
+bool isSystemName(std::string_view name) {
+  std::string key = lowercased(name);
+  std::replace(key.begin(), key.end(), ' ', '_');
+  return systemProcessNames().contains(key);
 }
 
 }  // namespace
@@ -60,15 +74,13 @@ const std::unordered_set<std::string_view>& systemProcessNames() {
 
 bool isAppleSystemProcess(std::string_view name, const std::optional<std::string>& bundleID,
                           std::string_view displayName) {
-  if (bundleID && lowercased(*bundleID).starts_with(appleDomain)) return true;
-  const std::string lowerName = lowercased(name);  // its leaf, too, can't begin with the domain unseen
-  if (lowerName.find(appleDomain) != std::string::npos) return true;
-  std::string lowerDisplayName = lowercased(displayName);
-  if (lowerDisplayName.starts_with(appleDomain)) return true;
-  const auto holdsName = [&](std::string_view prefix) { return lowerName.starts_with(lowercased(prefix)); };
+  if (bundleID && startsWith(*bundleID, appleDomain)) return true;
+  // A leaf that begins with the domain is part of the name.
+  if (contains(name, appleDomain) || startsWith(displayName, appleDomain)) return true;
+  const auto holdsName = [&](std::string_view prefix) { return startsWith(name, prefix); };
   if (name.starts_with('/') && std::any_of(systemPathPrefixes.begin(), systemPathPrefixes.end(), holdsName))
     return true;
-  return isSystemName(lowercased(lastPathComponent(name))) || isSystemName(std::move(lowerDisplayName));
+  return isSystemName(lastPathComponent(name)) || isSystemName(displayName);
 }
 
 }  // namespace quenzel::AppleProcessDetector

@@ -91,9 +91,10 @@ void addVisibleRow(const std::string& key, Group group, VisibleProcessGroupingRe
       group.members.begin(), group.members.end(), [](const ProcessDrain& left, const ProcessDrain& right) {
         return std::tie(right.drainW, left.pid, left.name) < std::tie(left.drainW, right.pid, right.name);
       });
-  const bool isOneProcess = group.members.size() == 1;
-  ProcessDrain grouped = isOneProcess ? std::move(group.members.front()) : syntheticRow(key, group);
-  if (isOneProcess) group.members.clear();
+  const bool standsForItself =
+      group.members.size() == 1 && !result.processWhByID.contains(group.members.front().id());
+  ProcessDrain grouped = standsForItself ? std::move(group.members.front()) : syntheticRow(key, group);
+  if (standsForItself) group.members.clear();
   result.processes.push_back(visibleRepresentative(group.name, std::move(grouped), group.members));
   const std::string id = result.processes.back().id();
   result.processWhByID[id] += group.wattHours;

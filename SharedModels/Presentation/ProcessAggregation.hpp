@@ -15,8 +15,9 @@
 // lower case; of several spellings the one that sorts first is shown. A visible row is
 // - of one process: its row, under its own number and without members;
 // - of several: the figures of all of them added up, the name and bundle of the member that represents them,
-// a
-//   synthetic number made from the name in lower case, no parent, and the members listed beside it;
+//   a synthetic number made from the name in lower case, no parent, and the members listed beside it;
+// - of one process that another visible row stands for already (it was stored twice, under two names): the
+//   same, so that no two rows share an id() and with it their energy;
 // - of none any more (there is energy of that name but no row): the name alone, under such a number too.
 // Its displayName and canonicalName are the visible name; members are annotated (annotateProcess).
 //
@@ -31,7 +32,7 @@ namespace quenzel {
 struct VisibleProcessGroupingResult {
   std::vector<ProcessDrain> processes;                  ///< the visible rows
   TextMap<double> processWhByID;                        ///< watt-hours of each visible row, by its id()
-  TextMap<std::vector<ProcessDrain>> subprocessesByID;  ///< members, of rows that stand for several
+  TextMap<std::vector<ProcessDrain>> subprocessesByID;  ///< members, of rows under a synthetic number
 
   bool operator==(const VisibleProcessGroupingResult&) const = default;
 };
@@ -55,8 +56,7 @@ std::vector<ProcessDrain> uniqueLatestProcesses(std::span<const DrainSnapshot> s
 /// power.
 /// @param snapshots the window, oldest first
 /// @param processWhByID watt-hours over the window by ProcessDrain::id(); a process without an entry drew
-/// none,
-///   and an entry without a row can't be shown and is left out
+///   none, and an entry without a row can't be shown and is left out
 /// @param hiddenWhByID the same for hidden workloads, by HiddenDrain::id()
 /// @param sampleHours the hours that were sampled: a row's watts are its energy over these. Where there are
 ///   none (0, negative or no number) the watts are those of the latest record.

@@ -43,10 +43,13 @@ std::string_view withoutAppExtension(std::string_view component) {
 }  // namespace
 
 std::string processDisplayName(const ProcessDrain& process) {
+  return processDisplayName(process, processAppBundlePath(process));
+}
+
+std::string processDisplayName(const ProcessDrain& process, const std::optional<std::string>& bundlePath) {
   if (process.displayName && !isBlank(*process.displayName)) return *process.displayName;
   if (!isPath(process)) return normalizedDisplayName(process.name);
-  if (const auto bundle = topLevelAppBundlePath(process.name))
-    return normalizedDisplayName(withoutAppExtension(lastPathComponent(*bundle)));
+  if (bundlePath) return normalizedDisplayName(withoutAppExtension(lastPathComponent(*bundlePath)));
   return normalizedDisplayName(lastPathComponent(process.name));
 }
 
@@ -101,7 +104,11 @@ std::optional<std::string> processSubtitleText(const ProcessDrain& process) {
 }
 
 int processPresentationScore(const ProcessDrain& process) {
-  return (processAppBundlePath(process) ? 20 : 0) + (isPath(process) ? 10 : 0) +
+  return processPresentationScore(process, processAppBundlePath(process));
+}
+
+int processPresentationScore(const ProcessDrain& process, const std::optional<std::string>& bundlePath) {
+  return (bundlePath ? 20 : 0) + (isPath(process) ? 10 : 0) +
          (process.bundleID && !process.bundleID->empty() ? 3 : 0) + (process.pid > 0 ? 1 : 0);
 }
 

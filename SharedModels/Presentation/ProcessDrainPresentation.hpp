@@ -15,6 +15,8 @@ namespace quenzel {
 /// The stored display name, unless blank, as it is; else the normalised name of the outermost application
 /// bundle that the path leads through, of the last path component, or of the bare name.
 std::string processDisplayName(const ProcessDrain& process);
+/// The same for whoever has the processAppBundlePath already.
+std::string processDisplayName(const ProcessDrain& process, const std::optional<std::string>& bundlePath);
 
 /// A name for people: without surrounding white space, without the parentheses that ps puts around the name
 /// of a process whose arguments it can't read, and of a reverse-DNS identifier only the leaf. A blank name
@@ -42,6 +44,8 @@ std::optional<std::string> processSubtitleText(const ProcessDrain& process);
 /// How well the record names an application, from 0 to 34: 20 for a path into an application bundle, 10 for
 /// any path, 3 for a bundle identifier, 1 for a number above 0.
 int processPresentationScore(const ProcessDrain& process);
+/// The same for whoever has the processAppBundlePath already.
+int processPresentationScore(const ProcessDrain& process, const std::optional<std::string>& bundlePath);
 
 /// Whether it belongs to the operating system; see AppleProcessDetector.
 bool isAppleSystemProcess(const ProcessDrain& process);

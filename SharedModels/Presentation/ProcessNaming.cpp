@@ -27,6 +27,13 @@ struct AliasCandidate {
   int score;
 };
 
+ExecutableAliasData aliasDataFor(std::size_t processCount) {
+  ExecutableAliasData data;
+  data.aliasByExecutableLeaf.reserve(processCount);
+  data.bestScoreByExecutableLeaf.reserve(processCount);
+  return data;
+}
+
 void offerAlias(const AliasCandidate& candidate, ExecutableAliasData& data) {
   if (!candidate.name.starts_with('/') || !liesInAppFolder(candidate.name)) return;
   if (candidate.leafKey.empty() || candidate.displayName.empty()) return;
@@ -35,6 +42,13 @@ void offerAlias(const AliasCandidate& candidate, ExecutableAliasData& data) {
   const std::string leaf(candidate.leafKey);
   data.bestScoreByExecutableLeaf[leaf] = candidate.score;
   data.aliasByExecutableLeaf[leaf] = candidate.displayName;
+}
+
+bool isIndependentApp(const ProcessDrain& process, const std::optional<std::string>& bundlePath,
+                      std::string_view displayName) {
+  if (bundlePath)
+    return !AppleProcessDetector::isAppleSystemProcess(*bundlePath, process.bundleID, displayName);
+  return process.bundleID && !lowercased(*process.bundleID).starts_with("com.apple.");
 }
 
 const std::string* textAt(const TextMap<std::string>& map, std::string_view key) {
@@ -53,21 +67,19 @@ std::string executableLeaf(const ProcessDrain& process) {
 }
 
 bool isIndependentApp(const ProcessDrain& process) {
-  if (const auto bundle = processAppBundlePath(process)) {
-    return !AppleProcessDetector::isAppleSystemProcess(*bundle, process.bundleID,
-                                                       processDisplayName(process));
-  }
-  return process.bundleID && !lowercased(*process.bundleID).starts_with("com.apple.");
+  const auto bundlePath = processAppBundlePath(process);
+  return isIndependentApp(process, bundlePath, processDisplayName(process, bundlePath));
 }
 
 PresentationSeed presentationSeed(ProcessDrain process) {
+  const auto bundlePath = processAppBundlePath(process);
   PresentationSeed seed;
   seed.pid = process.pid;
   seed.name = process.name;
-  seed.displayName = processDisplayName(process);
+  seed.displayName = processDisplayName(process, bundlePath);
   seed.executableLeafKey = lowercased(executableLeaf(process));
-  seed.score = processPresentationScore(process);
-  seed.isIndependentApp = isIndependentApp(process);
+  seed.score = processPresentationScore(process, bundlePath);
+  seed.isIndependentApp = isIndependentApp(process, bundlePath, seed.displayName);
   seed.process = std::move(process);
   return seed;
 }
@@ -80,7 +92,7 @@ const std::string& cachedDisplayName(const ProcessDrain& process, DisplayNameCac
 }
 
 ExecutableAliasData buildExecutableAliasData(std::span<const PresentationSeed> seeds) {
-  ExecutableAliasData data;
+  ExecutableAliasData data = aliasDataFor(seeds.size());
   for (const PresentationSeed& seed : seeds)
     offerAlias({seed.name, seed.executableLeafKey, seed.displayName, seed.score}, data);
   return data;
@@ -88,7 +100,7 @@ ExecutableAliasData buildExecutableAliasData(std::span<const PresentationSeed> s
 
 TextMap<std::string> buildExecutableAliasMap(std::span<const ProcessDrain> processes,
                                              DisplayNameCache& displayNameCache) {
-  ExecutableAliasData data;
+  ExecutableAliasData data = aliasDataFor(processes.size());
   for (const ProcessDrain& process : processes) {
     offerAlias({process.name, lowercased(executableLeaf(process)),
                 cachedDisplayName(process, displayNameCache), processPresentationScore(process)},

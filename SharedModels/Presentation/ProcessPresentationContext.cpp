@@ -1,6 +1,7 @@
 #include "SharedModels/Presentation/ProcessPresentationContext.hpp"
 
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -91,10 +92,9 @@ ProcessPresentationContext named(const LatestProcessWalk& walk) {
   for (const PresentationSeed& seed : seeds) {
     const std::string canonicalName =
         canonicalDisplayName(seed, preferred, latestSeedByPID, aliases.aliasByExecutableLeaf);
-    const ProcessIdentity identity{seed.pid, seed.name};
     std::string processID = seed.process.id();
-    context.displayNameByIdentity.emplace(identity, seed.displayName);
-    context.canonicalNameByIdentity.emplace(identity, canonicalName);
+    context.displayNameByIdentity.try_emplace({seed.pid, seed.name}, seed.displayName);
+    context.canonicalNameByIdentity.try_emplace({seed.pid, seed.name}, canonicalName);
     context.displayNameByProcessID.emplace(processID, seed.displayName);
     context.canonicalNameByProcessID.emplace(std::move(processID), canonicalName);
   }
@@ -103,11 +103,20 @@ ProcessPresentationContext named(const LatestProcessWalk& walk) {
     PresentationSeed& seed = seeds[turn];
     context.latestProcessByIdentity.try_emplace(
         {seed.pid, std::move(seed.name)},
-        ProcessPresentationContext::LatestProcess{std::move(seed.process), turn});
+        ProcessPresentationContext::LatestProcess{std::move(seed.process), turn, seed.isIndependentApp});
   }
   context.aliasByExecutableLeaf = std::move(aliases.aliasByExecutableLeaf);
   context.bestAliasScoreByExecutableLeaf = std::move(aliases.bestScoreByExecutableLeaf);
   return context;
+}
+
+/// Known already for a record that says the same as the latest one of its process.
+bool isIndependentAppIn(const ProcessPresentationContext& context, const ProcessDrain& process) {
+  const auto says = [](const ProcessDrain& record) { return std::tie(record.bundleID, record.displayName); };
+  const auto latest = context.latestProcessByIdentity.find(identityOf(process));
+  const bool isKnown =
+      latest != context.latestProcessByIdentity.end() && says(latest->second.process) == says(process);
+  return isKnown ? latest->second.isIndependentApp : isIndependentApp(process);
 }
 
 template <typename Snapshots, typename AddressOf>
@@ -150,14 +159,14 @@ ProcessPresentationContext appendingPresentationContext(const ProcessPresentatio
 
 const ProcessDrain* hostApplicationProcess(const ProcessDrain& process,
                                            const ProcessPresentationContext& context) {
-  if (!process.parentPID || isIndependentApp(process)) return nullptr;
+  if (!process.parentPID || isIndependentAppIn(context, process)) return nullptr;
   const auto ancestor = [&](std::int64_t pid) -> const ProcessDrain* {
     const auto found = context.latestProcessByPID.find(pid);
     return found == context.latestProcessByPID.end() ? nullptr : &found->second;
   };
   return findHost(
       process.pid, process.parentPID, ancestor,
-      [](const ProcessDrain& other) { return isIndependentApp(other); },
+      [&](const ProcessDrain& other) { return isIndependentAppIn(context, other); },
       [](const ProcessDrain& other) { return other.parentPID; });
 }
 

@@ -26,7 +26,8 @@ struct ProcessPresentationContext {
 
   struct LatestProcess {
     ProcessDrain process = {};
-    std::size_t turn = 0;  ///< how many other identities appeared before
+    std::size_t turn = 0;           ///< how many other identities appeared before
+    bool isIndependentApp = false;  ///< of that record
 
     bool operator==(const LatestProcess&) const = default;
   };
@@ -60,7 +61,8 @@ ProcessPresentationContext appendingPresentationContext(const ProcessPresentatio
                                                         std::span<const DrainSnapshot> snapshots);
 
 /// The record of the nearest ancestor that is an independent application, found as
-/// hostApplicationDisplayName finds it; null when there is none. Points into the context.
+/// hostApplicationDisplayName finds it; null when there is none. Points into the context. Costs at most two
+/// look-ups a hop, and runs no string rule for a record that the context was built from.
 const ProcessDrain* hostApplicationProcess(const ProcessDrain& process,
                                            const ProcessPresentationContext& context);
 

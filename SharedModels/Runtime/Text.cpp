@@ -231,6 +231,12 @@ std::string lowercased(std::string_view text) {
   std::string lower;
   lower.reserve(text.size());
   for (std::size_t offset = 0; offset < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[offset]);
+    if (isASCII(byte)) {  // nearly every one is, and the tables are slow
+      lower += static_cast<char>(byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte);
+      ++offset;
+      continue;
+    }
     const Character character = characterAt(text, offset);
     if (character.codepoint < 0) {
       lower += text[offset];

@@ -21,6 +21,10 @@ TEST(PresentationStages, AnswerInJSON) {
   EXPECT_EQ(inspectSyntheticPID(R"([""])").dump(), "[-1935665603]");
   EXPECT_EQ(inspectTermination(R"({"groupedProcess":)" + app + R"(,"subprocesses":[]})").dump(),
             R"({"targetPIDs":[9]})");
+  const std::string noProcess = R"({"pid":4294967296,"name":"",)" + figures;
+  EXPECT_EQ(
+      inspectTermination(R"({"groupedProcess":)" + noProcess + R"(,"subprocesses":[)" + app + "]}").dump(),
+      R"({"targetPIDs":[9]})");
   EXPECT_EQ(inspectAppleProcess(R"([{"name":"x","displayName":"Dock"}])").dump(), "[true]");
 }
 
