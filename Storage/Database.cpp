@@ -38,7 +38,8 @@ void Database::FinalizeStatement::operator()(sqlite3_stmt* statement) const noex
   sqlite3_finalize(statement);
 }
 
-Database::Database(const std::string& path, Access access) {
+Database::Database(const std::string& path, Access access)
+    : taker_(std::make_unique<const RowTaker*>(nullptr)) {
   const int flags = access == Access::readOnly
                         ? SQLITE_OPEN_READONLY
                         : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
@@ -52,6 +53,26 @@ Database::Database(const std::string& path, Access access) {
   sqlite3_busy_timeout(connection, busyTimeoutMilliseconds);
   execute("PRAGMA busy_timeout = 5000;");
   execute("PRAGMA foreign_keys = ON;");
+  addTakeRowFunction();
+}
+
+/// As an aggregate, so that a query has no row of its own until all are taken.
+void Database::addTakeRowFunction() {
+  const auto takeRow = [](sqlite3_context* context, int /*count*/, sqlite3_value** values) noexcept {
+    const RowTaker& taker = **static_cast<const RowTaker**>(sqlite3_user_data(context));
+    const void* text = sqlite3_value_blob(values[1]);
+    try {
+      taker(sqlite3_value_int64(values[0]),
+            {static_cast<const char*>(text), static_cast<std::size_t>(sqlite3_value_bytes(values[1]))},
+            sqlite3_value_double(values[2]));
+    } catch (...) {
+      sqlite3_result_error_nomem(context);  // nothing else can have failed in there
+    }
+  };
+  const auto end = [](sqlite3_context* context) noexcept { sqlite3_result_null(context); };
+  if (sqlite3_create_function_v2(connection_.get(), "take_row", 3, SQLITE_UTF8 | SQLITE_DIRECTONLY,
+                                 taker_.get(), nullptr, takeRow, end, nullptr) != SQLITE_OK)
+    throw SnapshotStoreError::ofConnection(connection_.get());
 }
 
 void Database::execute(const char* sql) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -32,6 +33,20 @@ class Database {
   /// of a text at a time.
   Statement prepared(std::string_view sql);
 
+  /// Takes the values of one row.
+  using RowTaker = std::function<void(std::int64_t integer, std::string_view text, double real)>;
+
+  /// Hands the rows of a query to a taker from within SQLite, at little more than half the price of stepping
+  /// out with each. The query is "SELECT take_row(integer, text, real) FROM ...". A taker that throws ends
+  /// it.
+  template <typename... Values>
+  void takeRows(std::string_view sql, const RowTaker& taker, const Values&... values) {
+    *taker_ = &taker;
+    Statement select = prepared(sql);
+    select.bind(values...);
+    select.next();
+  }
+
   std::int64_t lastInsertRowID() const;
   /// Rows that the latest INSERT, UPDATE or DELETE changed itself; not those that went by cascade.
   std::int64_t changes() const;
@@ -45,6 +60,9 @@ class Database {
   };
   using StatementHandle = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
+  void addTakeRowFunction();
+
+  std::unique_ptr<const RowTaker*> taker_;  ///< whoever takes rows now; at an address that SQLite keeps
   std::unique_ptr<sqlite3, CloseConnection> connection_;
   std::unordered_map<std::string_view, StatementHandle> statements_;  ///< by the address-stable SQL text
 };

@@ -1,7 +1,6 @@
 #include "Storage/DetailsQueries.hpp"
 
 #include <algorithm>
-#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,27 +29,30 @@ constexpr std::string_view selectWindowRows =
 // them, and finding each by the index twice. So they are read in the table's own order, from the first row of
 // any of the window's snapshots to the last, and summed up on the way. Rows are appended snapshot by
 // snapshot, so that few of another window, if any, lie between them.
-constexpr std::string_view selectProcessRows =
-    "SELECT snapshot_id, process_group_key, drain_w\n"
+constexpr std::string_view takeProcessRows =
+    "SELECT take_row(snapshot_id, process_group_key, drain_w)\n"
     "FROM process_samples\n"
-    "WHERE rowid >= ? AND rowid <= ?\n"
-    "ORDER BY rowid ASC;";
+    "WHERE rowid >= ? AND rowid <= ?;";
 
 constexpr std::string_view selectRowRange =
-    "SELECT (SELECT MIN(rowid) FROM process_samples WHERE snapshot_id = ?1), "
-    "(SELECT MAX(rowid) FROM process_samples WHERE snapshot_id = ?1);";
+    "SELECT MIN((SELECT MIN(rowid) FROM process_samples WHERE snapshot_id = snapshots.id)), "
+    "MAX((SELECT MAX(rowid) FROM process_samples WHERE snapshot_id = snapshots.id))\n"
+    "FROM snapshots\n"
+    "WHERE timestamp >= ? AND timestamp <= ?;";
 
 constexpr std::string_view selectCanonicalName =
     "SELECT MAX(canonical_name) FROM process_samples WHERE process_group_key = ? AND snapshot_id = ?;";
 
 // Where the power counters are modelled, every row that they gave watts to says so: the first ones tell.
-constexpr std::string_view selectModelledCounters =
-    "SELECT EXISTS (SELECT 1 FROM (SELECT source_flag FROM process_source_flags WHERE snapshot_id = ?1 LIMIT "
-    "8) "
-    "WHERE source_flag = ?2);";
-
-constexpr std::string_view selectModelledBattery =
-    "SELECT EXISTS (SELECT 1 FROM battery_status_samples WHERE snapshot_id = ? AND serial_number = ?);";
+constexpr std::string_view selectIsAnyModelled =
+    "SELECT EXISTS (\n"
+    "SELECT 1 FROM snapshots JOIN battery_status_samples ON snapshot_id = id\n"
+    "WHERE timestamp >= ?1 AND timestamp <= ?2 AND serial_number = ?3\n"
+    ") OR EXISTS (\n"
+    "SELECT 1 FROM snapshots\n"
+    "WHERE timestamp >= ?1 AND timestamp <= ?2 AND EXISTS (\n"
+    "SELECT 1 FROM (SELECT source_flag FROM process_source_flags WHERE snapshot_id = snapshots.id LIMIT 4)\n"
+    "WHERE source_flag = ?4));";
 
 constexpr std::string_view selectHiddenRows =
     "SELECT snapshot_id, kind, identifier, drain_w\n"
@@ -60,8 +62,10 @@ constexpr std::string_view selectHiddenRows =
 
 /// The snapshots of a window without their rows, in ascending time.
 struct WindowRows {
-  std::vector<std::int64_t> ids;
-  std::vector<PreparedSnapshot> prepared;
+  PointInTime cutoff = {};
+  PointInTime anchor = {};
+  std::vector<std::int64_t> ids = {};
+  std::vector<PreparedSnapshot> prepared = {};
 };
 
 /// Where each snapshot of a window stands in it. Rows of the same snapshot mostly come one after another.
@@ -89,7 +93,7 @@ class WindowPositions {
 };
 
 WindowRows readWindowRows(Database& database, PointInTime cutoff, PointInTime anchor) {
-  WindowRows window;
+  WindowRows window{.cutoff = cutoff, .anchor = anchor};
   Statement rows = database.prepared(selectWindowRows);
   rows.bind(cutoff.secondsSince1970(), anchor.secondsSince1970());
   while (rows.next()) {
@@ -105,31 +109,11 @@ WindowRows readWindowRows(Database& database, PointInTime cutoff, PointInTime an
   return window;
 }
 
-WindowTimeline timelineOf(const WindowRows& window, PointInTime cutoff, PointInTime anchor) {
+WindowTimeline timelineOf(const WindowRows& window) {
   std::vector<PointInTime> timestamps;
   timestamps.reserve(window.prepared.size());
   for (const PreparedSnapshot& snapshot : window.prepared) timestamps.push_back(snapshot.timestamp);
-  return {timestamps, cutoff, anchor};
-}
-
-struct RowRange {
-  std::int64_t first = std::numeric_limits<std::int64_t>::max();
-  std::int64_t last = std::numeric_limits<std::int64_t>::min();
-};
-
-/// Where the process rows of a window's snapshots lie. Each snapshot is asked for its own, since nothing in
-/// the schema says that rows of later snapshots lie behind those of earlier ones.
-RowRange processRowRange(Database& database, const WindowRows& window) {
-  RowRange range;
-  Statement select = database.prepared(selectRowRange);
-  for (const std::int64_t id : window.ids) {
-    select.bind(id);
-    select.next();  // there is always a row; its values are NULL for a snapshot without processes
-    const auto [first, last] = select.row<std::optional<std::int64_t>, std::optional<std::int64_t>>();
-    if (first) range = {std::min(range.first, *first), std::max(range.last, *last)};
-    select.reset();
-  }
-  return range;
+  return {timestamps, window.cutoff, window.anchor};
 }
 
 std::pair<std::int64_t, std::int64_t> idRange(const WindowRows& window) {
@@ -141,13 +125,17 @@ GroupedWattsIntegrator readProcesses(Database& database, const WindowRows& windo
                                      const WindowTimeline& timeline) {
   GroupedWattsIntegrator groups(timeline);
   WindowPositions positions(window.ids);
-  const RowRange range = processRowRange(database, window);
-  Statement rows = database.prepared(selectProcessRows);
-  rows.bind(range.first, range.last);
-  while (rows.next()) {
-    if (const auto snapshot = positions.find(rows.column<std::int64_t>(0)))
-      groups.integrateGroupedWatts(*snapshot, rows.column<std::string_view>(1), rows.column<double>(2));
-  }
+  Statement range = database.prepared(selectRowRange);
+  range.bind(window.cutoff.secondsSince1970(), window.anchor.secondsSince1970());
+  range.next();  // there is always a row; without process rows its values are NULL, and choose none
+  const auto [first, last] = range.row<std::optional<std::int64_t>, std::optional<std::int64_t>>();
+  database.takeRows(
+      takeProcessRows,
+      [&](std::int64_t id, std::string_view groupKey, double drainW) {
+        if (const auto snapshot = positions.find(id))
+          groups.integrateGroupedWatts(*snapshot, groupKey, drainW);
+      },
+      first, last);
   return groups;
 }
 
@@ -189,17 +177,11 @@ HiddenWatts readHidden(Database& database, const WindowRows& window, const Windo
 }
 
 bool isAnyModelled(Database& database, const WindowRows& window) {
-  for (const auto& [sql, mark] : {std::pair(selectModelledBattery, modelledSerialNumber),
-                                  std::pair(selectModelledCounters, modelledSourceFlag)}) {
-    Statement select = database.prepared(sql);
-    for (const std::int64_t id : window.ids) {
-      select.bind(id, mark);
-      select.next();  // there is always a row
-      if (select.column<bool>(0)) return true;
-      select.reset();
-    }
-  }
-  return false;
+  Statement select = database.prepared(selectIsAnyModelled);
+  select.bind(window.cutoff.secondsSince1970(), window.anchor.secondsSince1970(), modelledSerialNumber,
+              modelledSourceFlag);
+  select.next();  // there is always a row
+  return select.column<bool>(0);
 }
 
 void fillSeries(DetailsPipelineOutput& output, const WindowRows& window) {
@@ -214,7 +196,7 @@ void fillSeries(DetailsPipelineOutput& output, const WindowRows& window) {
 
 void fillGroups(DetailsPipelineOutput& output, Database& database, const WindowRows& window,
                 std::int64_t maxAppSeries) {
-  const WindowTimeline timeline = timelineOf(window, output.windowStart, output.anchor);
+  const WindowTimeline timeline = timelineOf(window);
   const double sampleHours = output.summary.sampleHours;
   const GroupedWattsIntegrator processes = readProcesses(database, window, timeline);
   output.processes =
