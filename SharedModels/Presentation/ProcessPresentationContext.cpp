@@ -17,7 +17,7 @@ class LatestProcessWalk {
   /// The latest use of a process number.
   struct Incarnation {
     std::size_t index = 0;       ///< into records()
-    std::string_view name = {};  ///< that of its latest record, at hand for comparison
+    std::string_view name = {};  ///< at hand for comparison
   };
 
   LatestProcessWalk() = default;
@@ -41,8 +41,8 @@ class LatestProcessWalk {
       const auto [entry, isNewPID] = incarnationByPID_.try_emplace(row.pid);
       Incarnation& incarnation = entry->second;
       // Nearly always the number still belongs to the same executable, and the identity needs no look-up.
-      if (isNewPID || incarnation.name != row.name) incarnation.index = indexOf(row);
-      incarnation.name = row.name;
+      // The name that it is compared with stays that of the first such row, near in memory.
+      if (isNewPID || incarnation.name != row.name) incarnation = {indexOf(row), row.name};
       records_[incarnation.index] = &row;
     }
   }
