@@ -91,12 +91,28 @@ QuitPlan quitPlan(const QuitOptions& options) {
   return plan;
 }
 
+/// Whether a process that still answers the daemon's probes has ended all the same: it keeps its number until
+/// its parent asks for its exit status (state Z of ps(1)).
+bool isOnlyUncollected(std::int32_t pid) {
+  try {
+    const ShellResult answer =
+        DefaultShellRunner().run("/bin/ps", {"-p", std::to_string(pid), "-o", "stat="});
+    const std::string_view state = trimmed(answer.stdout);
+    return state.empty() || state.front() == 'Z';
+  } catch (const ShellRunnerError&) {
+    return false;
+  }
+}
+
 /// On a broken connection every further request fails the same way, so that each process has its outcome.
 QuitOutcome end(const QuitPlan::Target& target, RequestClient& client) {
   RequestResult result = client.terminateProcess(target.pid);
   if (const auto* failure = std::get_if<TransportFailure>(&result))
     return {target, {false, failure->message}};
-  return {target, std::get<RequestReply>(std::move(result))};
+  RequestReply reply = std::get<RequestReply>(std::move(result));
+  if (!reply.success && isOnlyUncollected(target.pid))
+    reply = {true, "ended, but its parent has yet to collect it"};
+  return {target, std::move(reply)};
 }
 
 nlohmann::ordered_json encodeOutcome(const QuitOutcome& outcome) {
