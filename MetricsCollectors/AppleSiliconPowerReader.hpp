@@ -21,12 +21,14 @@ namespace quenzel {
 /// interval.
 class AppleSiliconPowerReader {
  public:
-  /// @param logger outlives the reader; told once, at debug level, which channels there are
+  /// @param logger outlives the reader; told once, at debug level and in one line, which channels there are.
+  /// A system that limits its lines cuts it: of a large machine's hundreds of names macOS keeps the first 1
+  /// KiB.
   explicit AppleSiliconPowerReader(
       std::unique_ptr<platform::EnergyModelChannels> channels = platform::makeEnergyModelChannels(),
       platform::SystemLog& logger = platform::systemLog());
 
-  /// @param now never counts backwards: an earlier moment than the last makes an interval without length
+  /// @param now an earlier moment than the last counts as no time
   SystemPowerSnapshot sample(PointInTime now);
 
  private:

@@ -22,8 +22,9 @@ class SpawnAttributes {
   void resetSignals(short otherFlags) {
     sigset_t none;
     sigset_t all;
-    ::sigemptyset(&none);
-    ::sigfillset(&all);
+    // Unqualified: macOS has macros of these names.
+    sigemptyset(&none);
+    sigfillset(&all);
     ::posix_spawnattr_setsigmask(&attributes_, &none);
     ::posix_spawnattr_setsigdefault(&attributes_, &all);
     const int flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | otherFlags;

@@ -35,7 +35,8 @@ struct TransportFailure {
 /// Listens under the service name and hands every request to the handler, for ever.
 /// macOS: an NSXPCListener on the Mach service. Linux: D-Bus messages, peer to peer, on the Unix socket
 /// "<socket directory>/<service name>.sock" (mode 0666), or on the socket that systemd's activation passes.
-/// Returns only when listening fails; idle connections cost no wake-ups.
+/// Returns only when listening fails; idle connections cost no wake-ups. macOS tells nothing of a failed
+/// check-in: a process that launchd did not start for that very name waits for ever and no client arrives.
 TransportFailure serveRequests(const std::string& serviceName, RequestHandler& handler);
 
 /// The reply to one request.
@@ -45,7 +46,8 @@ struct RequestReply {
 };
 using RequestResult = std::variant<RequestReply, TransportFailure>;
 
-/// The client's end of one connection. Each call blocks until the reply or a failure; not thread-safe.
+/// The client's end of one connection. Each call blocks until the reply or a failure, and gives up after
+/// 60 seconds; not thread-safe.
 class RequestClient {
  public:
   virtual ~RequestClient() = default;

@@ -47,7 +47,7 @@ StopSignals::StopSignals() : formerInterrupt_{}, formerTerminate_{} {
   struct sigaction action {};
   action.sa_handler = handle;
   action.sa_flags = SA_RESTART;
-  ::sigemptyset(&action.sa_mask);
+  sigemptyset(&action.sa_mask);  // unqualified: a macro on macOS
   ::sigaction(SIGINT, &action, &formerInterrupt_);
   ::sigaction(SIGTERM, &action, &formerTerminate_);
 }

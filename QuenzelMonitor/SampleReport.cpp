@@ -77,19 +77,22 @@ std::string estimateLine(double watts, bool available) {
   return available ? fmt::format("{:.2f} W", watts) : std::string("not available");
 }
 
-/// A line of what each component drew, of those that drew anything; nothing where no counter can be read.
+/// A line of what each component drew, of those that drew anything; nothing where no counter can be read and
+/// for no time, in which nothing is measured. The memory fabric is no part of the sum and stands behind it.
 std::string componentsLine(const SamplingCycleResult& result) {
   const SystemPowerSnapshot& power = result.componentPower;
-  if (!power.supported) return "";
+  if (!power.supported || power.intervalSeconds <= 0) return "";
   std::string parts;
   for (const auto& [name, watts] :
        {std::pair("CPU", power.cpuW), std::pair("GPU", power.gpuW), std::pair("ANE", power.aneW),
-        std::pair("DRAM", power.dramW), std::pair("memory fabric", power.memoryFabricW),
-        std::pair("PCI", power.pciW)}) {
+        std::pair("DRAM", power.dramW), std::pair("PCI", power.pciW)}) {
     if (watts > 0) parts += fmt::format("{} {:.2f} W, ", name, watts);
   }
-  return fmt::format("  Components {}{:.2f} W tracked over {:.1f} s{}\n", parts, power.totalTrackedW,
-                     power.intervalSeconds, mark(result.modelled.powerCounters));
+  const std::string besides = power.memoryFabricW > 0
+                                  ? fmt::format(", and memory fabric {:.2f} W besides", power.memoryFabricW)
+                                  : std::string();
+  return fmt::format("  Components {}{:.2f} W tracked over {:.1f} s{}{}\n", parts, power.totalTrackedW,
+                     power.intervalSeconds, besides, mark(result.modelled.powerCounters));
 }
 
 /// Processes that draw or compute something, most watts first, those without last; then by CPU and pid.

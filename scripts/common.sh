@@ -8,10 +8,11 @@ fail() {
   exit 1
 }
 
-# What building takes, as Debian and as Homebrew call it; the scripts add what else they need.
+# What building takes, as Debian and as Homebrew call it; the scripts add what else they need. macOS itself has SQLite,
+# which Homebrew's pkg-config knows of.
 debian_packages=(g++ cmake ninja-build pkg-config libfmt-dev nlohmann-json3-dev libplist-dev libutf8proc-dev
   libre2-dev libsqlite3-dev libsystemd-dev libcli11-dev procps)
-brew_packages=(cmake ninja pkg-config fmt nlohmann-json libplist utf8proc re2 sqlite cli11)
+brew_packages=(cmake ninja pkg-config fmt nlohmann-json libplist utf8proc re2 cli11)
 
 missing_debian_packages() {
   local package

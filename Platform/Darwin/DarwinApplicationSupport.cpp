@@ -1,11 +1,11 @@
 #include "Platform/ApplicationSupport.hpp"
-#include "Platform/Environment.hpp"
+#include "Platform/HomeDirectory.hpp"
 
 namespace quenzel::platform {
 
 std::optional<std::string> applicationSupportDirectory() {
-  const auto home = environmentValue("HOME");
-  if (!home || !home->starts_with('/')) return {};
+  const auto home = homeDirectory();
+  if (!home) return {};
   return *home + "/Library/Application Support";
 }
 

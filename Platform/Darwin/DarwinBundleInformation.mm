@@ -3,6 +3,7 @@
 #import <Foundation/Foundation.h>
 
 #include "Platform/BundleInformation.hpp"
+#include "Platform/Darwin/FoundationText.hpp"
 #include "Platform/Darwin/PropertyConversion.hpp"
 
 namespace quenzel::platform {
@@ -12,7 +13,7 @@ namespace {
 class DarwinBundleInformation final : public BundleInformation {
  public:
   explicit DarwinBundleInformation(NSBundle* bundle)
-      : identifier_(textOf((__bridge CFTypeRef)bundle.bundleIdentifier)),
+      : identifier_(textOf(bundle.bundleIdentifier)),
         info_(propertyDictionaryOf((__bridge CFTypeRef)bundle.infoDictionary)) {}
 
   std::optional<std::string> bundleIdentifier() const override { return identifier_; }

@@ -1,5 +1,4 @@
-#include <map>
-#include <utility>
+#include <cstddef>
 
 #include "Platform/Darwin/IOReportLibrary.hpp"
 #include "Platform/Darwin/PropertyConversion.hpp"
@@ -11,10 +10,31 @@ namespace quenzel::platform {
 namespace {
 
 /// The library pads some of its labels.
-std::optional<std::string> withoutBlanks(std::optional<std::string> label) {
-  if (label) std::erase(*label, ' ');
-  return label;
+std::optional<std::string> withoutPadding(const std::optional<std::string>& label) {
+  if (!label) return std::nullopt;
+  const std::size_t first = label->find_first_not_of(' ');
+  if (first == std::string::npos) return "";
+  return label->substr(first, label->find_last_not_of(' ') - first + 1);
 }
+
+/// A counter may have no valid data for a while, from the first sample on, too. It then stands still: it
+/// would otherwise seem to fall to nothing, or to rise at once by all that it has counted since the machine
+/// started.
+class Counter {
+ public:
+  /// What it has counted since its first valid value.
+  std::int64_t counted(std::int64_t value) {
+    if (value != IOReportLibrary::invalidValue) {
+      if (!first_) first_ = value;
+      last_ = value;
+    }
+    return first_ ? last_ - *first_ : 0;
+  }
+
+ private:
+  std::optional<std::int64_t> first_;
+  std::int64_t last_ = 0;
+};
 
 class DarwinEnergyModelChannels final : public EnergyModelChannels {
  public:
@@ -33,44 +53,34 @@ class DarwinEnergyModelChannels final : public EnergyModelChannels {
     const ScopedCFReference<CFDictionaryRef> sample{
         library_->createSamples(subscription_.get(), subscribed_.get(), nullptr)};
     if (!sample) return std::nullopt;
-    const void* const list = CFDictionaryGetValue(sample.get(), CFSTR("IOReportChannels"));
-    if (!list || CFGetTypeID(list) != CFArrayGetTypeID()) return std::nullopt;
-    const auto array = static_cast<CFArrayRef>(list);
+    const auto list = referenceAs<CFArrayRef>(CFDictionaryGetValue(sample.get(), CFSTR("IOReportChannels")),
+                                              CFArrayGetTypeID());
+    if (!list) return std::nullopt;
+    const auto count = static_cast<std::size_t>(CFArrayGetCount(list));
+    if (counters_.size() < count) counters_.resize(count);
     std::vector<EnergyModelChannel> channels;
-    for (CFIndex i = 0; i < CFArrayGetCount(array); ++i) {
-      auto channel = channelOf(static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(array, i)));
-      if (keepValid(channel)) channels.push_back(std::move(channel));
+    for (std::size_t i = 0; i < count; ++i) {
+      const auto channel = referenceAs<CFDictionaryRef>(CFArrayGetValueAtIndex(list, static_cast<CFIndex>(i)),
+                                                        CFDictionaryGetTypeID());
+      if (channel) channels.push_back(channelOf(channel, counters_[i]));
     }
     return channels;
   }
 
  private:
-  EnergyModelChannel channelOf(CFDictionaryRef channel) const {
+  EnergyModelChannel channelOf(CFDictionaryRef channel, Counter& counter) const {
     return {.group = textOf(library_->channelGetGroup(channel)).value_or(""),
             .name = textOf(library_->channelGetChannelName(channel)),
-            .unit = withoutBlanks(textOf(library_->channelGetUnitLabel(channel))),
-            .value = library_->simpleGetIntegerValue(channel, nullptr)};
-  }
-
-  /// A counter without valid data keeps its value, since it would seem to fall to nothing and rise to all it
-  /// ever counted; false when it has never had one.
-  bool keepValid(EnergyModelChannel& channel) REQUIRES(lock_) {
-    if (!channel.name) return false;
-    if (channel.value != IOReportLibrary::invalidValue) {
-      lastValues_[*channel.name] = channel.value;
-      return true;
-    }
-    const auto last = lastValues_.find(*channel.name);
-    if (last == lastValues_.end()) return false;
-    channel.value = last->second;
-    return true;
+            .unit = withoutPadding(textOf(library_->channelGetUnitLabel(channel))),
+            .value = counter.counted(library_->simpleGetIntegerValue(channel, nullptr))};
   }
 
   const IOReportLibrary* const library_ = IOReportLibrary::shared();
   ScopedCFReference<IOReportSubscriptionRef> subscription_;
   ScopedCFReference<CFMutableDictionaryRef> subscribed_;
   Mutex lock_;
-  std::map<std::string, std::int64_t> lastValues_ GUARDED_BY(lock_);
+  /// By place in the list, which a subscription fixes; names may occur twice.
+  std::vector<Counter> counters_ GUARDED_BY(lock_);
 };
 
 }  // namespace

@@ -5,6 +5,9 @@
 
 namespace quenzel::platform {
 
+// The two look-ups stay two: a path by number ("/.vol/...") is turned back into names and those are looked up
+// once more, so it binds nothing, and a descriptor for events only (O_EVTONLY) is one whose closing drops
+// locks.
 void setPlainFileMode(int folder, const char* name, mode_t mode) noexcept {
   struct stat status {};
   if (::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return;

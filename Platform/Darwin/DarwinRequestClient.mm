@@ -1,10 +1,10 @@
-#include <utility>
+#include <chrono>
+#include <future>
 
 #import <Foundation/Foundation.h>
 
 #import "Platform/Darwin/BatteryMetricsXPCProtocol.h"
 #include "Platform/Darwin/FoundationText.hpp"
-#include "Platform/Darwin/PropertyConversion.hpp"
 #include "Platform/RequestTransport.hpp"
 
 namespace quenzel::platform {
@@ -12,8 +12,20 @@ namespace {
 
 using Daemon = id<BatteryMetricsXPCProtocol>;
 using Reply = void (^)(BOOL success, NSString* message);
+using Outcome = std::promise<RequestResult>;
 
-std::optional<std::string> textOf(NSString* string) { return platform::textOf((__bridge CFTypeRef)string); }
+constexpr std::chrono::seconds replyTimeout{60};
+
+/// Ends the wait for an outcome; what comes after the first one is dropped. Nothing may unwind into the
+/// frames that deliver messages.
+template <typename MakeResult>
+void settle(Outcome& outcome, MakeResult makeResult) noexcept {
+  try {
+    outcome.set_value(makeResult());
+  } catch (
+      ...) {  // NOLINT(bugprone-empty-catch): settled already, or no memory, and then the wait ends by itself
+  }
+}
 
 class DarwinRequestClient final : public RequestClient {
  public:
@@ -47,18 +59,26 @@ class DarwinRequestClient final : public RequestClient {
   }
 
  private:
-  /// A message to a synchronous proxy returns when one of the two blocks has run, on this thread.
+  /// One of the two blocks runs on the connection's own queue, maybe when nobody waits any more and this
+  /// client is gone: they share the outcome and hold nothing else.
   template <typename Request>
   RequestResult call(Request request) {
     @autoreleasepool {
-      __block RequestResult result = unanswered("no reply");
-      Daemon const daemon = [connection_ synchronousRemoteObjectProxyWithErrorHandler:^(NSError* error) {
-        result = unanswered(textOf(error.localizedDescription).value_or("unknown error"));
+      const auto outcome = std::make_shared<Outcome>();
+      std::future<RequestResult> result = outcome->get_future();
+      Daemon const daemon = [connection_ remoteObjectProxyWithErrorHandler:^(NSError* error) {
+        settle(*outcome, [&]() -> RequestResult {
+          return TransportFailure{textOf(error.localizedDescription).value_or("unknown error")};
+        });
       }];
       request(daemon, ^(BOOL success, NSString* message) {
-        result = RequestReply{success, textOf(message)};
+        settle(*outcome, [&]() -> RequestResult { return RequestReply{success, textOf(message)}; });
       });
-      return std::move(result);
+      if (result.wait_for(replyTimeout) != std::future_status::ready)
+        return unanswered("no reply within a minute");
+      RequestResult settled = result.get();
+      if (const auto* failure = std::get_if<TransportFailure>(&settled)) return unanswered(failure->message);
+      return settled;
     }
   }
 

@@ -1,3 +1,5 @@
+#include <type_traits>
+
 #import <Foundation/Foundation.h>
 
 #import "Platform/Darwin/BatteryMetricsXPCProtocol.h"
@@ -10,10 +12,14 @@ namespace {
 
 using Reply = void (^)(BOOL success, NSString* message);
 
+static_assert(std::is_same_v<BOOL, bool>, "another BOOL has another type encoding: another wire contract");
+
 /// Nothing may unwind into the frames that deliver messages, and a client without a reply would wait until
-/// its connection ends: whatever the handler does, there is one reply.
+/// its connection ends: whatever the handler does, there is one reply. A message that asks for none is no
+/// request of the contract and is dropped: to call its block would end the daemon.
 template <typename Request>
 void answer(Reply reply, Request request) noexcept {
+  if (!reply) return;
   @autoreleasepool {
     bool replied = false;
     try {
@@ -47,7 +53,11 @@ void answer(Reply reply, Request request) noexcept {
 }
 
 - (BOOL)listener:(NSXPCListener*)listener shouldAcceptNewConnection:(NSXPCConnection*)connection {
-  if (!_handler->shouldAcceptNewConnection()) return NO;
+  try {
+    if (!_handler->shouldAcceptNewConnection()) return NO;
+  } catch (...) {
+    return NO;
+  }
   connection.exportedInterface = [NSXPCInterface interfaceWithProtocol:@protocol(BatteryMetricsXPCProtocol)];
   connection.exportedObject = self;
   [connection resume];
@@ -55,6 +65,7 @@ void answer(Reply reply, Request request) noexcept {
 }
 
 - (void)pingWithReply:(void (^)(BOOL))reply {
+  if (!reply) return;
   const Reply pong = ^(BOOL ok, NSString*) {
     reply(ok);
   };

@@ -4,13 +4,10 @@
 #include <sys/param.h>
 
 #include "Platform/Darwin/FoundationText.hpp"
-#include "Platform/Darwin/PropertyConversion.hpp"
 #include "Platform/RunningProcesses.hpp"
 
 namespace quenzel::platform {
 namespace {
-
-std::optional<std::string> textOf(NSString* string) { return platform::textOf((__bridge CFTypeRef)string); }
 
 class DarwinRunningProcesses final : public RunningProcesses {
  public:

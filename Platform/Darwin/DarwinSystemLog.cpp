@@ -27,6 +27,7 @@ class DarwinSystemLog final : public SystemLog {
     return os_log_type_enabled(logger(subsystem, category), typeOf(type));
   }
 
+  /// The system cuts what follows the first 1 KiB or so.
   void write(const std::string& subsystem, const std::string& category, SystemLogType type,
              const std::string& message) override {
     os_log_with_type(logger(subsystem, category), typeOf(type), "%{public}s", message.c_str());

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #import <Foundation/Foundation.h>
+
+#include "Platform/Darwin/PropertyConversion.hpp"
 
 namespace quenzel::platform {
 
@@ -14,5 +17,8 @@ inline NSString* foundationText(const std::string& text) {
   if (converted) return converted;
   return [[NSString alloc] initWithBytes:text.data() length:text.size() encoding:NSISOLatin1StringEncoding];
 }
+
+/// The text in UTF-8; none for nil.
+inline std::optional<std::string> textOf(NSString* text) { return textOf((__bridge CFTypeRef)text); }
 
 }  // namespace quenzel::platform

@@ -7,12 +7,6 @@
 namespace quenzel::platform {
 namespace {
 
-/// The value as a T, or null when it is of another type.
-template <typename T>
-T as(CFTypeRef value, CFTypeID type) {
-  return value && CFGetTypeID(value) == type ? static_cast<T>(value) : nullptr;
-}
-
 std::optional<PropertyValue> numberOf(CFNumberRef number) {
   if (CFNumberIsFloatType(number)) {
     double real = 0;
@@ -41,7 +35,7 @@ PropertyValue::Array arrayOf(CFArrayRef array) {
 }  // namespace
 
 std::optional<std::string> textOf(CFTypeRef value) {
-  const auto string = as<CFStringRef>(value, CFStringGetTypeID());
+  const auto string = referenceAs<CFStringRef>(value, CFStringGetTypeID());
   if (!string) return std::nullopt;
   const CFIndex length = CFStringGetLength(string);
   std::string text(static_cast<std::size_t>(CFStringGetMaximumSizeForEncoding(length, kCFStringEncodingUTF8)),
@@ -54,7 +48,7 @@ std::optional<std::string> textOf(CFTypeRef value) {
 }
 
 std::optional<PropertyDictionary> propertyDictionaryOf(CFTypeRef value) {
-  const auto dictionary = as<CFDictionaryRef>(value, CFDictionaryGetTypeID());
+  const auto dictionary = referenceAs<CFDictionaryRef>(value, CFDictionaryGetTypeID());
   if (!dictionary) return std::nullopt;
   const auto count = static_cast<std::size_t>(CFDictionaryGetCount(dictionary));
   std::vector<const void*> keys(count);
@@ -72,12 +66,13 @@ std::optional<PropertyDictionary> propertyDictionaryOf(CFTypeRef value) {
 std::optional<PropertyValue> propertyValueOf(CFTypeRef value) {
   if (auto text = textOf(value)) return PropertyValue(std::move(*text));
   if (auto entries = propertyDictionaryOf(value)) return PropertyValue(std::move(*entries));
-  if (const auto boolean = as<CFBooleanRef>(value, CFBooleanGetTypeID()))
+  if (const auto boolean = referenceAs<CFBooleanRef>(value, CFBooleanGetTypeID()))
     return PropertyValue(CFBooleanGetValue(boolean) != 0);
-  if (const auto number = as<CFNumberRef>(value, CFNumberGetTypeID())) return numberOf(number);
-  if (const auto array = as<CFArrayRef>(value, CFArrayGetTypeID())) return PropertyValue(arrayOf(array));
-  if (const auto data = as<CFDataRef>(value, CFDataGetTypeID())) return PropertyValue(dataOf(data));
-  if (const auto date = as<CFDateRef>(value, CFDateGetTypeID()))
+  if (const auto number = referenceAs<CFNumberRef>(value, CFNumberGetTypeID())) return numberOf(number);
+  if (const auto array = referenceAs<CFArrayRef>(value, CFArrayGetTypeID()))
+    return PropertyValue(arrayOf(array));
+  if (const auto data = referenceAs<CFDataRef>(value, CFDataGetTypeID())) return PropertyValue(dataOf(data));
+  if (const auto date = referenceAs<CFDateRef>(value, CFDateGetTypeID()))
     return PropertyValue(PropertyValue::Date{CFDateGetAbsoluteTime(date)});
   return std::nullopt;
 }

@@ -1,5 +1,6 @@
 #include "Platform/ApplicationSupport.hpp"
 #include "Platform/Environment.hpp"
+#include "Platform/HomeDirectory.hpp"
 
 namespace quenzel::platform {
 
@@ -7,8 +8,8 @@ std::optional<std::string> applicationSupportDirectory() {
   // A relative path there is to be ignored.
   const auto data = environmentValue("XDG_DATA_HOME");
   if (data && data->starts_with('/')) return data;
-  const auto home = environmentValue("HOME");
-  if (!home || !home->starts_with('/')) return {};
+  const auto home = homeDirectory();
+  if (!home) return {};
   return *home + "/.local/share";
 }
 

@@ -1,3 +1,5 @@
+#include <array>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -43,39 +45,40 @@ TEST(AppleSiliconPowerReader, DividesWhatEachComponentUsedByTheTime) {
   std::optional<Channels> now;
   RecordedLog log;
   AppleSiliconPowerReader reader(std::make_unique<FakeChannels>(now), log);
-  const auto read = [&](std::int64_t cpu, std::int64_t fabric, std::int64_t dram) {
-    now = Channels{{"Energy Model", "ECPU0 CPU Energy", "mJ", cpu},
-                   {"Energy Model", "AMCC", "mJ", fabric},
-                   {"Energy Model", "DRAM", "mJ", dram}};
+  // CPU, GPU, neural engine, DRAM, memory fabric, PCI: each with a difference of its own, so that one taken
+  // for another or left out shows, in the sums too.
+  const auto read = [&](const std::array<std::int64_t, 6>& millijoules) {
+    constexpr const char* names[] = {"ECPU0 CPU Energy", "GPU Energy", "ANE0", "DRAM", "AMCC", "PCIe Energy"};
+    now.emplace();
+    for (std::size_t i = 0; i < 6; ++i) now->push_back({"Energy Model", names[i], "mJ", millijoules[i]});
   };
-  const auto powers = [](double cpu, double fabric, double dram, double seconds) {
-    return SystemPowerSnapshot{.cpuW = cpu,
-                               .dramW = dram,
-                               .memoryFabricW = fabric,
-                               .ramW = fabric + dram,
-                               .totalTrackedW = cpu + dram,
-                               .intervalSeconds = seconds,
-                               .supported = true};
+  const auto powers = [](const std::array<double, 6>& watts, double seconds) {
+    const auto [cpu, gpu, ane, dram, fabric, pci] = watts;
+    // clang-format off
+    return SystemPowerSnapshot{.cpuW = cpu, .gpuW = gpu, .aneW = ane, .dramW = dram, .memoryFabricW = fabric,
+                               .ramW = fabric + dram, .pciW = pci, .totalTrackedW = cpu + gpu + ane + dram + pci,
+                               .intervalSeconds = seconds, .supported = true};
+    // clang-format on
   };
   EXPECT_EQ(reader.sample({9}), SystemPowerSnapshot{}) << "the counters can't be read";
   now = Channels{{"CPU Stats", "x", "mJ", 1}};
-  EXPECT_EQ(reader.sample({9.5}), powers(0, 0, 0, 0));
+  EXPECT_EQ(reader.sample({9.5}), powers({}, 0));
   EXPECT_TRUE(log.lines.empty()) << "there is nothing to name yet";
-  read(1000, 500, 100);
-  EXPECT_EQ(reader.sample({10}), powers(2, 1, 0.2, 0.5));
-  read(2500, 1500, 600);
-  EXPECT_EQ(reader.sample({10.5}), powers(3, 2, 1, 0.5));
-  read(9500, 9500, 9600);
-  EXPECT_EQ(reader.sample({10.5}), powers(0, 0, 0, 0)) << "no time went by, and the totals are kept";
+  read({500, 1000, 2000, 4000, 8000, 16'000});
+  EXPECT_EQ(reader.sample({10}), powers({1, 2, 4, 8, 16, 32}, 0.5));
+  read({16'500, 9000, 6000, 6000, 9000, 16'500});
+  EXPECT_EQ(reader.sample({10.5}), powers({32, 16, 8, 4, 2, 1}, 0.5));
+  read({20'000, 20'000, 20'000, 20'000, 20'000, 20'000});
+  EXPECT_EQ(reader.sample({10.5}), powers({}, 0)) << "no time went by, and the totals are kept";
   now.reset();
   EXPECT_EQ(reader.sample({11.5}), SystemPowerSnapshot{}) << "and change nothing";
-  read(500, 10'500, 13'600);
-  EXPECT_EQ(reader.sample({12.5}), powers(0, 0.5, 2, 2)) << "one counter went back";
-  EXPECT_EQ(reader.sample({3}), powers(0, 0, 0, 0)) << "the clock was set back";
-  EXPECT_EQ(reader.sample({4}), powers(0, 0, 0, 1));
-  EXPECT_THAT(log.lines,
-              ::testing::ElementsAre("com.quenzel.runtime AppleSiliconPowerReader: IOReport Energy Model "
-                                     "channels: ECPU0 CPU Energy, AMCC, DRAM"));
+  read({500, 24'000, 20'500, 22'000, 21'000, 20'000});
+  EXPECT_EQ(reader.sample({12.5}), powers({0, 2, 0.25, 1, 0.5, 0}, 2)) << "one counter went back";
+  EXPECT_EQ(reader.sample({3}), powers({}, 0)) << "the clock was set back";
+  EXPECT_EQ(reader.sample({4}), powers({}, 1));
+  EXPECT_THAT(log.lines, ::testing::ElementsAre(
+                             "com.quenzel.runtime AppleSiliconPowerReader: IOReport Energy Model "
+                             "channels: ECPU0 CPU Energy, GPU Energy, ANE0, DRAM, AMCC, PCIe Energy"));
 }
 
 }  // namespace

@@ -224,6 +224,7 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
   result.modelled = {.battery = false, .powerCounters = true};
   result.componentPower = {
       .cpuW = 3.5, .dramW = 0.25, .totalTrackedW = 3.75, .intervalSeconds = 2.04, .supported = true};
+  result.componentPower.memoryFabricW = 1.5;
   EXPECT_EQ(sampleReport(result, {.topProcesses = 5, .width = 80}),
             "Quenzel at 2001-01-01T00:00:00Z\n"
             "  Power      on battery\n"
@@ -231,7 +232,8 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
             "  Total      11.25 W, reported by the battery (source IOKit)\n"
             "  Display    2.00 W\n"
             "  USB        not available\n"
-            "  Components CPU 3.50 W, DRAM 0.25 W, 3.75 W tracked over 2.0 s (modelled)\n"
+            "  Components CPU 3.50 W, DRAM 0.25 W, 3.75 W tracked over 2.0 s, and memory fabric 1.50 W "
+            "besides (modelled)\n"
             "  Processes  3 sampled; powermetrics lists 2\n"
             "\n"
             "     PID   CPU %     WATTS  WATTS FROM                                NAME\n"
@@ -246,6 +248,8 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
             "Modelled, not measured: the power counters. The machine has none that can be read, and a model "
             "was asked "
             "for.\n");
+  result.componentPower.intervalSeconds = 0;
+  EXPECT_EQ(sampleReport(result, {}).find("Components"), std::string::npos) << "nothing was measured";
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ enum : NSUInteger { NSXPCConnectionPrivileged = 1 << 12 };
 @property(nullable, retain) id exportedObject;
 @property(nullable, retain) NSXPCInterface* remoteObjectInterface;
 - (instancetype)initWithMachServiceName:(NSString*)name options:(NSUInteger)options;
-- (id)synchronousRemoteObjectProxyWithErrorHandler:(void (^)(NSError* error))handler;
+- (id)remoteObjectProxyWithErrorHandler:(void (^)(NSError* error))handler;
 - (void)resume;
 - (void)invalidate;
 @end
