@@ -20,6 +20,7 @@
 #include "Platform/MonotonicClock.hpp"
 #include "Platform/StopSignals.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
+#include "QuenzelMonitor/HistoryDatabase.hpp"
 #include "QuenzelMonitor/SnapshotRecorder.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 #include "SharedModels/Runtime/Number.hpp"
@@ -27,13 +28,12 @@
 #include "SharedModels/Runtime/Text.hpp"
 #include "SharedModels/Snapshot/SamplingConfig.hpp"
 #include "SharedModels/Snapshot/SnapshotQuality.hpp"
-#include "Storage/SQLiteSnapshotStoreLocation.hpp"
 
 namespace quenzel {
 namespace {
 
 struct RecordOptions {
-  std::string database;
+  std::optional<std::string> database;
   std::string mode{rawValue(SamplingMode::background)};
   double intervalSeconds = 0;  ///< 0: the mode's
   std::int64_t count = 0;      ///< 0: until stopped
@@ -117,15 +117,12 @@ bool nothingIsStored(const RecordingTally& tally) {
          0;
 }
 
-int record(const RecordOptions& options, Console& console) {
+int record(SQLiteSnapshotStore& store, const RecordOptions& options, Console& console) {
   const platform::StopSignals stop;
-  // A reader that went away and a file that may not grow show as failing writes, not as the end.
+  // A reader of the output that went away shows as a failing write, not as the end.
   std::signal(SIGPIPE, SIG_IGN);
   const DefaultShellRunner shell;
   SamplingCycle cycle(shell);
-  SQLiteSnapshotStore store(
-      options.database.empty() ? SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL() : options.database,
-      SQLiteSnapshotStore::Mode::readWriteCreate);
   SnapshotRecorderOptions recording{.intervalSeconds = intervalOf(options), .cycleCount = options.count};
   if (options.keepDays > 0) recording.keepDays = options.keepDays;
   recording.logicalCPUCount = std::max<std::int64_t>(std::thread::hardware_concurrency(), 1);
@@ -171,7 +168,7 @@ void addRecordCommand(CLI::App& app, std::function<int()>& command, Console& con
   // count.
   constexpr double shortestIntervalSeconds = 2, longestIntervalSeconds = 60;
   constexpr double longestKeptDays = 36500;
-  recordApp->add_option("--database", options->database, "the history; the shared one when left out");
+  addDatabaseOption(*recordApp, options->database);
   recordApp->add_option("--mode", options->mode, "background, interactive or burst: every 20, 8 or 8 s")
       ->check(CLI::IsMember({"background", "interactive", "burst"}));
   addNumberOption(*recordApp, "--interval", options->intervalSeconds, shortestIntervalSeconds,
@@ -181,8 +178,12 @@ void addRecordCommand(CLI::App& app, std::function<int()>& command, Console& con
                   "delete what is older, at the start and from time to time");
   recordApp->add_flag("--json", options->json, "print one JSON document a line");
   recordApp->add_flag("--quiet", options->quiet, "print nothing but failures");
-  recordApp->callback(
-      [&command, &console, options] { command = [&console, options] { return record(*options, console); }; });
+  recordApp->callback([&command, &console, options] {
+    command = [&console, options] {
+      return withHistory(options->database, HistoryAccess::create,
+                         [&](SQLiteSnapshotStore& store) { return record(store, *options, console); });
+    };
+  });
 }
 
 }  // namespace quenzel

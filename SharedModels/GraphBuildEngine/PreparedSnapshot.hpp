@@ -6,7 +6,7 @@
 
 namespace quenzel {
 
-/// What the graphs need of a stored snapshot: its power split in two ways, and the battery. A week of them is
+/// What the graphs need of a stored snapshot: its power by where it went, and the battery. A week of them is
 /// small, so they may come straight from the store's columns, without the snapshots' rows.
 struct PreparedSnapshot {
   PointInTime timestamp = {};

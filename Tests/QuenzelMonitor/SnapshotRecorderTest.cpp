@@ -26,6 +26,7 @@ struct World {
   std::function<SnapshotInsertOutcome()> insertion = [] { return SnapshotInsertOutcome::inserted; };
   std::function<void()> purging = [] {};
   Seconds startedAt, purgedAt; DrainSnapshot stored;
+  std::vector<PointInTime> purgedBefore;
   std::vector<RecordingOutcome> reported;
   std::vector<std::string> complaints;
   void pass(double span) { seconds += span; wall.advance(span); }
@@ -33,7 +34,7 @@ struct World {
     return SnapshotRecorder({
         .sample = [this] { startedAt.push_back(seconds); return cycle(); },
         .insert = [this](const DrainSnapshot& snapshot) { stored = snapshot; return insertion(); },
-        .purge = [this](PointInTime before) { EXPECT_EQ(std::min(newest, wall.now()) - before, 86'400); purgedAt.push_back(seconds); purging(); return 1; },
+        .purge = [this](PointInTime before) { purgedAt.push_back(seconds); purgedBefore.push_back(before); purging(); return 1; },
         .newestStored = [this] { return newest; }, .now = wall.provider(), .monotonicSeconds = [this] { return seconds; },
         .waitForStop = [this](double span) { pass(std::min(span, std::max(stopAt - seconds, 0.0))); return seconds >= stopAt; },
         .report = [this](const RecordedCycle& recorded) { reported.push_back(recorded.outcome); }, .complain = [this](const std::string& failure) { complaints.push_back(failure); }}, options).run();
@@ -87,6 +88,11 @@ TEST(SnapshotRecorder, PurgesAtTheStartAndThenSeldom) {
   world.purging = [&] { if (world.purgedAt.size() == 2) throw std::runtime_error("locked"); };
   world.record({.intervalSeconds = 600, .cycleCount = 40, .keepDays = 1});  // a tenth of a day is 8640 s
   EXPECT_EQ(world.purgedAt, (Seconds{0, 9000, 12600, 21600}));
+  EXPECT_EQ(world.purgedBefore.back() - world.purgedBefore.front(), 21600) << "a day back from now";
+  World ahead;  // the clock, by a year
+  ahead.newest = ahead.wall.now() - 365 * 86'400;
+  ahead.record({.cycleCount = 1, .keepDays = 1});
+  EXPECT_EQ(ahead.newest - ahead.purgedBefore.at(0), 86'400) << "a day back from the newest snapshot";
   EXPECT_EQ(world.complaints, std::vector<std::string>{"can't purge the history: locked"});
 }
 // clang-format on
