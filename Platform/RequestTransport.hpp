@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -27,6 +28,9 @@ class RequestHandler {
   virtual void terminateProcess(std::int32_t pid, const OutcomeReply& reply) = 0;
 };
 
+/// How long a client waits for a reply.
+inline constexpr std::chrono::seconds requestReplyTimeout{60};
+
 /// Something that kept the transport from working, in words for a person.
 struct TransportFailure {
   std::string message;
@@ -47,7 +51,7 @@ struct RequestReply {
 using RequestResult = std::variant<RequestReply, TransportFailure>;
 
 /// The client's end of one connection. Each call blocks until the reply or a failure, and gives up after
-/// 60 seconds; not thread-safe.
+/// requestReplyTimeout; not thread-safe.
 class RequestClient {
  public:
   virtual ~RequestClient() = default;

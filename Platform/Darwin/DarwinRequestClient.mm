@@ -1,4 +1,3 @@
-#include <chrono>
 #include <future>
 
 #import <Foundation/Foundation.h>
@@ -14,16 +13,14 @@ using Daemon = id<BatteryMetricsXPCProtocol>;
 using Reply = void (^)(BOOL success, NSString* message);
 using Outcome = std::promise<RequestResult>;
 
-constexpr std::chrono::seconds replyTimeout{60};
-
 /// Ends the wait for an outcome; what comes after the first one is dropped. Nothing may unwind into the
 /// frames that deliver messages.
 template <typename MakeResult>
 void settle(Outcome& outcome, MakeResult makeResult) noexcept {
   try {
     outcome.set_value(makeResult());
-  } catch (
-      ...) {  // NOLINT(bugprone-empty-catch): settled already, or no memory, and then the wait ends by itself
+  } catch (...) {  // NOLINT(bugprone-empty-catch)
+    // Settled already; or there is no memory, and then the wait ends by itself.
   }
 }
 
@@ -74,7 +71,7 @@ class DarwinRequestClient final : public RequestClient {
       request(daemon, ^(BOOL success, NSString* message) {
         settle(*outcome, [&]() -> RequestResult { return RequestReply{success, textOf(message)}; });
       });
-      if (result.wait_for(replyTimeout) != std::future_status::ready)
+      if (result.wait_for(requestReplyTimeout) != std::future_status::ready)
         return unanswered("no reply within a minute");
       RequestResult settled = result.get();
       if (const auto* failure = std::get_if<TransportFailure>(&settled)) return unanswered(failure->message);

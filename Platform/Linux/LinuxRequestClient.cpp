@@ -17,7 +17,8 @@ namespace {
 
 // The slowest request runs a tool twice, each with its time-out and two periods of grace: about 12 seconds by
 // default.
-constexpr std::uint64_t replyTimeoutMicroseconds = 60'000'000;
+constexpr auto replyTimeoutMicroseconds =
+    static_cast<std::uint64_t>(std::chrono::microseconds(requestReplyTimeout).count());
 
 std::string describe(int negativeError) { return std::system_category().message(-negativeError); }
 
