@@ -40,7 +40,11 @@ struct PropertyValue {
     return std::get_if<T>(&value);
   }
 
-  bool operator==(const PropertyValue&) const = default;
+  // Defaulted inside the class it would be asked for while the class is incomplete: libc++ then takes a
+  // vector of these values for one that may be moved by copying its bytes.
+  friend bool operator==(const PropertyValue& left, const PropertyValue& right) {
+    return left.value == right.value;
+  }
 };
 
 using PropertyDictionary = PropertyValue::Dictionary;
