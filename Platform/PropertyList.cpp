@@ -249,6 +249,44 @@ class MarkupCheck {
   bool hasValue_ = false;
 };
 
+// libplist 2.3 added signed integers, and from then on writes what plist_new_uint made without a sign; 2.7
+// replaced the calls for dates. Arguments of a template's type let each call stand only where the library
+// declares it.
+
+template <typename Integer>
+plist_t newInteger(Integer integer) {
+  if constexpr (requires { plist_new_int(integer); }) {
+    return plist_new_int(integer);
+  } else {
+    return plist_new_uint(static_cast<std::uint64_t>(integer));
+  }
+}
+
+constexpr std::int64_t k2001InUnixTime = 978307200;
+
+template <typename Seconds>
+plist_t newDate(Seconds secondsSince2001) {
+  if constexpr (requires { plist_new_unix_date(secondsSince2001); }) {
+    return plist_new_unix_date(secondsSince2001 + k2001InUnixTime);
+  } else {
+    return plist_new_date(secondsSince2001, 0);
+  }
+}
+
+template <typename Node>
+std::int64_t secondsSince2001(Node node) {
+  std::int64_t unixTime = 0;
+  if constexpr (requires { plist_get_unix_date_val(node, &unixTime); }) {
+    plist_get_unix_date_val(node, &unixTime);
+    return unixTime - k2001InUnixTime;
+  } else {
+    std::int32_t seconds = 0;
+    std::int32_t microseconds = 0;  // none: the text that was read has whole seconds
+    plist_get_date_val(node, &seconds, &microseconds);
+    return seconds;
+  }
+}
+
 struct PlistFree {
   void operator()(void* node) const { plist_free(node); }
 };
@@ -297,10 +335,7 @@ PropertyValue integerOf(plist_t node, void (*read)(plist_t, std::uint64_t*)) {
 }
 
 PropertyValue dateOf(plist_t node) {
-  std::int32_t seconds = 0;
-  std::int32_t microseconds = 0;
-  plist_get_date_val(node, &seconds, &microseconds);
-  return PropertyValue::Date{seconds + microseconds / 1e6};
+  return PropertyValue::Date{static_cast<double>(secondsSince2001(node))};
 }
 
 PropertyValue valueOf(plist_t node) {
@@ -350,10 +385,7 @@ class NodeBuilder {
   static Plist build(const PropertyValue& value) { return std::visit(NodeBuilder(1), value.value); }
 
   Plist operator()(bool boolean) const { return Plist(plist_new_bool(boolean ? 1 : 0)); }
-  // The writer takes what lies above the largest signed integer for a negative one, as the reader does.
-  Plist operator()(std::int64_t integer) const {
-    return Plist(plist_new_uint(static_cast<std::uint64_t>(integer)));
-  }
+  Plist operator()(std::int64_t integer) const { return Plist(newInteger(integer)); }
   Plist operator()(double real) const {
     if (!std::isfinite(real)) refuse("can't hold a number that isn't finite");
     return Plist(plist_new_real(real));
@@ -366,7 +398,7 @@ class NodeBuilder {
     const double whole = std::floor(date.secondsSince2001);
     if (!(std::abs(whole) < std::numeric_limits<std::int32_t>::max()))
       refuse("can't hold a date so far from 2001");
-    return Plist(plist_new_date(static_cast<std::int32_t>(whole), 0));
+    return Plist(newDate(static_cast<std::int32_t>(whole)));
   }
   Plist operator()(const PropertyValue::Array& array) const {
     requireDepth();
