@@ -4,9 +4,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "Platform/FileDescriptor.hpp"
+#include "Platform/QuietWrite.hpp"
 
 namespace quenzel::platform {
 
@@ -18,8 +18,7 @@ int appendToFile(const std::string& path, std::string_view bytes, mode_t mode) {
   if (::fstat(file.get(), &status) != 0) return errno;
   if (!S_ISREG(status.st_mode) || status.st_nlink > 1) return EPERM;
   while (!bytes.empty()) {
-    const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
+    const ssize_t written = writeQuietly(file.get(), bytes);
     if (written <= 0) return written < 0 ? errno : EIO;
     bytes.remove_prefix(static_cast<std::size_t>(written));
   }

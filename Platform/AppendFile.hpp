@@ -7,10 +7,10 @@
 
 namespace quenzel::platform {
 
-/// Adds the bytes at the end of a file, creating it with the mode when it is missing; 0, or the errno of what
-/// failed. What stands there must be a plain file of one name: a link of either kind is refused, and a FIFO
-/// that nobody reads fails instead of blocking. The files written this way stand in folders that every user
-/// may change, and the writer may be root.
+/// Appends the bytes to a file, creating it with the mode when it is missing; 0, or the errno of what failed.
+/// The path must be a regular file with one hard link; symbolic and hard links, FIFOs and devices are
+/// refused, since the files written this way are in folders that every user may change, and the writer may be
+/// root.
 int appendToFile(const std::string& path, std::string_view bytes, mode_t mode);
 
 }  // namespace quenzel::platform

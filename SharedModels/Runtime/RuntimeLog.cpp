@@ -1,7 +1,6 @@
 #include "SharedModels/Runtime/RuntimeLog.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 
 #include <fmt/format.h>
@@ -10,6 +9,7 @@
 #include "Platform/AppendFile.hpp"
 #include "Platform/Environment.hpp"
 #include "Platform/Mutex.hpp"
+#include "Platform/QuietWrite.hpp"
 #include "Platform/Settings.hpp"
 #include "Platform/SharedDirectory.hpp"
 #include "Platform/SystemLog.hpp"
@@ -43,13 +43,6 @@ bool isTruthy(std::string_view text) {
   return word == "1" || word == "true" || word == "yes" || word == "y" || word == "on";
 }
 
-void writeToStandardError(const std::string& line) {
-  ssize_t written = 0;
-  do {
-    written = ::write(STDERR_FILENO, line.data(), line.size());
-  } while (written < 0 && errno == EINTR);
-}
-
 void writeToSystemLog(RuntimeLogLevel level, std::string_view component, std::string_view message) {
   static const std::string subsystem = AppConfiguration::Logging::subsystem();
   platform::SystemLog& log = platform::systemLog();
@@ -81,7 +74,7 @@ void write(RuntimeLogLevel level, std::string_view component, std::string_view m
   if (level > minimumLevel) return;
 
   const std::string line = RuntimeLog::formattedLine(now().secondsSince1970(), level, component, message);
-  writeToStandardError(line);
+  platform::writeQuietly(STDERR_FILENO, line);
   writeToSystemLog(level, component, message);
   appendToSharedFile(line);
   if (notificationsEnabled) NotificationCentre::shared().post(runtimeLogDidWrite, {{"line", line}});

@@ -16,9 +16,9 @@ inline constexpr std::string_view runtimeLogDidWrite = "RuntimeLogDidWrite";
 
 /// The one logging facility. A call writes one line,
 /// "[<seconds since 1970, 3 decimals>] [<LEVEL>] [<component>] <message>\n", to standard error, to the
-/// system's log, to the shared log file and, when switched on, to observers. Nothing here fails or throws;
-/// each destination is written whatever became of the others. Any thread may log; the one lock guards two
-/// settings and is never held while writing.
+/// system's log, to the shared log file and, when switched on, to observers. Nothing here fails, throws or
+/// raises a signal; each destination is written whatever became of the others. Any thread may log; the one
+/// lock guards two settings and is never held while writing.
 ///
 /// Every call looks at QZL_LOG_DISABLED afresh, and opens and closes the file, so that a switch set at run
 /// time and a log file moved away take effect with the next line.
@@ -29,7 +29,8 @@ class RuntimeLog {
   static void error(std::string_view component, std::string_view message);
 
   /// Replaces the values that are given.
-  static void configure(std::optional<RuntimeLogLevel> minLevel, std::optional<bool> notificationsEnabled);
+  static void configure(std::optional<RuntimeLogLevel> minLevel = std::nullopt,
+                        std::optional<bool> notificationsEnabled = std::nullopt);
   static void setMinimumLevel(RuntimeLogLevel level);
   static void setNotificationBroadcastEnabled(bool enabled);
 

@@ -1,10 +1,14 @@
+#include <csignal>
 #include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "Platform/ChildProcessSupport.hpp"
 #include "SharedModels/Runtime/NotificationCentre.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
 #include "SharedModels/Runtime/Text.hpp"
@@ -24,14 +28,16 @@ using enum RuntimeLogLevel;
 
 TEST(RuntimeLog, ChoosesItsFirstLevel) {
   constexpr auto level = "QZL_LOG_LEVEL", verbose = "QZL_LOG_VERBOSE";
-  // clang-format off
   const std::tuple<std::map<std::string, std::string>, PropertyDictionary, RuntimeLogLevel> rows[] = {
-      {{}, {}, warn},                       {{{level, " INFO \n"}}, {{level, "error"}}, info},
-      {{{level, "debug"}}, {}, warn},       {{{level, "debug"}}, {{level, " Error"}}, error},
-      {{{verbose, "1"}}, {}, info},         {{}, {{level, std::int64_t{1}}}, warn},
-      {{{verbose, "true"}}, {}, warn},      {{{verbose, "1"}, {level, "error"}}, {}, error},
+      {{}, {}, warn},
+      {{{level, " INFO \n"}}, {{level, "error"}}, info},
+      {{{level, "debug"}}, {{level, " Error"}}, error},
+      {{{level, "debug"}}, {}, warn},
+      {{}, {{level, std::int64_t{1}}}, warn},
+      {{{verbose, "1"}}, {}, info},
+      {{{verbose, "1"}, {level, "warn"}}, {{level, "error"}}, warn},
+      {{{verbose, "true"}}, {}, warn},
       {{{verbose, " 1"}}, {}, warn}};
-  // clang-format on
   for (const auto& [environment, bundle, expected] : rows) {
     EXPECT_EQ(RuntimeLog::initialMinimumLevel(environment, &bundle), expected)
         << ::testing::PrintToString(environment);
@@ -84,11 +90,12 @@ class RuntimeLogWriting : public ::testing::Test {
 
 TEST_F(RuntimeLogWriting, WritesStandardErrorFileAndNotification) {
   RuntimeLog::configure(warn, true);
+  RuntimeLog::configure(error);  // what is not given stays
   std::vector<std::string> lines;
   const auto token = NotificationCentre::shared().observe(
       runtimeLogDidWrite, [&](const auto& userInfo) { lines.push_back(userInfo.at("line")); });
   ::testing::internal::CaptureStderr();
-  RuntimeLog::info("Daemon", "dropped");
+  RuntimeLog::warn("Daemon", "dropped");
   RuntimeLog::error("Daemon", "x");
   const std::string standardError = ::testing::internal::GetCapturedStderr();
   EXPECT_THAT(lines, ElementsAre(EndsWith("[ERROR] [Daemon] x\n")));
@@ -97,6 +104,35 @@ TEST_F(RuntimeLogWriting, WritesStandardErrorFileAndNotification) {
   struct stat status {};
   ASSERT_EQ(::stat(RuntimeLog::sharedLogPath().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0644U);
+}
+
+TEST_F(RuntimeLogWriting, OutlivesABrokenPipeAndAFullFile) {
+  const auto logsToNobody = [] {
+    auto pipe = platform::makePipe().value();
+    pipe.first.reset();
+    ::dup2(pipe.second.get(), STDERR_FILENO);
+    RuntimeLog::error("Daemon", "nobody reads standard error");
+    const rlimit noFileGrows{};
+    ::setrlimit(RLIMIT_FSIZE, &noFileGrows);
+    RuntimeLog::error("Daemon", "the log file is at its limit");
+    // The program's own handling of signals is as it was: unblocked, and fatal.
+    ::raise(SIGPIPE);
+  };
+  EXPECT_EXIT(logsToNobody(), KilledBySignal(SIGPIPE), "");
+  EXPECT_THAT(file(), MatchesRegex("[^\n]*\\[Daemon\\] nobody reads standard error\n"));
+}
+
+TEST_F(RuntimeLogWriting, LeavesASignalAloneThatWaitsAlready) {
+  const auto logsWithOneWaiting = [] {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    ::raise(SIGPIPE);
+    RuntimeLog::error("Daemon", "x");
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  };
+  EXPECT_EXIT(logsWithOneWaiting(), KilledBySignal(SIGPIPE), "x");
 }
 
 TEST_F(RuntimeLogWriting, ObeysTheDisabledSwitchAtTheNextCallAndTakesNoLinkOrFifoForItsFile) {
