@@ -2,19 +2,19 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 
 #include "MetricsCollectors/ProcessTerminating.hpp"
+#include "Platform/SignalTarget.hpp"
 
 namespace quenzel {
 
-/// What ending a process needs of the operating system; tests put their own in its place.
+/// What ending a process needs of the operating system; tests supply their own.
 class SignalOperations {
  public:
   virtual ~SignalOperations() = default;
 
-  virtual std::int32_t ownPID() = 0;
-  /// kill(2); 0, or the errno of the failure. Signal 0 only asks whether the process can be signalled.
-  virtual int send(std::int32_t pid, int signal) = 0;
+  virtual std::unique_ptr<platform::SignalTarget> target(std::int32_t pid) = 0;
   /// The wall clock.
   virtual std::chrono::system_clock::time_point now() = 0;
   virtual void sleep(std::chrono::microseconds duration) = 0;
@@ -23,9 +23,9 @@ class SignalOperations {
 /// The operations of this system.
 SignalOperations& systemSignalOperations();
 
-/// SIGTERM, up to 0.35 s for the process to go, SIGKILL, up to 0.35 s more. A process that is gone at any
-/// step counts as a success. A zombie still answers kill(2) and so counts as running. Stateless; blocks for
-/// at most about 0.7 s.
+/// SIGTERM, up to 0.35 s for the process to exit, SIGKILL, up to 0.35 s more. A process that is gone at any
+/// step counts as a success. A zombie can still be signalled and so counts as running. The process that this
+/// code runs in is refused, whichever of its numbers is given. Stateless; blocks for at most about 0.7 s.
 class DefaultProcessTerminator final : public ProcessTerminating {
  public:
   explicit DefaultProcessTerminator(SignalOperations& operations = systemSignalOperations())
@@ -34,7 +34,7 @@ class DefaultProcessTerminator final : public ProcessTerminating {
   ProcessTerminationResult terminateProcess(std::int32_t pid) const override;
 
  private:
-  bool waitForExit(std::int32_t pid, std::chrono::milliseconds timeout) const;
+  bool waitForExit(const platform::SignalTarget& target, std::chrono::milliseconds timeout) const;
 
   SignalOperations& operations_;
 };
