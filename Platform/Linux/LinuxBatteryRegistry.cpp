@@ -18,6 +18,7 @@ struct PowerReading {
 PowerReading readPower() {
   PowerSupplies supplies = readPowerSupplies(sysfsRoot());
   PowerReading power{combinedBattery(supplies.batteries), std::move(supplies.externalSupplies)};
+  if (power.battery) power.battery = withComputedTimes(std::move(*power.battery));
   if (!power.battery && modelsHardware()) {
     power.battery = modelledBattery(readModelledHardware());
     power.externalSupplies.clear();  // the model's own adapter is the one that its battery hangs on
@@ -46,6 +47,12 @@ class DictionaryWriter {
     // What only a driver's nonsense can come to is left out; it would not fit an integer.
     if (value && std::abs(*value) <= 1e12) set(key, std::optional<std::int64_t>(std::llround(*value)));
   }
+  /// A charge in mAh. One that nobody knows is said to be unknown instead of left out: a reader that misses
+  /// the key would take the level in percent, which stands beside it, for a charge.
+  void setCharge(const char* key, std::optional<double> chargeMah) {
+    set(key, std::optional<std::string>("unknown"));
+    setRounded(key, chargeMah);
+  }
   PropertyDictionary take() { return std::move(entries_); }
 
  private:
@@ -68,14 +75,18 @@ std::optional<std::int64_t> fullLevel(const BatteryReading& battery) {
   return battery.levelPercent ? std::optional<std::int64_t>(100) : std::nullopt;
 }
 
+std::optional<std::int64_t> either(std::optional<std::int64_t> first, std::optional<std::int64_t> second) {
+  return first ? first : second;
+}
+
 PropertyDictionary registryProperties(const PowerReading& power) {
   const BatteryReading& battery = *power.battery;
   const bool charging = battery.state == BatteryState::charging;
   DictionaryWriter properties;
   properties.set("CurrentCapacity", battery.levelPercent);
   properties.set("MaxCapacity", fullLevel(battery));
-  properties.setRounded("AppleRawCurrentCapacity", battery.chargeMah);
-  properties.setRounded("AppleRawMaxCapacity", battery.fullChargeMah);
+  properties.setCharge("AppleRawCurrentCapacity", battery.chargeMah);
+  properties.setCharge("AppleRawMaxCapacity", battery.fullChargeMah);
   properties.setRounded("DesignCapacity", battery.designChargeMah);
   properties.setRounded("Voltage", battery.voltageMV);
   properties.setRounded("Amperage", battery.averageCurrentMa ? battery.averageCurrentMa : battery.currentMa);
@@ -87,10 +98,11 @@ PropertyDictionary registryProperties(const PowerReading& power) {
   properties.set("Temperature", battery.temperatureCentiC);
   properties.set("Serial", battery.serialNumber);
   properties.set("DeviceName", battery.deviceName);
-  properties.set("AvgTimeToEmpty", battery.averageMinutesToEmpty);
-  properties.set("AvgTimeToFull", battery.averageMinutesToFull);
-  properties.set("TimeToFull", battery.minutesToFull);
-  properties.set("TimeRemaining", charging ? battery.minutesToFull : battery.minutesToEmpty);
+  properties.set("AvgTimeToEmpty", either(battery.averageMinutesToEmpty, battery.minutesToEmpty));
+  properties.set("AvgTimeToFull", either(battery.averageMinutesToFull, battery.minutesToFull));
+  properties.set("TimeToFull", either(battery.minutesToFull, battery.averageMinutesToFull));
+  properties.set("TimeRemaining", charging ? either(battery.minutesToFull, battery.averageMinutesToFull)
+                                           : either(battery.minutesToEmpty, battery.averageMinutesToEmpty));
   properties.set("AdapterDetails", adapterDetails(power.externalSupplies));
   return properties.take();
 }
@@ -113,12 +125,10 @@ PropertyDictionary powerSourceDescription(const PowerReading& power) {
                     std::optional<std::string>(*external ? "AC Power" : "Battery Power"));
   }
   if (external == false) {
-    description.set("Time to Empty",
-                    battery.averageMinutesToEmpty ? battery.averageMinutesToEmpty : battery.minutesToEmpty);
+    description.set("Time to Empty", either(battery.averageMinutesToEmpty, battery.minutesToEmpty));
   }
   if (charging) {
-    description.set("Time to Full Charge",
-                    battery.averageMinutesToFull ? battery.averageMinutesToFull : battery.minutesToFull);
+    description.set("Time to Full Charge", either(battery.averageMinutesToFull, battery.minutesToFull));
   }
   return description.take();
 }

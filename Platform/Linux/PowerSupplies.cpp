@@ -14,6 +14,9 @@ constexpr double microPerMilli = 1000;
 /// Beyond it no attribute means anything: a million volts, amperes or watt-hours in their micro-units.
 constexpr std::int64_t largestValue = 1'000'000'000'000;
 
+/// A battery gauge counts minutes in 16 bits, and its highest count means "unknown".
+constexpr std::int64_t unknownMinutes = 65535;
+
 /// What a resting battery may show without charging or discharging: noise of its gauge.
 constexpr double restingCurrentMa = 50;
 
@@ -44,7 +47,8 @@ class Attributes {
 
   std::optional<std::int64_t> minutes(const char* secondsName) const {
     const std::optional<std::int64_t> seconds = integer(secondsName);
-    return seconds && *seconds >= 0 ? std::optional(*seconds / 60) : std::nullopt;
+    return seconds && *seconds > 0 && *seconds / 60 < unknownMinutes ? std::optional(*seconds / 60)
+                                                                     : std::nullopt;
   }
 
  private:
@@ -78,6 +82,14 @@ std::optional<double> positive(std::optional<double> value) {
   return value && *value > 0 ? value : std::nullopt;
 }
 
+/// How long a charge lasts, or takes, at that rate.
+std::optional<std::int64_t> minutesFor(std::optional<double> chargeMah, std::optional<double> currentMa) {
+  if (!chargeMah || !currentMa || *chargeMah < 0 || *currentMa == 0) return std::nullopt;
+  const double minutes = *chargeMah / std::abs(*currentMa) * 60;
+  return minutes < static_cast<double>(unknownMinutes) ? std::optional(static_cast<std::int64_t>(minutes))
+                                                       : std::nullopt;
+}
+
 BatteryReading readBattery(const Attributes& attributes) {
   BatteryReading battery;
   battery.state = batteryState(attributes.text("status"));
@@ -92,9 +104,14 @@ BatteryReading readBattery(const Attributes& attributes) {
   battery.designChargeMah = charge("charge_full_design", "energy_full_design");
   battery.currentMa = signedCurrent(charge("current_now", "power_now"), battery.state);
   battery.averageCurrentMa = signedCurrent(charge("current_avg", "power_avg"), battery.state);
-  battery.levelPercent = attributes.integer("capacity");
-  if (battery.levelPercent) battery.levelPercent = std::clamp<std::int64_t>(*battery.levelPercent, 0, 100);
-  if (!battery.levelPercent) battery.levelPercent = percentOf(battery.chargeMah, battery.fullChargeMah);
+  if (!battery.chargeMah) battery.chargeMah = positive(attributes.milli("charge_counter"));
+  if (const auto level = attributes.integer("capacity")) {
+    battery.levelPercent = std::clamp<std::int64_t>(*level, 0, 100);
+    if (!battery.chargeMah && battery.fullChargeMah)
+      battery.chargeMah = *battery.fullChargeMah * static_cast<double>(*battery.levelPercent) / 100;
+  } else {
+    battery.levelPercent = percentOf(battery.chargeMah, battery.fullChargeMah);
+  }
   battery.cycleCount = attributes.integer("cycle_count");
   if (battery.cycleCount && *battery.cycleCount <= 0) battery.cycleCount.reset();
   if (const auto tenthsOfDegree = attributes.integer("temp"))
@@ -106,6 +123,11 @@ BatteryReading readBattery(const Attributes& attributes) {
   battery.serialNumber = attributes.text("serial_number");
   battery.deviceName = attributes.text("model_name");
   return battery;
+}
+
+/// An entry that tells neither a voltage nor how full it is stands for an empty bay.
+bool isThere(const BatteryReading& battery) {
+  return battery.voltageMV || battery.levelPercent || battery.chargeMah;
 }
 
 ExternalSupply readExternalSupply(const Attributes& attributes) {
@@ -157,7 +179,8 @@ PowerSupplies readPowerSupplies(const std::string& sysfsRoot) {
     if (type != "Battery") {
       supplies.externalSupplies.push_back(readExternalSupply(attributes));
     } else if (attributes.integer("present") != 0) {
-      supplies.batteries.push_back(readBattery(attributes));
+      BatteryReading battery = readBattery(attributes);
+      if (isThere(battery)) supplies.batteries.push_back(std::move(battery));
     }
   }
   return supplies;
@@ -185,6 +208,22 @@ std::optional<BatteryReading> combinedBattery(const std::vector<BatteryReading>&
   all.minutesToFull.reset();
   all.averageMinutesToFull.reset();
   return all;
+}
+
+BatteryReading withComputedTimes(BatteryReading battery) {
+  const auto fill = [](std::optional<std::int64_t>& minutes, std::optional<double> chargeMah,
+                       std::optional<double> currentMa) {
+    if (!minutes) minutes = minutesFor(chargeMah, currentMa);
+  };
+  if (battery.state == BatteryState::discharging) {
+    fill(battery.minutesToEmpty, battery.chargeMah, battery.currentMa);
+    fill(battery.averageMinutesToEmpty, battery.chargeMah, battery.averageCurrentMa);
+  } else if (battery.state == BatteryState::charging && battery.chargeMah && battery.fullChargeMah) {
+    const double missingMah = *battery.fullChargeMah - *battery.chargeMah;
+    fill(battery.minutesToFull, missingMah, battery.currentMa);
+    fill(battery.averageMinutesToFull, missingMah, battery.averageCurrentMa);
+  }
+  return battery;
 }
 
 }  // namespace quenzel::platform

@@ -25,11 +25,12 @@ struct BatteryReading {
   /// charge, else with the driver's sign. averageCurrentMa likewise.
   std::optional<double> currentMa;
   std::optional<double> averageCurrentMa;
-  std::optional<double> chargeMah;
+  std::optional<double> chargeMah;         ///< where no counter tells it: the level's part of a full charge
   std::optional<double> fullChargeMah;     ///< what a full charge holds today
   std::optional<double> designChargeMah;   ///< what it held when new
   std::optional<std::int64_t> cycleCount;  ///< never 0: drivers write 0 for a count that they don't know
   std::optional<std::int64_t> temperatureCentiC;
+  // Times are never 0 as a driver reports them: drivers write 0 for a time that they don't know.
   std::optional<std::int64_t> minutesToEmpty;         ///< at the present rate
   std::optional<std::int64_t> averageMinutesToEmpty;  ///< at the average rate
   std::optional<std::int64_t> minutesToFull;
@@ -55,7 +56,8 @@ struct PowerSupplies {
 };
 
 /// Reads every supply of the machine, in the order of their names. Batteries of attached devices (a mouse, a
-/// phone), uninterruptible supplies and empty battery bays are left out. Some thirty small reads a battery.
+/// phone), uninterruptible supplies and empty battery bays are left out; so is an entry that tells neither a
+/// voltage nor how full it is. Some thirty small reads a battery.
 PowerSupplies readPowerSupplies(const std::string& sysfsRoot);
 
 /// Several batteries as one, none for no battery. Voltage and identity are the first one's; charges and
@@ -64,5 +66,9 @@ PowerSupplies readPowerSupplies(const std::string& sysfsRoot);
 /// other battery. The level is that of the sums, else the mean of the levels. A sum or mean that one of them
 /// can't contribute to is absent.
 std::optional<BatteryReading> combinedBattery(const std::vector<BatteryReading>& batteries);
+
+/// Fills in the times that the driver does not report, which is most drivers: the charge over the current
+/// that takes it, or the missing charge over the one that brings it.
+BatteryReading withComputedTimes(BatteryReading battery);
 
 }  // namespace quenzel::platform
