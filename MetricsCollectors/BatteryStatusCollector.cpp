@@ -56,33 +56,47 @@ std::string summary(const BatteryStatusSample& sample) {
 
 }  // namespace
 
-BatteryStatusSample BatteryStatusCollector::statusFrom(std::string_view propertyList) {
+PropertyDictionary BatteryStatusCollector::entryFrom(std::string_view propertyList) {
   const PropertyValue list = platform::decodePropertyList(propertyList);
   const auto* entries = list.as<PropertyValue::Array>();
-  const auto* properties = entries && !entries->empty() ? entries->front().as<PropertyDictionary>() : nullptr;
-  if (!properties) throw ShellRunnerError::failedToLaunch("Unable to parse AppleSmartBattery plist output.");
+  const auto* entry = entries && !entries->empty() ? entries->front().as<PropertyDictionary>() : nullptr;
+  if (!entry) throw ShellRunnerError::failedToLaunch("Unable to parse AppleSmartBattery plist output.");
+  return *entry;
+}
 
-  BatteryStatusSample sample = batteryStatusFromRegistry(*properties);
-  sample.levelPercent = levelPercent(*properties);
-  sample.externalPowerConnected = boolValue(*properties, "ExternalConnected").value_or(false);
-  if (const auto* adapter = dictionaryValue(*properties, "AdapterDetails")) {
+BatteryStatusSample BatteryStatusCollector::statusFrom(const PropertyDictionary& entry) {
+  BatteryStatusSample sample = batteryStatusFromRegistry(entry);
+  sample.levelPercent = levelPercent(entry);
+  sample.externalPowerConnected = boolValue(entry, "ExternalConnected").value_or(false);
+  if (const auto* adapter = dictionaryValue(entry, "AdapterDetails")) {
     sample.adapterWatts = intValue(*adapter, "Watts");
     sample.adapterName = stringValue(*adapter, "Name");
   }
-  sample.systemTimeRemainingMinutes = fills(*properties, sample)
-                                          ? firstMinutes(*properties, timeKeysWhileCharging)
-                                          : firstMinutes(*properties, timeKeysOtherwise);
+  sample.systemTimeRemainingMinutes = fills(entry, sample) ? firstMinutes(entry, timeKeysWhileCharging)
+                                                           : firstMinutes(entry, timeKeysOtherwise);
   return sample;
 }
 
-BatteryStatusSample BatteryStatusCollector::collectStatus() const {
+BatteryStatusSample BatteryStatusCollector::statusFrom(std::string_view propertyList) {
+  return statusFrom(entryFrom(propertyList));
+}
+
+PropertyDictionary BatteryStatusCollector::collectEntry() const {
   RuntimeLog::info(component, "Collecting battery status from ioreg.");
   ShellResult result = shell_.run("/usr/sbin/ioreg", {"-r", "-n", "AppleSmartBattery", "-a"});
   if (result.status != 0) {
     throw ShellRunnerError::nonZeroExit(result.status, std::move(result.stdout), std::move(result.stderr));
   }
-  const BatteryStatusSample sample = statusFrom(result.stdout);
-  RuntimeLog::info(component, summary(sample));
+  return entryFrom(result.stdout);
+}
+
+void BatteryStatusCollector::logStatus(const BatteryStatusSample& status) {
+  RuntimeLog::info(component, summary(status));
+}
+
+BatteryStatusSample BatteryStatusCollector::collectStatus() const {
+  const BatteryStatusSample sample = statusFrom(collectEntry());
+  logStatus(sample);
   return sample;
 }
 

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "MetricsCollectors/ShellRunning.hpp"
+#include "Platform/PropertyValue.hpp"
 #include "SharedModels/Snapshot/BatteryStatusSample.hpp"
 
 namespace quenzel {
@@ -27,7 +28,16 @@ class BatteryStatusCollector final : public BatteryStatusCollecting {
   /// The reading that such a dump holds: an array whose first element is the battery's dictionary.
   static BatteryStatusSample statusFrom(std::string_view propertyList);
 
+  // The steps of collectStatus(), for a caller who judges the entry before it counts as a reading.
+
+  /// Runs the tool and returns the battery's dictionary. Throws as collectStatus() does.
+  platform::PropertyDictionary collectEntry() const;
+  static BatteryStatusSample statusFrom(const platform::PropertyDictionary& entry);
+  static void logStatus(const BatteryStatusSample& status);
+
  private:
+  static platform::PropertyDictionary entryFrom(std::string_view propertyList);
+
   const ShellRunning& shell_;
 };
 

@@ -14,6 +14,7 @@ using platform::PropertyDictionary;
 using platform::PropertyValue;
 
 constexpr std::int64_t unknownMinutes = 65535;
+constexpr std::int64_t fullInPercent = 100;
 
 std::optional<std::int64_t> wholeNumber(double real) {
   constexpr double limit = 9223372036854775808.0;  // 2^63
@@ -80,6 +81,25 @@ std::optional<double> dischargeWatts(std::optional<std::int64_t> amperageMa,
                                      std::optional<std::int64_t> voltageMV) {
   if (!amperageMa || !voltageMV || *amperageMa >= 0) return std::nullopt;
   return -static_cast<double>(*amperageMa) * static_cast<double>(*voltageMV) / 1'000'000;
+}
+
+bool describesBattery(const PropertyDictionary& properties) {
+  if (!boolValue(properties, "BatteryInstalled").value_or(true)) return false;
+  return intValue(properties, "Voltage").value_or(0) > 0 || intValue(properties, "CurrentCapacity") ||
+         intValue(properties, "AppleRawCurrentCapacity");
+}
+
+bool tellsLevel(const PropertyDictionary& properties) {
+  return intValue(properties, "CurrentCapacity") && intValue(properties, "MaxCapacity").value_or(1) > 0;
+}
+
+void dropPercentTakenForCharge(BatteryStatusSample& sample, const PropertyDictionary& properties) {
+  // No battery holds 100 mAh when it is full.
+  if (intValue(properties, "MaxCapacity") != fullInPercent) return;
+  if (!properties.contains("AppleRawMaxCapacity")) sample.maxCapacityMah.reset();
+  if (properties.contains("AppleRawCurrentCapacity")) return;
+  sample.currentCapacityMah.reset();
+  sample.remainingWh.reset();
 }
 
 double limitedToPercent(double value) { return std::min(nonNegative(value), 100.0); }

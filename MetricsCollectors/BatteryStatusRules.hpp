@@ -30,6 +30,18 @@ std::optional<std::int64_t> minutesValue(const platform::PropertyDictionary& pro
 /// concerns the adapter are left as they are.
 BatteryStatusSample batteryStatusFromRegistry(const platform::PropertyDictionary& properties);
 
+// What a person may be shown of an entry, and a history may keep.
+
+/// Whether the entry stands for a battery: not marked as missing, and telling a voltage or a charge. A
+/// desktop and an empty bay may have an entry, too.
+bool describesBattery(const platform::PropertyDictionary& properties);
+
+/// Whether the entry tells how full the battery is; without that its level reads as 0 %.
+bool tellsLevel(const platform::PropertyDictionary& properties);
+
+/// Takes out what the entry tells in percent only: 80 of 100 are no mAh, and no energy follows from them.
+void dropPercentTakenForCharge(BatteryStatusSample& sample, const platform::PropertyDictionary& properties);
+
 /// Remaining energy of a charge; none unless both are known and at least 1.
 std::optional<double> remainingWattHours(std::optional<std::int64_t> capacityMah,
                                          std::optional<std::int64_t> voltageMV);

@@ -14,7 +14,8 @@ namespace quenzel {
 /// Thread-safe: one reading at a time.
 class DirectBatteryStatusReader {
  public:
-  explicit DirectBatteryStatusReader(std::unique_ptr<platform::BatteryRegistry> registry);
+  explicit DirectBatteryStatusReader(
+      std::unique_ptr<platform::BatteryRegistry> registry = platform::makeBatteryRegistry());
 
   /// None when the machine has no battery.
   std::optional<BatteryStatusSample> sample();

@@ -194,7 +194,7 @@ DrainSnapshot attribute(const AttributionBuildResult& build, const AttributionSi
   const AttributionInput& input = build.input;
   DrainSnapshot snapshot{.timestamp = input.timestamp, .totalDischargeW = usable(input.totalDischargeW)};
   snapshot.telemetry = telemetryOf(build.metadata);
-  snapshot.batteryStatus = finite(build.batteryStatus);
+  if (situation.batteryLevelKnown) snapshot.batteryStatus = finite(build.batteryStatus);
   snapshot.powerContext = PowerUsageContext{.onBatteryPower = situation.onBattery};
   if (snapshot.batteryStatus)
     snapshot.powerContext->batteryLevelPercent = snapshot.batteryStatus->levelPercent;

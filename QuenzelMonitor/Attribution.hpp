@@ -15,6 +15,7 @@ struct AttributionSituation {
   std::int64_t logicalCPUCount = 1;  ///< at least 1
   platform::ModelledHardware modelled = {};
   SystemPowerSnapshot componentPower = {};  ///< what the chip's counters say, where there are any
+  bool batteryLevelKnown = true;            ///< without a level there is no battery reading
 };
 
 /// Splits the total power of one cycle. A measured watt outranks a modelled one, and that a shared-out one:

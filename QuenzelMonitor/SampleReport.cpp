@@ -21,10 +21,16 @@ std::string hoursAndMinutes(std::int64_t minutes) {
   return fmt::format("{} h {:02} min", minutes / 60, minutes % 60);
 }
 
+std::string chargingRate(const BatteryStatusSample& battery) {
+  if (battery.amperageMa.value_or(0) <= 0 || battery.voltageMV.value_or(0) <= 0) return "";
+  return fmt::format(" at {:.2f} W", static_cast<double>(*battery.amperageMa) *
+                                         static_cast<double>(*battery.voltageMV) / 1e6);
+}
+
 /// What the battery does, with the rate at which it does it.
 std::string batteryActivity(const BatteryStatusSample& battery) {
   if (battery.dischargeWatts) return fmt::format("discharging at {:.2f} W", *battery.dischargeWatts);
-  if (battery.isCharging) return "charging";
+  if (battery.isCharging) return "charging" + chargingRate(battery);
   return battery.fullyCharged.value_or(false) ? "full" : "neither charging nor discharging";
 }
 
@@ -38,7 +44,9 @@ std::string timeLeft(const BatteryStatusSample& battery) {
 std::string batteryLine(const SamplingCycleResult& result) {
   const auto& battery = result.build.batteryStatus;
   if (!battery) return result.hasBattery ? "could not be read" : "none";
-  std::string line = fmt::format("{:.1f} %, {}", battery->levelPercent, batteryActivity(*battery));
+  std::string line =
+      result.batteryLevelKnown ? fmt::format("{:.1f} %", battery->levelPercent) : "level unknown";
+  line.append(", ").append(batteryActivity(*battery));
   if (battery->remainingWh) line += fmt::format(", {:.1f} Wh left", *battery->remainingWh);
   return line.append(timeLeft(*battery)).append(mark(result.modelled.battery));
 }
@@ -197,8 +205,10 @@ std::string sampleReport(const SamplingCycleResult& result, const SampleReportLa
 nlohmann::ordered_json encodeSample(const SamplingCycleResult& result) {
   nlohmann::ordered_json json = {{"input", encodeAttributionInput(result.build.input)},
                                  {"metadata", encodeMetadata(result.build.metadata)}};
-  if (result.build.batteryStatus)
+  if (result.build.batteryStatus) {
     json["batteryStatus"] = encodeBatteryStatusSample(*result.build.batteryStatus);
+    if (!result.batteryLevelKnown) json["batteryStatus"].erase("levelPercent");
+  }
   json["componentPower"] = encodeSystemPowerSnapshot(result.componentPower);
   json["totalSource"] = totalPowerSource(result.build);
   json["unavailable"] =

@@ -1,10 +1,14 @@
 #include "QuenzelMonitor/SamplingCycle.hpp"
 
 #include <exception>
+#include <memory>
+#include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "MetricsCollectors/BatteryStatusRules.hpp"
 #include "MetricsCollectors/RunningProcessMetadataResolver.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
 
@@ -33,23 +37,60 @@ class NotingPowermetricsCollector final : public PowermetricsCollecting {
   UnavailableSources& unavailable_;
 };
 
+/// A registry entry that stands for no battery.
+struct NoBattery final : std::runtime_error {
+  NoBattery() : std::runtime_error("this machine has none") {}
+};
+
 class NotingBatteryCollector final : public BatteryStatusCollecting {
  public:
-  NotingBatteryCollector(const ShellRunning& shell, UnavailableSources& unavailable, bool hasBattery)
-      : collector_(shell), unavailable_(unavailable), hasBattery_(hasBattery) {}
+  NotingBatteryCollector(const ShellRunning& shell, SamplingCycleResult& result)
+      : collector_(shell), result_(result) {}
   BatteryStatusSample collectStatus() const override {
     try {
-      return collector_.collectStatus();
+      return collectShownStatus();
+    } catch (const NoBattery& none) {
+      result_.hasBattery = false;
+      result_.unavailable.push_back({"battery", none.what()});
+      throw;
     } catch (const std::exception& error) {
-      unavailable_.push_back({"battery", hasBattery_ ? error.what() : "this machine has none"});
+      result_.unavailable.push_back({"battery", result_.hasBattery ? error.what() : NoBattery().what()});
       throw;
     }
   }
 
  private:
+  BatteryStatusSample collectShownStatus() const {
+    const platform::PropertyDictionary entry = collector_.collectEntry();
+    if (!describesBattery(entry)) throw NoBattery();
+    BatteryStatusSample status = BatteryStatusCollector::statusFrom(entry);
+    dropPercentTakenForCharge(status, entry);
+    BatteryStatusCollector::logStatus(status);
+    result_.hasBattery = true;
+    result_.batteryLevelKnown = tellsLevel(entry);
+    return status;
+  }
+
   BatteryStatusCollector collector_;
-  UnavailableSources& unavailable_;
-  bool hasBattery_;
+  SamplingCycleResult& result_;
+};
+
+/// The machine's registry without an entry that stands for no battery.
+class InstalledBatteryRegistry final : public platform::BatteryRegistry {
+ public:
+  std::optional<platform::PropertyDictionary> batteryProperties() override {
+    auto entry = registry_->batteryProperties();
+    return entry && describesBattery(*entry) ? std::move(entry) : std::nullopt;
+  }
+  std::optional<platform::PropertyDictionary> internalBatteryDescription() override {
+    return registry_->internalBatteryDescription();
+  }
+  std::optional<platform::PropertyDictionary> externalAdapterDetails() override {
+    return registry_->externalAdapterDetails();
+  }
+
+ private:
+  std::unique_ptr<platform::BatteryRegistry> registry_ = platform::makeBatteryRegistry();
 };
 
 /// The log's own lines have no room for a mark on each figure.
@@ -75,7 +116,7 @@ void noteSilentSources(const AttributionBuildMetadata& metadata, UnavailableSour
 }  // namespace
 
 SamplingCycle::SamplingCycle(const ShellRunning& shell)
-    : shell_(shell), processSampler_(shell), directBattery_(platform::makeBatteryRegistry()) {
+    : shell_(shell), processSampler_(shell), directBattery_(std::make_unique<InstalledBatteryRegistry>()) {
   componentPower_.sample(now());  // primes it, so that the first cycle has a span to measure
 }
 
@@ -85,22 +126,25 @@ SamplingCycleResult SamplingCycle::run() {
   logModelled(result.modelled);
   const auto directReading = directBattery_.sample();
   result.hasBattery = directReading.has_value();
-  // A machine without a battery runs on its supply, whatever the configuration's default says.
-  result.onBattery = directReading && !directReading->externalPowerConnected && !directReading->isCharging;
+  // What the builder goes by when the tool can't read the battery. A machine without one runs on its supply,
+  // whatever the configuration's default says.
+  SamplingSettings settings;
+  settings.isOnBatteryPower =
+      directReading && !directReading->externalPowerConnected && !directReading->isCharging;
 
   const NotingPowermetricsCollector powermetrics(shell_, result.unavailable);
-  const NotingBatteryCollector battery(shell_, result.unavailable, result.hasBattery);
+  const NotingBatteryCollector battery(shell_, result);
   const DisplayPowerEstimator display(smc_);
   const USBPowerEstimator usb(&smc_);
   const LiveAttributionInputBuilder builder(
       {processSampler_, powermetrics, display, usb, battery,
        [](std::int32_t pid) { return RunningProcessMetadataResolver::shared().resolve(pid); },
        RunningProcessMetadataCache::shared(), now, ComponentProfiler::shared()});
-  SamplingSettings settings;
-  settings.isOnBatteryPower = result.onBattery;
   result.build = builder.buildWithMetadata(
       processSampler_.sampleTopProcesses(LiveAttributionInputBuilder::processSampleLimit), {},
       SamplingConfig(settings));
+  // A total that was added up from components is one on external power: one answer for total and context.
+  result.onBattery = !result.build.metadata.usedEstimatedTotalPower;
   result.componentPower = componentPower_.sample(now());
   noteSilentSources(result.build.metadata, result.unavailable);
   return result;

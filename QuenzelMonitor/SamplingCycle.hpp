@@ -23,8 +23,9 @@ struct UnavailableSource {
 /// What one sampling cycle found out.
 struct SamplingCycleResult {
   AttributionBuildResult build;
-  bool hasBattery = false;  ///< whether the machine has one, read or not
-  bool onBattery = false;   ///< as the power sources say, whether or not the battery could be read in full
+  bool hasBattery = false;        ///< whether the machine has one, read or not
+  bool onBattery = false;         ///< the answer by which the total was chosen
+  bool batteryLevelKnown = true;  ///< false where the status's level stands for none
   std::vector<UnavailableSource> unavailable;
   SystemPowerSnapshot componentPower;   ///< since the cycle before, at first since the cycles were set up
   platform::ModelledHardware modelled;  ///< hardware whose figures are modelled, not measured

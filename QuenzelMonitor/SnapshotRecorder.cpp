@@ -122,7 +122,8 @@ void SnapshotRecorder::store(const SamplingCycleResult& sampled, RecordedCycle& 
   cycle.snapshot = attribute(sampled.build, {.onBattery = sampled.onBattery,
                                              .logicalCPUCount = options_.logicalCPUCount,
                                              .modelled = sampled.modelled,
-                                             .componentPower = sampled.componentPower});
+                                             .componentPower = sampled.componentPower,
+                                             .batteryLevelKnown = sampled.batteryLevelKnown});
   const auto decision = SnapshotPublicationPolicy::decision(cycle.snapshot);
   if (const auto reason = rejectionReason(decision)) {
     cycle.outcome = RecordingOutcome::rejected;

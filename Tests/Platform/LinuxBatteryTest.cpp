@@ -1,5 +1,3 @@
-#include <sstream>
-
 #include <gtest/gtest.h>
 
 #include "Platform/BatteryRegistry.hpp"
@@ -11,29 +9,6 @@ namespace {
 using platform::PropertyDictionary;
 using platform::PropertyValue;
 using Files = SystemTree::Files;
-
-/// "key=value,key=value" taken apart.
-Files attributes(const std::string& text) {
-  Files all;
-  std::istringstream pairs(text);
-  for (std::string pair; std::getline(pairs, pair, ',');) {
-    const std::size_t end = pair.find('=');
-    all[pair.substr(0, end)] = pair.substr(end + 1);
-  }
-  return all;
-}
-
-/// The same as properties: numbers, Booleans, else text.
-PropertyDictionary properties(const std::string& text) {
-  PropertyDictionary all;
-  for (const auto& [key, value] : attributes(text)) {
-    PropertyValue& property = all.emplace(key, value).first->second;
-    if (value == "true" || value == "false") property = value == "true";
-    if (value.find_first_not_of("-0123456789") == std::string::npos)
-      property = std::int64_t{std::stoll(value)};
-  }
-  return all;
-}
 
 const std::string chargeBattery =
     "type=Battery,present=1,status=Discharging,voltage_now=12000000,current_now=1500000,current_avg=1400000,"

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <sstream>
 
+#include "Platform/PropertyValue.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
 
@@ -65,6 +67,29 @@ class SystemTree {
   TemporaryDirectory folder_;
   ScopedEnvironment environment_;
 };
+
+/// "key=value,key=value" taken apart.
+inline SystemTree::Files attributes(const std::string& text) {
+  SystemTree::Files all;
+  std::istringstream pairs(text);
+  for (std::string pair; std::getline(pairs, pair, ',');) {
+    const std::size_t end = pair.find('=');
+    all[pair.substr(0, end)] = pair.substr(end + 1);
+  }
+  return all;
+}
+
+/// The same as properties: numbers, Booleans, else text.
+inline platform::PropertyDictionary properties(const std::string& text) {
+  platform::PropertyDictionary all;
+  for (const auto& [key, value] : attributes(text)) {
+    platform::PropertyValue& property = all.emplace(key, value).first->second;
+    if (value == "true" || value == "false") property = value == "true";
+    if (value.find_first_not_of("-0123456789") == std::string::npos)
+      property = std::int64_t{std::stoll(value)};
+  }
+  return all;
+}
 
 /// Text of /proc/<pid>/stat of a process of session 700 that started at tick 5000 + pid.
 inline std::string taskStatText(std::int32_t pid, const std::string& name, std::int64_t userTicks,
