@@ -5,6 +5,8 @@
 #include "MetricsCollectors/DirectBatteryStatusReader.hpp"
 #include "Platform/PropertyList.hpp"
 #include "Tests/Support/FakeShell.hpp"
+#include "Tests/Support/LoggedLines.hpp"
+#include "Tests/Support/SystemTree.hpp"
 #include "Tests/Support/ThrownBy.hpp"
 
 namespace quenzel {
@@ -17,41 +19,90 @@ using testing::FakeShell;
 
 PropertyValue integer(std::int64_t value) { return {value}; }
 
-// A battery in which no two properties hold the same value, and what is read from it.
-// clang-format off
+/// A battery in which no two properties hold the same value.
 PropertyDictionary battery() {
-  return {{"AppleRawCurrentCapacity", integer(4000)}, {"CurrentCapacity", integer(81)},
-          {"AppleRawMaxCapacity", integer(4900)}, {"MaxCapacity", integer(100)},
-          {"Voltage", integer(12500)}, {"Amperage", integer(-1500)}, {"InstantAmperage", integer(-1400)},
-          {"IsCharging", false}, {"CycleCount", integer(17)}, {"Temperature", integer(3012)},
-          {"DesignCapacity", integer(5103)}, {"NominalChargeCapacity", integer(4950)},
-          {"DesignCycleCount9C", integer(1000)}, {"Serial", "F5D"}, {"BatterySerialNumber", "other"},
-          {"DeviceName", "bq40"}, {"FullyCharged", false}, {"ExternalConnected", false},
-          {"AvgTimeToFull", integer(65535)}, {"TimeToFull", integer(31)},
-          {"AvgTimeToEmpty", integer(65535)}, {"TimeRemaining", integer(240)},
-          {"AdapterDetails", PropertyDictionary{{"Watts", integer(96)}, {"Name", "96W"}}}};
+  PropertyDictionary entry = testing::properties(
+      "AppleRawCurrentCapacity=4000,CurrentCapacity=81,AppleRawMaxCapacity=4900,MaxCapacity=100,Voltage="
+      "12500,"
+      "Amperage=-1500,InstantAmperage=-1400,IsCharging=false,CycleCount=17,Temperature=3012,DesignCapacity="
+      "5103,"
+      "NominalChargeCapacity=4950,DesignCycleCount9C=1000,Serial=F5D,BatterySerialNumber=other,DeviceName="
+      "bq40,"
+      "FullyCharged=false,ExternalConnected=false,AvgTimeToFull=65535,TimeToFull=31,AvgTimeToEmpty=65535,"
+      "TimeRemaining=240");
+  entry.emplace("AdapterDetails", PropertyDictionary{{"Watts", integer(96)}, {"Name", "96W"}});
+  return entry;
 }
 
+/// What is read from it.
 BatteryStatusSample registrySample() {
-  return {.levelPercent = 81, .remainingWh = 50, .systemTimeRemainingMinutes = 240, .dischargeWatts = 18.75,
-          .cycleCount = 17, .voltageMV = 12500, .amperageMa = -1500, .temperatureCentiC = 3012,
-          .designCapacityMah = 5103, .maxCapacityMah = 4900, .currentCapacityMah = 4000,
-          .nominalChargeCapacityMah = 4950, .designCycleCount = 1000, .serialNumber = "F5D",
-          .deviceName = "bq40", .fullyCharged = false, .adapterWatts = 96, .adapterName = "96W"};
+  return {.levelPercent = 81,
+          .remainingWh = 50,
+          .systemTimeRemainingMinutes = 240,
+          .dischargeWatts = 18.75,
+          .cycleCount = 17,
+          .voltageMV = 12500,
+          .amperageMa = -1500,
+          .temperatureCentiC = 3012,
+          .designCapacityMah = 5103,
+          .maxCapacityMah = 4900,
+          .currentCapacityMah = 4000,
+          .nominalChargeCapacityMah = 4950,
+          .designCycleCount = 1000,
+          .serialNumber = "F5D",
+          .deviceName = "bq40",
+          .fullyCharged = false,
+          .adapterWatts = 96,
+          .adapterName = "96W"};
 }
-// clang-format on
 
 BatteryStatusSample collected(const PropertyDictionary& properties) {
   return BatteryStatusCollector::statusFrom(platform::encodePropertyList(PropertyValue::Array{properties}));
 }
 
-TEST(BatteryStatusCollector, FillsEveryFieldFromItsKey) {
+TEST(BatteryStatusCollector, FillsEveryFieldFromItsKeyAndLogsTwoLines) {
   FakeShell shell;
-  shell.output("/usr/sbin/ioreg", platform::encodePropertyList(PropertyValue::Array{battery()}));
-  EXPECT_EQ(BatteryStatusCollector(shell).collectStatus(), registrySample());
+  const auto reply = [&](const PropertyDictionary& entry) {
+    shell.output("/usr/sbin/ioreg", platform::encodePropertyList(PropertyValue::Array{entry}));
+  };
+  reply(battery());
+  reply(testing::properties("IsCharging=true,ExternalConnected=true,Amperage=9,Voltage=0,CurrentCapacity=1"));
+  const BatteryStatusCollector collector(shell);
+  const std::string start = "[INFO] [BatteryStatus] ";
+  const auto lines = testing::linesLoggedBy([&] { EXPECT_EQ(collector.collectStatus(), registrySample()); });
+  EXPECT_EQ(lines,
+            (std::vector{start + "Collecting battery status from ioreg.",
+                         start + "Battery status: level=81.00%, remainingWh=50.00, charging=false, "
+                                 "external=false, dischargeWatts=18.75, systemMinutes=240, cycleCount=17"}));
+  EXPECT_EQ(testing::linesLoggedBy([&] { collector.collectStatus(); }).at(1),
+            start +
+                "Battery status: level=100.00%, remainingWh=nil, charging=true, external=true, "
+                "dischargeWatts=nil, systemMinutes=nil, cycleCount=nil");
   EXPECT_EQ(shell.calls().at(0),
             (FakeShell::Call{"/usr/sbin/ioreg", {"-r", "-n", "AppleSmartBattery", "-a"}}));
   EXPECT_EQ(collected({}), BatteryStatusSample{});
+}
+
+TEST(BatteryStatusCollector, TakesTheFirstTimeThatApplies) {
+  using Minutes = std::optional<std::int64_t>;
+  const std::string full = ",AvgTimeToFull=11,TimeToFull=12", left = ",AvgTimeToEmpty=13,TimeRemaining=14";
+  const std::pair<std::string, Minutes> rows[] = {
+      {"IsCharging=true" + left + full, 11},
+      {"IsCharging=true,TimeToFull=12" + left, 12},
+      {"IsCharging=true" + left, 13},
+      {"IsCharging=true,TimeRemaining=14", 14},
+      {"IsCharging=true", {}},
+      {"IsCharging=false" + full + left, 13},
+      {"IsCharging=false,TimeRemaining=14" + full, 14},
+      {"IsCharging=false" + full, {}},
+      {"IsCharging=false,Amperage=5" + full + left, 13},
+      {"Amperage=1" + left + full, 11},  // where nothing says whether it is charging
+      {"Amperage=0" + left + full, 13},
+      {left.substr(1) + full, 13},
+      {"IsCharging=true,AvgTimeToFull=65535,TimeToFull=-1" + left, 13},
+      {"IsCharging=true,AvgTimeToFull=0" + left, 0}};
+  for (const auto& [entry, minutes] : rows)
+    EXPECT_EQ(collected(testing::properties(entry)).systemTimeRemainingMinutes, minutes) << entry;
 }
 
 TEST(BatteryStatusCollector, FallsBackKeyByKey) {
@@ -83,7 +134,9 @@ TEST(BatteryStatusCollector, ReadsTypesCurrentsLevelsAndTimes) {
   EXPECT_EQ(sampleWith("CurrentCapacity", integer(130)).levelPercent, 100);
   EXPECT_EQ(sampleWith("CurrentCapacity", integer(-3)).levelPercent, 0);
   EXPECT_EQ(sampleWith("MaxCapacity", integer(200)).levelPercent, 40.5);
-  EXPECT_EQ(sampleWith("IsCharging", true).systemTimeRemainingMinutes, 31);  // 65535 is no time
+  EXPECT_EQ(sampleWith("MaxCapacity", "many").levelPercent, 100) << "without a maximum, of 1";
+  EXPECT_EQ(collected(testing::properties("CurrentCapacity=1")).levelPercent, 100);
+  EXPECT_EQ(collected(testing::properties("CurrentCapacity=0")).levelPercent, 0);
   const std::string wrapped =
       "<plist version=\"1.0\"><array><dict><key>Amperage</key><integer>18446744073709550116</integer>"
       "<key>Voltage</key><integer>12000</integer></dict></array></plist>";
@@ -113,13 +166,19 @@ TEST(DirectBatteryStatusReader, ResolvesTheLevel) {
       {40, 80, {}, {}, false, 50},  {150, 100, {}, {}, false, 100}, {150, {}, 2000, 4000, false, 50},
       {60, 0, {}, {}, false, 60},   {-1, 100, 30, 60, false, 50},   {{}, 100, 80, {}, false, 80},
       {{}, {}, 3000, {}, false, 0}, {{}, {}, 3000, 0, false, 0},    {{}, {}, -5, {}, false, 0},
-      {{}, {}, -5, 100, false, 0},  {{}, {}, {}, 4000, false, 0},   {{}, {}, 5000, 4000, false, 100}};
+      {{}, {}, -5, 100, false, 0},  {{}, {}, {}, 4000, false, 0},   {{}, {}, 5000, 4000, false, 100},
+      {1, 1, 5, 10, false, 100},    {0, {}, 5, 10, false, 0},       {100, {}, 5, 10, false, 100},
+      {101, {}, 5, 10, false, 50},  {{}, {}, 1, 1, false, 100},     {{}, {}, 100, {}, false, 100},
+      {{}, {}, 101, {}, false, 0}};
   for (const auto& row : rows) {
     const auto& [current, full, rawCurrent, rawFull, isCharged, level] = row;
     EXPECT_EQ(DirectBatteryStatusReader::resolveLevelPercent(current, full, rawCurrent, rawFull, isCharged),
               level)
         << ::testing::PrintToString(row);
   }
+  const testing::SystemTree tree;  // this system's registry, unless told otherwise
+  tree.powerSupply("BAT0", testing::attributes("type=Battery,capacity=7"));
+  EXPECT_EQ(DirectBatteryStatusReader().sample().value().levelPercent, 7);
 }
 
 struct FakeRegistry final : platform::BatteryRegistry {
