@@ -12,6 +12,7 @@
 #include "SharedModels/Runtime/FatalError.hpp"
 #include "SharedModels/Runtime/Number.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
+#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -78,8 +79,9 @@ void takeWatts(ProcessSample& sample, const PowermetricsProcessRecord& record, b
   sample.powermetricsGPUFallbackAllocated = record.gpuPackageW > 0 && gpuFallback;
 }
 
+/// Names are what others chose, so the line is made printable.
 std::string joined(const std::vector<std::string>& entries) {
-  return fmt::format("{}", fmt::join(entries, " | "));
+  return printableLine(fmt::format("{}", fmt::join(entries, " | ")));
 }
 
 void logNameDebug(const std::vector<ProcessSample>& merged, std::size_t powermetricsOnly) {
@@ -224,7 +226,7 @@ PowermetricsLoadResult LiveAttributionInputBuilder::loadPowermetrics() const {
   try {
     return {with_.powermetricsCollector.collectNormalizedSample(), true, 1};
   } catch (const std::exception& error) {
-    RuntimeLog::error(component, fmt::format("powermetrics collection failed: {}", error.what()));
+    RuntimeLog::error(component, "powermetrics collection failed: " + printableLine(error.what()));
     return {std::nullopt, false, 1};
   }
 }

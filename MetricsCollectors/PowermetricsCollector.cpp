@@ -27,10 +27,10 @@ std::string commandLine(const ToolCommand& command) {
   return fmt::format("{} {}", command.executable, fmt::join(command.arguments, " "));
 }
 
-/// The first line that is not empty, as it stands.
+/// The first line that is not empty, made printable: what tools write holds what others chose.
 std::string firstLineOf(std::string_view text) {
   for (const std::string_view line : splitAtLineFeeds(text)) {
-    if (!line.empty()) return std::string(line);
+    if (!line.empty()) return printableLine(line);
   }
   return "<empty>";
 }
@@ -41,7 +41,7 @@ std::string previewOf(std::string_view text) {
     const std::string_view piece = trimmed(line);
     if (!piece.empty() && kept.size() < previewLines) kept.push_back(piece);
   }
-  return fmt::format("{}", fmt::join(kept, " | "));
+  return printableLine(fmt::format("{}", fmt::join(kept, " | ")));
 }
 
 bool isRawDumpEnabled() {
@@ -64,7 +64,7 @@ void writeRawDumpIfEnabled(const ToolCommand& command, const ShellResult& result
       result.stdout, result.stderr);
   const std::string path = rawDumpPath();
   if (const int failure = platform::appendToFile(path, record, 0644)) {
-    RuntimeLog::warn(component, fmt::format("Failed to write raw dump file: {}: {}", path,
+    RuntimeLog::warn(component, fmt::format("Failed to write raw dump file: {}: {}", printableLine(path),
                                             std::generic_category().message(failure)));
   }
 }
@@ -76,15 +76,15 @@ bool hasPowerData(const PowermetricsParseOutput& output) {
 }  // namespace
 
 PowermetricsCollectorError PowermetricsCollectorError::commandFailed(const std::string& message) {
-  return {Kind::commandFailed, "powermetrics command failed: " + message};
+  return {Kind::commandFailed, "powermetrics command failed: " + message, message};
 }
 
 PowermetricsCollectorError PowermetricsCollectorError::insufficientPrivileges(const std::string& message) {
-  return {Kind::insufficientPrivileges, "powermetrics requires admin privileges: " + message};
+  return {Kind::insufficientPrivileges, "powermetrics requires admin privileges: " + message, message};
 }
 
 PowermetricsCollectorError PowermetricsCollectorError::emptyOrUnparseableOutput() {
-  return {Kind::emptyOrUnparseableOutput, "powermetrics returned no usable power data."};
+  return {Kind::emptyOrUnparseableOutput, "powermetrics returned no usable power data.", ""};
 }
 
 ToolCommand PowermetricsCollector::command(bool isRoot) {
@@ -101,8 +101,9 @@ ShellResult PowermetricsCollector::run(const ToolCommand& command) const {
   try {
     return shell_.run(command.executable, command.arguments);
   } catch (const ShellRunnerError& error) {
-    RuntimeLog::error(component, fmt::format("powermetrics execution failed: {}", error.what()));
-    throw PowermetricsCollectorError::commandFailed(error.what());
+    const std::string reason = printableLine(error.what());
+    RuntimeLog::error(component, "powermetrics execution failed: " + reason);
+    throw PowermetricsCollectorError::commandFailed(reason);
   }
 }
 

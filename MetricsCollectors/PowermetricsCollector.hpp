@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "MetricsCollectors/PowermetricsParser.hpp"
 #include "MetricsCollectors/ShellRunning.hpp"
@@ -19,12 +20,15 @@ class PowermetricsCollectorError final : public std::runtime_error {
   static PowermetricsCollectorError emptyOrUnparseableOutput();
 
   Kind kind() const noexcept { return kind_; }
+  /// What the tool or its runner said, as one printable line; empty for emptyOrUnparseableOutput.
+  const std::string& message() const noexcept { return message_; }
 
  private:
-  PowermetricsCollectorError(Kind kind, const std::string& description)
-      : std::runtime_error(description), kind_(kind) {}
+  PowermetricsCollectorError(Kind kind, const std::string& description, std::string message)
+      : std::runtime_error(description), kind_(kind), message_(std::move(message)) {}
 
   Kind kind_;
+  std::string message_;
 };
 
 /// Takes one powermetrics sample.

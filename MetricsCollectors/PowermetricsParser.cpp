@@ -66,15 +66,14 @@ std::string_view bytesBetween(std::string_view line, std::size_t start, std::siz
 TaskCells taskCells(std::string_view line, const TaskColumns& columns) {
   // In a line that is ASCII up to its last column, character offsets are byte offsets: there is no CR LF
   // within a line, and no combining mark behind the characters counted.
-  if (isASCIIText(line.substr(0, columns.last() + 1))) {
-    return {bytesBetween(line, columns.name, columns.id), bytesBetween(line, columns.id, columns.cpu),
-            bytesBetween(line, columns.cpu, columns.gpu), bytesBetween(line, columns.gpu, line.size())};
-  }
-  using Parser = PowermetricsParser;
-  return {Parser::columnValue(line, columns.name, columns.id),
-          Parser::columnValue(line, columns.id, columns.cpu),
-          Parser::columnValue(line, columns.cpu, columns.gpu),
-          Parser::columnValue(line, columns.gpu, std::nullopt)};
+  const bool isASCII = isASCIIText(line.substr(0, columns.last() + 1));
+  const auto position = [&](std::size_t offset) { return isASCII ? offset : graphemeOffset(line, offset); };
+  const std::size_t name = position(columns.name);
+  const std::size_t id = position(columns.id);
+  const std::size_t cpu = position(columns.cpu);
+  const std::size_t gpu = position(columns.gpu);
+  return {bytesBetween(line, name, id), bytesBetween(line, id, cpu), bytesBetween(line, cpu, gpu),
+          bytesBetween(line, gpu, line.size())};
 }
 
 /// The row as a task, with its trimmed name; none for group rows, summaries and rows without a usable id.
@@ -148,17 +147,13 @@ std::optional<double> PowermetricsParser::parseFirstDouble(std::string_view text
   return parseDouble(firstWord(text));
 }
 
-std::size_t PowermetricsParser::boundedIndex(std::string_view line, std::size_t offset) {
-  return graphemeOffset(line, offset);
+std::size_t PowermetricsParser::boundedIndex(std::string_view line, std::int64_t offset) {
+  return offset > 0 ? graphemeOffset(line, static_cast<std::size_t>(offset)) : 0;
 }
 
-std::string_view PowermetricsParser::columnValue(std::string_view line, std::size_t start,
-                                                 std::optional<std::size_t> end) {
-  if (end && start >= *end) return {};
-  const std::size_t from = boundedIndex(line, start);
-  if (!end) return line.substr(from);
-  // Counting on from `from` is counting from the start: a cluster never reaches over a boundary.
-  return line.substr(from, boundedIndex(line.substr(from), *end - start));
+std::string_view PowermetricsParser::columnValue(std::string_view line, std::int64_t start,
+                                                 std::optional<std::int64_t> end) {
+  return bytesBetween(line, boundedIndex(line, start), end ? boundedIndex(line, *end) : line.size());
 }
 
 PowermetricsParser::RunningTasks PowermetricsParser::parseRunningTasks(const Lines& lines) {

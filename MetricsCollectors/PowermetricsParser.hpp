@@ -60,10 +60,10 @@ class PowermetricsParser {
   /// The first white-space separated piece as a number.
   static std::optional<double> parseFirstDouble(std::string_view text);
   /// The user-perceived characters from `start` up to `end` (the end of the line without it).
-  static std::string_view columnValue(std::string_view line, std::size_t start,
-                                      std::optional<std::size_t> end);
-  /// Byte position of the character offset, limited to the line.
-  static std::size_t boundedIndex(std::string_view line, std::size_t offset);
+  static std::string_view columnValue(std::string_view line, std::int64_t start,
+                                      std::optional<std::int64_t> end);
+  /// Byte position of the character offset, limited to the line: 0 for a negative one.
+  static std::size_t boundedIndex(std::string_view line, std::int64_t offset);
 };
 
 }  // namespace quenzel

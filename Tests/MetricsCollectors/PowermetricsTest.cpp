@@ -1,3 +1,5 @@
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -6,6 +8,7 @@
 #include "MetricsCollectors/PowermetricsParser.hpp"
 #include "SharedModels/Runtime/Text.hpp"
 #include "Tests/Support/FakeShell.hpp"
+#include "Tests/Support/LoggedLines.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
 #include "Tests/Support/ThrownBy.hpp"
@@ -15,6 +18,7 @@ namespace {
 
 using namespace ::testing;
 using testing::FakeShell;
+using testing::linesLoggedBy;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
 using Parser = PowermetricsParser;
@@ -30,15 +34,14 @@ Parser::RunningTasks tasksOf(const std::string& rows) {
 }
 
 TEST(PowermetricsParser, ReadsPowerValues) {
-  // clang-format off
   const std::pair<std::string_view, std::optional<double>> rows[] = {
-      {"CPU Power: 1234 mW", 1.234}, {"CPU Power: 0.5 W", 0.5}, {"CPU Power : : 250000uW", 0.25},
-      {"CPU Power: 2 kW", 2000.0},   {"CPU Power: 5 W.", 5.0},  {"CPU Power: about 12 of 40 mW", 0.04},
+      {"CPU Power: 1234 mW", 1.234},   {"CPU Power: 0.5 W", 0.5}, {"CPU Power : : 250000uW", 0.25},
+      {"CPU Power: 2 kW", 2000.0},     {"CPU Power: 5 W.", 5.0},  {"CPU Power: about 12 of 40 mW", 0.04},
       {"CPU Power: 3 MW", 0.003},  // what the tool calls MW is milliwatts
-      {"CPU Power: 7\u00A0mW", 0.007},
-      {"CPU Power: 5 mWh", {}}, {"CPU Power: 5 W\u00E9", {}}, {"CPU Power: mW", {}},
-      {"CPU Power: 5 w", {}},   {"cpu power: 5 W", {}},       {"Package Power: 5 W", {}}};
-  // clang-format on
+      {"CPU Power: 7\u00A0mW", 0.007}, {"CPU Power: 5 mWh", {}},  {"CPU Power: 5 W\u00E9", {}},
+      {"CPU Power: mW", {}},           {"CPU Power: 5 w", {}},    {"cpu power: 5 W", {}},
+      {"Package Power: 5 W", {}},
+  };
   for (const auto& [line, watts] : rows) EXPECT_EQ(Parser::powerValue(line, "CPU Power"), watts) << line;
 }
 
@@ -65,7 +68,7 @@ TEST(PowermetricsParser, KeepsTaskRowsOnly) {
       "\n"
       "  no number         abc    1.00      1.00   0.00\n"
       "  kernel_task       0      1.00      1.00   0.00\n"
-      "  DEAD_tasks        -1     1.00      1.00   0.00\n"
+      "  DEAD_tasks        17     1.00      1.00   0.00\n"
       "  *** odd           13     1.00      1.00   0.00\n"
       "                    14     1.00      1.00   0.00\n"
       "  negative          15     -4.00     1.00   -\n"
@@ -84,7 +87,12 @@ TEST(PowermetricsParser, KeepsTaskRowsOnly) {
 TEST(PowermetricsParser, KnowsWhereASectionBeginsAndEnds) {
   const std::string one = "  one               5      1.0              0.0\n";
   EXPECT_THAT(tasksOf("**** Processor usage ****\n" + one).rows, IsEmpty());
-  EXPECT_THAT(tasksOf("*** not the end ***\n" + one).rows, ElementsAre(Row{5, "one", 1, 0}));
+  const std::string another = "  another           6      1.0              0.0\n";
+  EXPECT_THAT(tasksOf("*** not the end ***\n" + one + "**** nor this\n" + another).rows,
+              ElementsAre(Row{5, "one", 1, 0}, Row{6, "another", 1, 0}));
+  EXPECT_THAT(tasksOf(one + " **** Processor usage **** \n" + header + another).rows,
+              ElementsAre(Row{5, "one", 1, 0}))
+      << "only the first section counts";
   const std::string withoutGPU = header.substr(0, header.find("GPU")) + "\n";  // then no line is a header
   EXPECT_THAT(Parser().parse(withoutGPU + one).processes, IsEmpty());
   EXPECT_THAT(Parser().parse("*** Running tasks\n" + header.substr(22) + one).processes, IsEmpty());
@@ -99,10 +107,11 @@ TEST(PowermetricsParser, CutsColumnsByUserPerceivedCharacters) {
                   .rows,
               ElementsAre(Row{12, "Caf\u0065\u0301 \U0001F1E9\U0001F1EA", 25.03, 1.5},
                           Row{13, "\U0001F469\u200D\U0001F4BB", 2, 0.5}, Row{14, "wide blank", 3, 0.25}));
-  const std::tuple<std::size_t, std::optional<std::size_t>, std::string_view> columns[] = {
-      {1, 2, "b"}, {2, 2, ""}, {7, 9, ""}, {2, std::nullopt, "c"}};
+  const std::tuple<int, std::optional<int>, std::string_view> columns[] = {
+      {1, 2, "b"}, {2, 2, ""}, {7, 9, ""}, {2, std::nullopt, "c"}, {-2, 1, "a"}, {-2, -1, ""}, {2, 1, ""}};
   for (const auto& [start, end, text] : columns) EXPECT_EQ(Parser::columnValue("abc", start, end), text);
-  EXPECT_EQ(Parser::boundedIndex("e\u0301", 9), 3U);
+  const std::pair<int, std::size_t> indices[] = {{-1, 0}, {0, 0}, {1, 3}, {2, 4}, {9, 4}};
+  for (const auto& [offset, index] : indices) EXPECT_EQ(Parser::boundedIndex("e\u0301x", offset), index);
 }
 
 TEST(PowermetricsParser, SharesPackagePowerOut) {
@@ -118,7 +127,9 @@ TEST(PowermetricsParser, SharesPackagePowerOut) {
                                            PowermetricsProcessRecord{2, "b", 10, 0, 1, 0.75, 0.5, 2.25}));
   const auto byGPU = parsed(a + b + "5\n");
   EXPECT_FALSE(byGPU.gpuPackageAllocatedByCPUShare());
-  EXPECT_EQ(byGPU.processes.at(1).gpuPackageW, 3.0);
+  EXPECT_THAT(byGPU.processes,  // the neural engine goes by CPU share even then
+              ElementsAre(PowermetricsProcessRecord{1, "a", 30, 0, 3, 0, 1.5, 4.5},
+                          PowermetricsProcessRecord{2, "b", 10, 5, 1, 3, 0.5, 4.5}));
   EXPECT_EQ(parsed(idle).processes.at(0).packageW, 0.0);  // nothing to share out by
   const auto onTotal = parsed(idle + all + "50.0\n");
   EXPECT_EQ(onTotal.resolvedCPUAttributionDenominator(), 50.0);
@@ -145,31 +156,69 @@ TEST(PowermetricsCollector, RunsTheToolAtLowPriorityAndWithoutAPrompt) {
               ElementsAre(FakeShell::Call{expectedCommand().executable, expectedCommand().arguments}));
 }
 
-TEST(PowermetricsCollector, JudgesTheAnswer) {
+TEST(PowermetricsCollector, JudgesTheAnswerAndLogsWhatItDid) {
   using Kind = PowermetricsCollectorError::Kind;
-  const std::string prefix = "powermetrics command failed: ",
-                    nothing = "powermetrics returned no usable power data.";
-  const std::tuple<FakeShell::Reply, Kind, std::string> rows[] = {
-      {ShellRunnerError::timedOut("x y", 15), Kind::commandFailed,
-       prefix + "Command timed out after 15.0s: x y"},
-      {ShellResult{1, "", "\n\nsudo: A Password is required\n"}, Kind::insufficientPrivileges,
-       "powermetrics requires admin privileges: sudo: A Password is required"},
-      {ShellResult{1, "", " u is\nNOT in the sudoers file"}, Kind::insufficientPrivileges,
-       "powermetrics requires admin privileges:  u is"},
-      {ShellResult{1, "", "\n\nfoo"}, Kind::commandFailed, prefix + "foo"},
-      {ShellResult{64, "", ""}, Kind::commandFailed, prefix + "<empty>"},
-      {ShellResult{0, "nothing of use\n", "password"}, Kind::emptyOrUnparseableOutput, nothing},
-      {ShellResult{0, "System Power: 0 W\n", ""}, Kind::emptyOrUnparseableOutput, nothing},
+  const std::string failed = "powermetrics command failed: ";
+  const std::string privileges = "powermetrics requires admin privileges: ";
+  const std::string nothing = "powermetrics returned no usable power data.";
+  const std::string error = "[ERROR] [Powermetrics] ";
+  const auto nonZero = [&](int status, const std::string& line) {
+    return fmt::format("{}powermetrics non-zero status={}, firstStderrLine={}", error, status, line);
   };
-  const ScopedEnvironment quiet{{{"QZL_LOG_DISABLED", "1"}}};
-  for (const auto& [reply, kind, description] : rows) {
+  const auto unparseable = [&](const std::string& preview) {
+    return error + "powermetrics parse produced no process/package/system power. preview=" + preview;
+  };
+  std::string manyLines;
+  for (int line = 1; line <= 17; ++line) manyLines += fmt::format(" \n {}\r\n", line);
+  struct AnswerRow {
+    FakeShell::Reply reply;
+    Kind kind;
+    std::string prefix;  // of the description
+    std::string message;
+    std::string lastLine;
+  };
+  const AnswerRow rows[] = {
+      {ShellRunnerError::timedOut("x \x1B[2J\ny", 15), Kind::commandFailed, failed,
+       "Command timed out after 15.0s: x ?[2J?y",
+       error + "powermetrics execution failed: Command timed out after 15.0s: x ?[2J?y"},
+      {ShellResult{1, "", "\n\nsudo: A Password is required\n"}, Kind::insufficientPrivileges, privileges,
+       "sudo: A Password is required", nonZero(1, "sudo: A Password is required")},
+      {ShellResult{1, "", " u is\nNOT in the sudoers file"}, Kind::insufficientPrivileges, privileges,
+       " u is", nonZero(1, " u is")},
+      {ShellResult{2, "", "\n\nfoo\x1B[31m\x07\nbar"}, Kind::commandFailed, failed, "foo?[31m?",
+       nonZero(2, "foo?[31m?")},
+      {ShellResult{64, "", ""}, Kind::commandFailed, failed, "<empty>", nonZero(64, "<empty>")},
+      {ShellResult{0, " nothing of\x1B use \n\n", "password"}, Kind::emptyOrUnparseableOutput, nothing, "",
+       unparseable("nothing of? use")},
+      {ShellResult{0, "System Power: 0 W\n", ""}, Kind::emptyOrUnparseableOutput, nothing, "",
+       unparseable("System Power: 0 W")},
+      {ShellResult{0, manyLines, ""}, Kind::emptyOrUnparseableOutput, nothing, "",
+       unparseable("1 | 2 | 3 | 4 | 5 | 6 | 7 | 8 | 9 | 10 | 11 | 12 | 13 | 14 | 15 | 16")},
+  };
+  for (const AnswerRow& row : rows) {
     FakeShell shell;
-    shell.reply(expectedCommand().executable, reply);
-    const auto error =
-        thrownBy<PowermetricsCollectorError>([&] { PowermetricsCollector(shell).collectNormalizedSample(); });
-    EXPECT_EQ(error.kind(), kind);
-    EXPECT_EQ(error.what(), description);
+    shell.reply(expectedCommand().executable, row.reply);
+    std::optional<PowermetricsCollectorError> thrown;
+    const auto lines = linesLoggedBy([&] {
+      thrown = thrownBy<PowermetricsCollectorError>(
+          [&] { PowermetricsCollector(shell).collectNormalizedSample(); });
+    });
+    EXPECT_EQ(thrown->kind(), row.kind) << row.message;
+    EXPECT_EQ(thrown->message(), row.message);
+    EXPECT_EQ(thrown->what(), row.prefix + row.message);
+    EXPECT_THAT(lines, Contains(row.lastLine)) << row.message;
+    EXPECT_EQ(lines.empty() ? "" : lines.back(), row.lastLine) << "one line each";
   }
+  FakeShell shell;
+  shell.reply(expectedCommand().executable, ShellResult{0, "CPU Power: 1500 mW\nTotal Power: 4 W\n", "note"});
+  const ToolCommand command = expectedCommand();
+  EXPECT_THAT(linesLoggedBy([&] { PowermetricsCollector(shell).collectNormalizedSample(); }),
+              ElementsAre(fmt::format("[INFO] [Powermetrics] Starting powermetrics fetch: {} {}",
+                                      command.executable, fmt::join(command.arguments, " ")),
+                          MatchesRegex("\\[INFO\\] \\[Powermetrics\\] powermetrics command completed in "
+                                       "0\\.[0-9]{3}s with status=0, stdoutBytes=36, stderrBytes=4"),
+                          "[INFO] [Powermetrics] Parsed powermetrics output: processes=0, packageW=1.50, "
+                          "totalSystemWatts=4.00"));
 }
 
 TEST(PowermetricsCollector, DumpsTheRawExchangeOnDemand) {
@@ -188,6 +237,10 @@ TEST(PowermetricsCollector, DumpsTheRawExchangeOnDemand) {
                              " [^\n]*--show-all\nstatus: 0\nstderr-bytes: 4\nstdout-bytes: 15\nstdout:\nCPU "
                              "Power: 1 W\n\nstderr:\nnote\n";
   EXPECT_THAT(folder.read("dump.log"), MatchesRegex(record + record));
+  environment.set("QZL_PM_RAW_DUMP_PATH", folder / "none/dump\n.log");
+  EXPECT_THAT(linesLoggedBy([&] { collector.collectNormalizedSample(); }),
+              Contains("[WARN] [Powermetrics] Failed to write raw dump file: " + (folder / "none/dump?.log") +
+                       ": No such file or directory"));
 }
 
 }  // namespace
