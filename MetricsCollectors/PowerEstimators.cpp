@@ -25,7 +25,7 @@ double USBPowerEstimator::estimateWatts() const {
   return left + nonNegative(source_->readThunderboltRightPowerWatts().value_or(0));
 }
 
-double BatteryDrainEstimator::estimateTotalDischargeW(std::span<const double> topProcessCPU) {
+double BatteryDrainEstimator::estimateTotalDischargeW(const std::vector<double>& topProcessCPU) {
   double cpuPercent = 0;
   for (const double percent : topProcessCPU) cpuPercent += nonNegative(percent);
   return std::clamp(cpuPercent * wattsPerCPUPercent + baseDischargeW, dischargeFloorW, dischargeCeilingW);

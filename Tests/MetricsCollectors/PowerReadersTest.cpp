@@ -8,6 +8,7 @@
 #include "MetricsCollectors/StatsSystemTotalPowerReader.hpp"
 #include "MetricsCollectors/SystemCPULoadReader.hpp"
 #include "Tests/Support/FakeClock.hpp"
+#include "Tests/Support/FakeShell.hpp"
 
 namespace quenzel {
 namespace {
@@ -17,21 +18,34 @@ using ::testing::Return;
 using Watts = std::optional<double>;
 
 TEST(SMCValue, DecodesEveryType) {
-  // clang-format off
   const std::tuple<std::string_view, std::array<std::uint8_t, 4>, Watts> rows[] = {
-      {"flt ", {0, 0, 0x20, 0x41}, 10.0},   {"ui8 ", {0xFE, 1, 1, 1}, 254.0},    {"ui8", {7, 1, 1, 1}, 7.0},
-      {"ui16", {0x34, 0x12, 9, 9}, 4660.0}, {"ui32", {255, 255, 255, 255}, 4294967295.0},
-      {"sp78", {0x1A, 0x80, 9, 9}, 26.5},   {"sp78", {0xFF, 0xC0, 9, 9}, -0.25}, {"fpe2", {0, 10, 9, 9}, 2.5},
-      {"fp88", {0x80, 0x80, 9, 9}, 128.5},  {"ch8*", {1, 2, 3, 4}, {}},          {"fp97", {1, 2, 3, 4}, {}},
-      {"", {1, 2, 3, 4}, {}}};
+      {"flt ", {0, 0, 0x20, 0x41}, 10.0},
+      {"ui8 ", {0xFE, 1, 1, 1}, 254.0},
+      {"ui8", {7, 1, 1, 1}, 7.0},
+      {"ui16", {0x34, 0x12, 9, 9}, 4660.0},
+      {"ui32", {4, 3, 2, 0x81}, 0x81020304},
+      {"sp78", {0x1A, 0x80, 9, 9}, 26.5},
+      {"sp78", {0xFF, 0xC0, 9, 9}, -0.25},
+      {"fpe2", {0, 10, 9, 9}, 2.5},
+      {"fp88", {0x80, 0x80, 9, 9}, 128.5},
+      {"ch8*", {1, 2, 3, 4}, {}},
+      {"fp97", {1, 2, 3, 4}, {}},
+      {"", {1, 2, 3, 4}, {}},
+  };
   // With 0x8000 an unsigned type of n fraction bits holds 2^(15-n), a signed one -2^(15-n).
-  const std::pair<std::string_view, double> fixedPoint[] = {
-      {"fp1f", 1},   {"fp2e", 2},   {"fp3d", 4},     {"fp4c", 8},    {"fp5b", 16},    {"fp6a", 32},    {"fp79", 64},
-      {"fpa6", 512}, {"fpc4", 2048}, {"sp1e", -2},   {"sp2d", -4},   {"sp3c", -8},    {"sp4b", -16},   {"sp5a", -32},
-      {"sp69", -64}, {"sp87", -256}, {"sp96", -512}, {"spa5", -1024}, {"spb4", -2048}, {"spf0", -32768}};
-  // clang-format on
+  const std::vector<std::pair<std::string, std::vector<std::string>>> signs = {
+      {"fp", {"1f", "2e", "3d", "4c", "5b", "6a", "79", "88", "", "a6", "", "c4", "", "e2"}},
+      {"sp", {"1e", "2d", "3c", "4b", "5a", "69", "78", "87", "96", "a5", "b4", "", "", "", "f0"}}};
+  for (const auto& [sign, types] : signs) {
+    double value = sign == "fp" ? 1 : -2;
+    for (const std::string& type : types) {
+      if (!type.empty()) {
+        EXPECT_EQ(decodeSMCValue(sign + type, {0x80}), value) << sign + type;
+      }
+      value *= 2;
+    }
+  }
   for (const auto& [type, bytes, value] : rows) EXPECT_EQ(decodeSMCValue(type, bytes), value) << type;
-  for (const auto& [type, value] : fixedPoint) EXPECT_EQ(decodeSMCValue(type, {0x80}), value) << type;
   EXPECT_EQ(packFourCharacterCode("PSTR"), 0x50535452U);
   EXPECT_EQ(packFourCharacterCode("PST"), 0U);
   EXPECT_EQ(unpackFourCharacterCode(0x666C7420), "flt ");
@@ -147,11 +161,15 @@ TEST(PowerEstimators, CountWhatIsThereAndNotNegative) {
     power.display = reading;
     EXPECT_EQ(DisplayPowerEstimator(power).estimateWatts(), watts);
   }
-  const std::pair<std::vector<double>, double> discharges[] = {
-      {{}, 2.4}, {{-50}, 2.4}, {{100, 50}, 35.4}, {{1000}, 65.0}, {{100, -100}, 24.4}};
-  for (const auto& [percentages, watts] : discharges) {
-    EXPECT_DOUBLE_EQ(BatteryDrainEstimator::estimateTotalDischargeW(percentages), watts);
-  }
+  const testing::FakeShell shell;
+  EXPECT_EQ(DisplayPowerEstimator(power, &shell).shell(), &shell);
+  EXPECT_EQ(USBPowerEstimator(&power, &shell).shell(), &shell);
+  using Drain = BatteryDrainEstimator;
+  EXPECT_EQ(Drain::estimateTotalDischargeW({}), 2.4);
+  EXPECT_EQ(Drain::estimateTotalDischargeW({-50}), 2.4);
+  EXPECT_DOUBLE_EQ(Drain::estimateTotalDischargeW({100, 50}), 35.4);
+  EXPECT_DOUBLE_EQ(Drain::estimateTotalDischargeW({100, -100}), 24.4);
+  EXPECT_EQ(Drain::estimateTotalDischargeW({1000}), 65.0);
 }
 
 struct FakeTicks final : platform::HostCPUTicks {
