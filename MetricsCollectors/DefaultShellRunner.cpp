@@ -11,13 +11,16 @@
 #include <thread>
 #include <variant>
 
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "MetricsCollectors/ThreadSafeDataCollector.hpp"
 #include "MetricsCollectors/ToolCommand.hpp"
 #include "Platform/ChildProcess.hpp"
 #include "Platform/Environment.hpp"
+#include "Platform/FairSemaphore.hpp"
 #include "Platform/Settings.hpp"
 #include "SharedModels/Runtime/Number.hpp"
 #include "SharedModels/Runtime/Text.hpp"
@@ -28,10 +31,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view powermetricsPath = "/usr/bin/powermetrics";
-/// No tool writes that much; a child that does would take this process's memory along.
-constexpr std::size_t maxCollectedBytes = std::size_t{64} << 20;
-/// Longer waits are no different to a caller and would overflow the clock.
-constexpr double longestWaitSeconds = 1e8;
+/// Longer time-outs are no different to a caller and would overflow the clock.
+constexpr double longestTimeoutSeconds = 1e8;
 /// How often a child is asked for where the system has no exit descriptor.
 constexpr std::chrono::milliseconds exitProbeInterval{10};
 
@@ -41,7 +42,7 @@ std::optional<double> numberFromEnvironment(const char* name) {
 }
 
 Clock::time_point deadlineAfter(double seconds) {
-  const std::chrono::duration<double> wait(std::clamp(seconds, 0.0, longestWaitSeconds));
+  const std::chrono::duration<double> wait(std::clamp(seconds, 0.0, longestTimeoutSeconds));
   return Clock::now() + std::chrono::duration_cast<Clock::duration>(wait);
 }
 
@@ -51,13 +52,28 @@ std::string commandLine(const std::string& executable, const std::vector<std::st
   return line;
 }
 
+/// The places of this process's children.
+platform::FairSemaphore& childPlaces() {
+  static platform::FairSemaphore places(DefaultShellRunner::mostChildren);
+  return places;
+}
+
+platform::FairSemaphore::Place waitForTurn(const std::string& executable, double longestWaitSeconds) {
+  const std::chrono::duration<double> longestWait(longestWaitSeconds);
+  auto place = childPlaces().acquire(std::chrono::ceil<std::chrono::milliseconds>(longestWait));
+  if (!place) throw ShellRunnerError::failedToLaunch(executable + ": too many commands are waiting to run");
+  return place;
+}
+
 /// A child between its start and its end, with what it has written so far. Used by one thread.
 class RunningChild {
  public:
-  explicit RunningChild(platform::ChildProcess child)
-      : child_(std::move(child)),
-        output_{std::move(child_.standardOutput), {}},
-        error_{std::move(child_.standardError), {}} {}
+  /// @param name what errors call it
+  RunningChild(platform::ChildProcess child, const std::string& name, std::size_t outputLimitBytes)
+      : child_(std::move(child)), name_(name), outputLimitBytes_(outputLimitBytes) {
+    output_.descriptor = std::move(child_.standardOutput);
+    error_.descriptor = std::move(child_.standardError);
+  }
   RunningChild(const RunningChild&) = delete;
   RunningChild& operator=(const RunningChild&) = delete;
   ~RunningChild() {
@@ -87,15 +103,18 @@ class RunningChild {
   void signal(int number) const { ::kill(child_.pid, number); }
 
   /// The result of a child that has ended.
-  ShellResult takeResult() {
-    return {status_, repairedUTF8(std::move(output_.bytes)), repairedUTF8(std::move(error_.bytes))};
-  }
+  ShellResult takeResult() { return {status_, takeText(output_), takeText(error_)}; }
 
  private:
   struct Stream {
     platform::FileDescriptor descriptor;
-    std::string bytes;
+    ThreadSafeDataCollector collector;
   };
+
+  static std::string takeText(Stream& stream) {
+    const platform::MutexLock guard(stream.collector.lock);
+    return repairedUTF8(std::move(stream.collector.data));
+  }
 
   /// Waits once for output or the child's end and takes it; false when the deadline has passed.
   bool poll(Clock::time_point deadline) {
@@ -120,18 +139,23 @@ class RunningChild {
     return static_cast<int>(std::min(left, probes ? exitProbeInterval : longestPoll).count());
   }
 
-  void take(Stream& stream) const {
+  void take(Stream& stream) {
     std::array<char, std::size_t{64} * 1024> buffer;
     const ssize_t count = ::read(stream.descriptor.get(), buffer.data(), buffer.size());
     if (count > 0) {
-      if (!collects_) return;
-      stream.bytes.append(buffer.data(), static_cast<std::size_t>(count));
-      if (stream.bytes.size() > maxCollectedBytes) {
-        throw ShellRunnerError::failedToLaunch("more than 64 MiB of output");
-      }
+      if (collects_) collect({buffer.data(), static_cast<std::size_t>(count)}, stream.collector);
     } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
       stream.descriptor.reset();
     }
+  }
+
+  void collect(std::string_view bytes, ThreadSafeDataCollector& collector) {
+    if (bytes.size() > outputLimitBytes_ - collectedBytes_) {
+      throw ShellRunnerError::failedToComplete(
+          fmt::format("{} wrote more than {} MiB", name_, outputLimitBytes_ >> 20));
+    }
+    collector.append(bytes);
+    collectedBytes_ += bytes.size();
   }
 
   void reap(int options) {
@@ -139,7 +163,7 @@ class RunningChild {
     const pid_t reaped = ::waitpid(child_.pid, &status, options);
     if (reaped == 0 || (reaped < 0 && errno == EINTR)) return;
     ended_ = true;
-    if (reaped < 0) throw ShellRunnerError::failedToLaunch("its exit status is unavailable");
+    if (reaped < 0) throw ShellRunnerError::failedToComplete(name_ + " left no exit status");
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
   }
 
@@ -155,8 +179,11 @@ class RunningChild {
   }
 
   platform::ChildProcess child_;
+  const std::string& name_;
+  const std::size_t outputLimitBytes_;
   Stream output_;
   Stream error_;
+  std::size_t collectedBytes_ = 0;
   bool collects_ = true;
   bool ended_ = false;
   std::int32_t status_ = 0;
@@ -178,12 +205,14 @@ double DefaultShellRunner::resolveTimeoutSeconds(const std::string& executable,
 ShellResult DefaultShellRunner::run(const std::string& executable,
                                     const std::vector<std::string>& arguments) const {
   const ToolCommand command = resolveToolCommand(executable, arguments, platform::toolRoot());
-  auto spawned = platform::spawnChild(command.executable, command.arguments);
+  const platform::FairSemaphore::Place place = waitForTurn(executable, limits_.waitSeconds);
+  auto spawned = platform::spawnChild(command.executable, command.arguments,
+                                      toolEnvironment(platform::environmentEntries()));
   if (const auto* failure = std::get_if<platform::SpawnFailure>(&spawned)) {
     throw ShellRunnerError::failedToLaunch(executable + ": " +
                                            std::generic_category().message(failure->errorNumber));
   }
-  RunningChild child(std::get<platform::ChildProcess>(std::move(spawned)));
+  RunningChild child(std::get<platform::ChildProcess>(std::move(spawned)), executable, limits_.outputBytes);
 
   const double timeout = resolveTimeoutSeconds(executable, arguments);
   const Clock::time_point deadline = deadlineAfter(timeout);

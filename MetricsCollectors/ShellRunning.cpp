@@ -8,8 +8,10 @@
 
 namespace quenzel {
 
-ShellRunnerError ShellRunnerError::failedToLaunch(const std::string& message) {
-  return {Kind::failedToLaunch, "Failed to launch command: " + message};
+ShellRunnerError ShellRunnerError::failedToLaunch(std::string message) {
+  ShellRunnerError error(Kind::failedToLaunch, "Failed to launch command: " + message);
+  error.message_ = std::move(message);
+  return error;
 }
 
 ShellRunnerError ShellRunnerError::nonZeroExit(std::int32_t status, std::string stdout, std::string stderr) {
@@ -18,10 +20,17 @@ ShellRunnerError ShellRunnerError::nonZeroExit(std::int32_t status, std::string 
   return error;
 }
 
-ShellRunnerError ShellRunnerError::timedOut(const std::string& command, double seconds) {
+ShellRunnerError ShellRunnerError::timedOut(std::string command, double seconds) {
   ShellRunnerError error(Kind::timedOut,
                          fmt::format("Command timed out after {}s: {}", shortestDecimal(seconds), command));
+  error.command_ = std::move(command);
   error.seconds_ = seconds;
+  return error;
+}
+
+ShellRunnerError ShellRunnerError::failedToComplete(std::string message) {
+  ShellRunnerError error(Kind::failedToComplete, "Failed to complete command: " + message);
+  error.message_ = std::move(message);
   return error;
 }
 

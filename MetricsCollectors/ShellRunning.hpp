@@ -20,27 +20,36 @@ struct ShellResult {
 /// A failed run of an external command. what() is the text that is logged and sent to clients.
 class ShellRunnerError final : public std::runtime_error {
  public:
-  enum class Kind { failedToLaunch, nonZeroExit, timedOut };
+  enum class Kind { failedToLaunch, nonZeroExit, timedOut, failedToComplete };
 
   /// The command could not be started; callers use it for answers that they can't make sense of, too.
-  static ShellRunnerError failedToLaunch(const std::string& message);
+  static ShellRunnerError failedToLaunch(std::string message);
   static ShellRunnerError nonZeroExit(std::int32_t status, std::string stdout, std::string stderr);
   /// @param command the executable and its arguments, joined with single spaces
-  static ShellRunnerError timedOut(const std::string& command, double seconds);
+  static ShellRunnerError timedOut(std::string command, double seconds);
+  /// The command ran, but its result could not be had.
+  static ShellRunnerError failedToComplete(std::string message);
 
   Kind kind() const noexcept { return kind_; }
-  /// What the command had written and how it ended; empty but for nonZeroExit.
-  const ShellResult& result() const noexcept { return result_; }
-  /// The time-out that passed; 0 but for timedOut.
-  double seconds() const noexcept { return seconds_; }
+
+  // What the error carries; empty or 0 where its kind has no such thing.
+
+  const std::string& message() const noexcept { return message_; }  ///< of failedToLaunch, failedToComplete
+  const std::string& command() const noexcept { return command_; }  ///< of timedOut
+  double seconds() const noexcept { return seconds_; }              ///< the time-out of timedOut
+  std::int32_t status() const noexcept { return result_.status; }   ///< of nonZeroExit, with what it wrote
+  const std::string& stdout() const noexcept { return result_.stdout; }
+  const std::string& stderr() const noexcept { return result_.stderr; }
 
  private:
   ShellRunnerError(Kind kind, const std::string& description)
       : std::runtime_error(description), kind_(kind) {}
 
   Kind kind_;
-  ShellResult result_;
+  std::string message_;
+  std::string command_;
   double seconds_ = 0;
+  ShellResult result_;
 };
 
 /// Runs an external command to its end. Implementations are safe to call from several threads at once.
@@ -49,7 +58,7 @@ class ShellRunning {
   virtual ~ShellRunning() = default;
 
   /// Blocks until the command has ended.
-  /// @throws ShellRunnerError (failedToLaunch or timedOut); a non-zero exit status is an ordinary result.
+  /// @throws ShellRunnerError (never nonZeroExit: such an exit status is an ordinary result)
   virtual ShellResult run(const std::string& executable, const std::vector<std::string>& arguments) const = 0;
 };
 

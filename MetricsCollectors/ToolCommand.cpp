@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
+#include <string_view>
 #include <system_error>
 
 #include <unistd.h>
@@ -23,7 +25,34 @@ std::optional<std::string> toolBelow(const std::string& root, const std::string&
   return candidate;
 }
 
+/// The value of the variable; empty when it is not set, which means the same to a locale.
+std::string_view valueOf(std::string_view name, const std::vector<std::string>& entries) {
+  for (const std::string_view entry : entries) {
+    if (entry.starts_with(name) && entry.substr(name.size()).starts_with('=')) {
+      return entry.substr(name.size() + 1);
+    }
+  }
+  return {};
+}
+
+bool setsLocale(std::string_view entry) {
+  return entry.starts_with("LC_") || entry.starts_with("LANG=") || entry.starts_with("LANGUAGE=");
+}
+
 }  // namespace
+
+std::vector<std::string> toolEnvironment(const std::vector<std::string>& entries) {
+  std::vector<std::string> environment;
+  std::remove_copy_if(entries.begin(), entries.end(), std::back_inserter(environment), setsLocale);
+  // LC_ALL outweighs everything, LANG nothing (locale(7)).
+  for (const std::string_view name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const std::string_view encoding = valueOf(name, entries);
+    if (encoding.empty()) continue;
+    environment.push_back("LC_CTYPE=" + std::string(encoding));
+    break;
+  }
+  return environment;
+}
 
 bool isWrapper(const std::string& executable) {
   const std::string_view name = lastPathComponent(executable);

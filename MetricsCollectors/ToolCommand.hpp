@@ -21,6 +21,10 @@ struct ToolCommand {
 ToolCommand resolveToolCommand(const std::string& executable, const std::vector<std::string>& arguments,
                                const std::optional<std::string>& toolRoot);
 
+/// The environment of a tool whose text is parsed, made of this process's: the C locale, so that no language
+/// changes its numbers and words, but for the encoding of characters, which names need as it is.
+std::vector<std::string> toolEnvironment(const std::vector<std::string>& entries);
+
 /// Whether the command runs its tool through nice or sudo.
 bool isWrapper(const std::string& executable);
 

@@ -7,7 +7,6 @@
 #include <spawn.h>
 
 #include "Platform/ChildProcessSupport.hpp"
-#include "Platform/Environment.hpp"
 
 namespace quenzel::platform {
 namespace {
@@ -75,7 +74,8 @@ bool makeNonBlocking(int descriptor) {
 }  // namespace
 
 std::variant<ChildProcess, SpawnFailure> spawnChild(const std::string& executable,
-                                                    const std::vector<std::string>& arguments) {
+                                                    const std::vector<std::string>& arguments,
+                                                    std::vector<std::string> environment) {
   auto output = makePipe();
   auto error = output ? makePipe() : std::nullopt;
   const bool usable = error && moveAboveStandardStreams(output->second) &&
@@ -94,10 +94,9 @@ std::variant<ChildProcess, SpawnFailure> spawnChild(const std::string& executabl
 
   std::vector<std::string> argumentTexts{executable};
   argumentTexts.insert(argumentTexts.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> environmentTexts = environmentEntries();
   ChildProcess child;
   const int failure = ::posix_spawn(&child.pid, executable.c_str(), &actions.get(), attributes.get(),
-                                    pointersTo(argumentTexts).data(), pointersTo(environmentTexts).data());
+                                    pointersTo(argumentTexts).data(), pointersTo(environment).data());
   if (failure != 0) return SpawnFailure{failure};
 
   child.standardOutput = std::move(output->first);

@@ -23,13 +23,15 @@ struct SpawnFailure {
   int errorNumber = 0;
 };
 
-/// Starts the executable (a path, never looked up) with the arguments, which do not include argv[0].
+/// Starts the executable (a path, never looked up) with the arguments, which do not include argv[0], and with
+/// that environment ("NAME=value").
 ///
-/// The child gets this process's environment, an empty standard input, the two pipes, no other descriptor, an
+/// The child gets an empty standard input, the two pipes, no other descriptor, an
 /// empty signal mask and every signal's default disposition. It is started by posix_spawn(3), so no code of
 /// this process runs between fork and exec, and any number of threads may spawn side by side. The caller
 /// reaps it with waitpid(2).
 std::variant<ChildProcess, SpawnFailure> spawnChild(const std::string& executable,
-                                                    const std::vector<std::string>& arguments);
+                                                    const std::vector<std::string>& arguments,
+                                                    std::vector<std::string> environment);
 
 }  // namespace quenzel::platform

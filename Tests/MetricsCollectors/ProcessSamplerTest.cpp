@@ -97,7 +97,8 @@ TEST_F(ProcessSampling, PassesFailuresOn) {
   EXPECT_EQ(thrownBy<ShellRunnerError>([&] { sampler().sampleTopProcesses(5); }).kind(),
             ShellRunnerError::Kind::timedOut);
   const auto error = thrownBy<ShellRunnerError>([&] { sampler().sampleTopProcesses(5); });
-  EXPECT_EQ(error.result(), (ShellResult{1, "12 1 0 0 x\n", "bad"}));
+  EXPECT_EQ((ShellResult{error.status(), error.stdout(), error.stderr()}),
+            (ShellResult{1, "12 1 0 0 x\n", "bad"}));
 }
 
 TEST_F(ProcessSampling, TakesImpossibleListsForFatal) {

@@ -19,7 +19,6 @@
 namespace quenzel {
 namespace {
 
-using ::testing::HasSubstr;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
 using Kind = ShellRunnerError::Kind;
@@ -44,16 +43,25 @@ TEST(ShellRunner, ChoosesTheTimeOut) {
   const std::string tool = "/usr/bin/powermetrics";
   const ToolCommand ps{"/bin/ps", {}};
   const ToolCommand bare{tool, {}};
-  // clang-format off
   const Row rows[] = {
-      {{}, {}, ps, 4.0},       {{}, {}, bare, 15.0},      {{}, {}, {"/opt/powermetrics", {}}, 15.0},
-      {"0.1", {}, ps, 0.25},   {"abc", {}, ps, 4.0},      {" 2", {}, ps, 4.0},       {"", {}, ps, 4.0},
-      {"nan", {}, ps, 0.25},   {"10", {}, ps, 10.0},      {"10", {}, bare, 15.0},    {{}, "30", ps, 4.0},
-      {{}, "0.5", bare, 1.0},  {{}, "30", bare, 30.0},    {{}, "30x", bare, 15.0},   {{}, {}, {"/usr/bin/env", {tool}}, 4.0},
-      {{}, {}, {"/usr/bin/nice", {"-n", "10", tool}}, 15.0}, {{}, {}, {"/usr/bin/nice", {"-n", "10", "/bin/ls"}}, 4.0},
+      {{}, {}, ps, 4.0},
+      {"0.1", {}, ps, 0.25},
+      {"10", "30", ps, 10.0},
+      {"abc", {}, ps, 4.0},
+      {" 2", {}, ps, 4.0},
+      {"", {}, ps, 4.0},
+      {"nan", {}, ps, 0.25},
+      {"10", {}, bare, 15.0},
+      {{}, "0.5", bare, 1.0},
+      {"10", "30", bare, 30.0},
+      {{}, "30x", bare, 15.0},
+      {{}, "nan", bare, 1.0},
+      {{}, {}, {"/opt/powermetrics", {}}, 15.0},
+      {{}, {}, {"/usr/bin/env", {tool}}, 4.0},
+      {{}, {}, {"/usr/bin/nice", {"-n", "10", tool}}, 15.0},
+      {{}, {}, {"/usr/bin/nice", {"-n", "10", tool + "x"}}, 4.0},
       {{}, {}, {"/usr/bin/sudo", {"-n", "/usr/bin/nice", tool}}, 15.0},
   };
-  // clang-format on
   for (const Row& row : rows) {
     const ScopedEnvironment environment{
         {{"QZL_SHELL_TIMEOUT_SEC", row.shell}, {"QZL_PM_TIMEOUT_SEC", row.powermetrics}}};
@@ -64,10 +72,36 @@ TEST(ShellRunner, ChoosesTheTimeOut) {
 }
 
 TEST(ShellRunner, DescribesItsErrors) {
-  EXPECT_STREQ(ShellRunnerError::failedToLaunch("x").what(), "Failed to launch command: x");
-  EXPECT_STREQ(ShellRunnerError::nonZeroExit(3, "out", "err").what(), "Command exited with status 3: err");
-  EXPECT_STREQ(ShellRunnerError::timedOut("/bin/sleep 100", 4).what(),
-               "Command timed out after 4.0s: /bin/sleep 100");
+  struct Row {
+    ShellRunnerError error;
+    Kind kind;
+    std::string what;
+    std::tuple<std::string, std::string, double, ShellResult> payload;
+  };
+  const Row rows[] = {
+      {ShellRunnerError::failedToLaunch("x"),
+       Kind::failedToLaunch,
+       "Failed to launch command: x",
+       {"x", "", 0, {}}},
+      {ShellRunnerError::nonZeroExit(3, "out", "err"),
+       Kind::nonZeroExit,
+       "Command exited with status 3: err",
+       {"", "", 0, {3, "out", "err"}}},
+      {ShellRunnerError::timedOut("/bin/sleep 100", 4),
+       Kind::timedOut,
+       "Command timed out after 4.0s: /bin/sleep 100",
+       {"", "/bin/sleep 100", 4, {}}},
+      {ShellRunnerError::failedToComplete("x"),
+       Kind::failedToComplete,
+       "Failed to complete command: x",
+       {"x", "", 0, {}}},
+  };
+  for (const auto& [error, kind, what, payload] : rows) {
+    EXPECT_EQ(error.what(), what);
+    EXPECT_EQ(error.kind(), kind) << what;
+    const ShellResult result{error.status(), error.stdout(), error.stderr()};
+    EXPECT_EQ(std::tuple(error.message(), error.command(), error.seconds(), result), payload) << what;
+  }
 }
 
 TEST(ShellRunner, ReturnsStatusAndBothStreams) {
@@ -79,17 +113,26 @@ TEST(ShellRunner, ReturnsStatusAndBothStreams) {
   EXPECT_EQ(runner.run("/bin/echo", {"-n", "a b", "*", ""}).stdout, "a b * ");  // no shell in between
 }
 
-TEST(ShellRunner, TakesMoreOutputThanAPipeHolds) {
-  const ShellResult result =
+TEST(ShellRunner, ReturnsTheWholeOutput) {
+  const ShellResult large =
       runScript(DefaultShellRunner(),
-                "head -c 3000000 /dev/zero | tr '\\0' x; head -c 300000 /dev/zero | tr '\\0' y >&2");
-  EXPECT_EQ(result.stdout, std::string(3'000'000, 'x'));
-  EXPECT_EQ(result.stderr, std::string(300'000, 'y'));
+                "head -c 70000000 /dev/zero | tr '\\0' x; head -c 300000 /dev/zero | tr '\\0' y >&2");
+  EXPECT_EQ(large.stdout.size(), 70'000'000U);
+  EXPECT_EQ(large.stdout.find_first_not_of('x'), std::string::npos);
+  EXPECT_EQ(large.stderr, std::string(300'000, 'y'));
+  // What is written after the child's own end belongs to it as well.
+  EXPECT_EQ(runScript(DefaultShellRunner(), "(sleep 0.3; echo late; echo later >&2) & echo early"),
+            (ShellResult{0, "early\nlate\n", "later\n"}));
 }
 
 TEST(ShellRunner, EndsAChildThatWritesWithoutEnd) {
-  const auto error = thrownBy<ShellRunnerError>([] { DefaultShellRunner().run("/usr/bin/yes", {}); });
-  EXPECT_STREQ(error.what(), "Failed to launch command: more than 64 MiB of output");
+  const DefaultShellRunner runner(0.75, 1, {.outputBytes = 2 << 20});
+  const std::string bothStreams = "head -c 1000000 /dev/zero >&2; head -c 1097152 /dev/zero";
+  EXPECT_EQ(runScript(runner, bothStreams).stdout.size(), 1097152U) << "just as much as it may";
+  for (const auto& script : {bothStreams + "; echo", std::string("exec yes")}) {
+    const auto error = thrownBy<ShellRunnerError>([&] { runScript(runner, script); });
+    EXPECT_STREQ(error.what(), "Failed to complete command: /bin/sh wrote more than 2 MiB");
+  }
 }
 
 TEST(ShellRunner, SaysWhyACommandDoesNotStart) {
@@ -106,28 +149,73 @@ TEST(ShellRunner, SaysWhyACommandDoesNotStart) {
 }
 
 TEST(ShellRunner, StopsAChildThatOutlivesItsTimeOut) {
-  const ScopedEnvironment environment{{{"QZL_SHELL_TIMEOUT_SEC", "0.25"}}};
+  const TemporaryDirectory folder;
+  const ScopedEnvironment environment{{{"QZL_SHELL_TIMEOUT_SEC", "0.25"}, {"FOLDER", folder.path()}}};
+  EXPECT_EQ(DefaultShellRunner().terminateGraceSeconds(), 0.75);
+  EXPECT_EQ(DefaultShellRunner().killGraceSeconds(), 1.0);
+  constexpr double terminateGrace = 1.5;
   struct Row {
     std::string script;
-    double least;
-    double most;
+    bool takesSIGKILL;
+    std::string written = "";
   };
   const Row rows[] = {
-      {"exec sleep 100", 0.25, 2.0},                                    // ends on SIGTERM
-      {"trap '' TERM; while :; do sleep 0.05; done", 0.25 + 0.4, 5.0},  // takes SIGKILL
-      {"exec >&- 2>&-; exec sleep 100", 0.25, 2.0},                     // closed pipes are no end
-      {"trap '' TERM; while :; do echo flood; done", 0.25 + 0.4, 5.0},  // amid a flood
+      {"trap 'echo TERM > $FOLDER/written; exit' TERM; while :; do sleep 0.02; done", false, "TERM\n"},
+      {"exec >&- 2>&-; exec sleep 100", false},  // closed pipes are no end
+      {"trap '' TERM; while :; do sleep 0.05; done", true},
+      {"trap '' TERM; while :; do echo flood; done", true},
   };
   for (const Row& row : rows) {
+    folder.write("written", "");
+    const std::string script = "echo $$ > $FOLDER/pid; " + row.script;
     const Clock::time_point start = Clock::now();
     const auto error =
-        thrownBy<ShellRunnerError>([&] { runScript(DefaultShellRunner(0.4, 0.5), row.script); });
-    EXPECT_EQ(error.kind(), Kind::timedOut);
-    EXPECT_EQ(error.seconds(), 0.25);
-    EXPECT_EQ(error.what(), "Command timed out after 0.25s: /bin/sh -c " + row.script);
-    EXPECT_GE(secondsSince(start), row.least) << row.script;
-    EXPECT_LE(secondsSince(start), row.most) << row.script;
+        thrownBy<ShellRunnerError>([&] { runScript(DefaultShellRunner(terminateGrace, 30), script); });
+    EXPECT_STREQ(error.what(), ("Command timed out after 0.25s: /bin/sh -c " + script).c_str());
+    EXPECT_GE(secondsSince(start), row.takesSIGKILL ? 0.25 + terminateGrace : 0.25) << script;
+    EXPECT_LE(secondsSince(start), row.takesSIGKILL ? 20 : 0.25 + terminateGrace) << script;
+    EXPECT_EQ(folder.read("written"), row.written);
+    EXPECT_EQ(::kill(std::stoi(folder.read("pid")), 0), -1) << "waited for after SIGKILL too: " << script;
   }
+}
+
+TEST(ShellRunner, TimesACommandAsItIsNamed) {
+  const TemporaryDirectory root;
+  const ScopedEnvironment environment{
+      {{"QZL_SHELL_TIMEOUT_SEC", "0.25"}, {"QZL_PM_TIMEOUT_SEC", "30"}, {"QZL_TOOL_ROOT", root.path()}}};
+  for (const auto* tool : {"usr/bin/powermetrics", "usr/bin/pmset"}) {
+    std::filesystem::permissions(root.write(tool, "#!/bin/sh\nsleep 0.6; echo sampled\n"),
+                                 std::filesystem::perms::owner_all);
+  }
+  const DefaultShellRunner runner;
+  EXPECT_EQ(runner.run("/usr/bin/nice", {"-n", "1", "/usr/bin/powermetrics"}).stdout, "sampled\n");
+  EXPECT_EQ(thrownBy<ShellRunnerError>([&] { runner.run("/usr/bin/pmset", {"-g"}); }).command(),
+            "/usr/bin/pmset -g");
+}
+
+TEST(ShellRunner, RunsAFewChildrenAtOnceAndTheOthersInTurn) {
+  const TemporaryDirectory folder;
+  // Less than all of them take one after another: waiting for a turn is no part of it.
+  const ScopedEnvironment environment{{{"QZL_SHELL_TIMEOUT_SEC", "1.5"}, {"FOLDER", folder.path()}}};
+  const auto run = [](const DefaultShellRunner& runner) {
+    runScript(runner, "printf + >> $FOLDER/runs; sleep 0.4; printf - >> $FOLDER/runs");
+  };
+  std::vector<std::thread> threads;
+  for (int number = 0; number < 16; ++number) {
+    threads.emplace_back([&] { EXPECT_NO_THROW(run(DefaultShellRunner())); });
+  }
+  while (folder.read("runs").size() < DefaultShellRunner::mostChildren) std::this_thread::yield();
+  const DefaultShellRunner impatient(0.75, 1, {.waitSeconds = 0.01});
+  EXPECT_STREQ(thrownBy<ShellRunnerError>([&] { run(impatient); }).what(),
+               "Failed to launch command: /bin/sh: too many commands are waiting to run");
+  for (std::thread& thread : threads) thread.join();
+  std::size_t running = 0;
+  std::size_t most = 0;
+  for (const char mark : folder.read("runs")) {
+    running = mark == '+' ? running + 1 : running - 1;
+    most = std::max(most, running);
+  }
+  EXPECT_EQ(most, DefaultShellRunner::mostChildren);
 }
 
 TEST(ShellRunner, DoesNotWaitForAGrandchildBeyondTheTimeOut) {
@@ -186,6 +274,21 @@ TEST(ShellRunner, RunsSideBySideWithoutLeavingAnythingBehind) {
   EXPECT_EQ(openDescriptors(), before);
   EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child was not reaped";
   EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(ToolCommand, SpeaksNoLanguageButKeepsTheEncoding) {
+  using Entries = std::vector<std::string>;
+  const std::pair<Entries, Entries> rows[] = {
+      {{"A=1", "LC_ALL=de_DE.UTF-8", "LC_CTYPE=C", "LANG=C"}, {"A=1", "LC_CTYPE=de_DE.UTF-8"}},
+      {{"LC_ALL=", "LC_CTYPE=fr_FR.UTF-8", "LANG=C", "LANGX=1"}, {"LANGX=1", "LC_CTYPE=fr_FR.UTF-8"}},
+      {{"LANG=de_DE.UTF-8", "LANGUAGE=de", "LC_NUMERIC=de_DE", "XLC_ALL=x"},
+       {"XLC_ALL=x", "LC_CTYPE=de_DE.UTF-8"}},
+      {{"A=1"}, {"A=1"}},
+  };
+  for (const auto& [entries, environment] : rows) EXPECT_EQ(toolEnvironment(entries), environment);
+  const ScopedEnvironment german{{{"LC_ALL", "de_DE.UTF-8"}, {"LANG", "de_DE.UTF-8"}}};
+  EXPECT_EQ(runScript(DefaultShellRunner(), "echo \"$LC_ALL,$LANG,$LC_NUMERIC,$LC_CTYPE\"").stdout,
+            ",,,de_DE.UTF-8\n");
 }
 
 TEST(ToolCommand, FindsTheToolBelowTheRoot) {

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "Platform/Mutex.hpp"
+
+namespace quenzel {
+
+/// What one stream of a child has delivered so far. Whoever reads or takes `data` holds `lock`.
+struct ThreadSafeDataCollector {
+  /// Thread-safe; an empty chunk changes nothing.
+  void append(std::string_view bytes) {
+    const platform::MutexLock guard(lock);
+    data.append(bytes);
+  }
+
+  platform::Mutex lock;
+  std::string data GUARDED_BY(lock);
+};
+
+}  // namespace quenzel
