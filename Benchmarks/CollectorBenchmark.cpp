@@ -79,10 +79,15 @@ BENCHMARK(boundPSNewlineScan)->Arg(200)->Arg(1000)->Arg(5000);
 
 void psParseAndRank(benchmark::State& state) {
   const std::string text = psCapture(static_cast<std::size_t>(state.range(0)));
-  for (auto _ : state) benchmark::DoNotOptimize(ProcessSampler::parse(text, 1000));
+  const auto limit = static_cast<std::size_t>(state.range(1));
+  for (auto _ : state) benchmark::DoNotOptimize(ProcessSampler::parse(text, limit));
   setBytes(state, text);
 }
-BENCHMARK(psParseAndRank)->Arg(200)->Arg(1000)->Arg(5000);
+BENCHMARK(psParseAndRank)
+    ->Args({200, 1000})
+    ->Args({1000, 1000})
+    ->Args({5000, 1000})
+    ->Args({200'000, 200'000});
 
 /// Everything between the tools' texts and the merged list, with every process's metadata cached: at most 0.5
 /// ms.

@@ -99,8 +99,7 @@ void cycleBesidePS(benchmark::State& state) {
   const DisplayPowerEstimator display(smc);
   const USBPowerEstimator usb(&smc);
   const LiveAttributionInputBuilder builder(
-      {sampler, powermetrics, display, usb, battery,
-       [](std::int32_t pid) { return RunningProcessMetadataResolver::shared().resolve(pid); },
+      {sampler, powermetrics, display, usb, battery, RunningProcessMetadataResolver::resolve,
        RunningProcessMetadataCache::shared(), now, ComponentProfiler::shared()});
   builder.build({}, false);  // fills the metadata cache
   const double psBefore = shell.psSeconds();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <limits>
+#include <numeric>
 #include <system_error>
 #include <unordered_map>
 #include <utility>
@@ -35,20 +36,18 @@ bool ranksBefore(const PSRow& row, const PSRow& other) {
   return row.pid < other.pid;
 }
 
-/// Puts the newest row into the ranked list, which never grows beyond the limit. The list is sorted, so a
-/// binary search finds the entry that a walk from its front would.
-void insertIntoTopEntries(std::vector<std::uint32_t>& topEntries, const std::vector<PSRow>& rows,
-                          std::size_t limit) {
-  const auto newest = static_cast<std::uint32_t>(rows.size() - 1);
-  if (topEntries.empty() || !ranksBefore(rows[newest], rows[topEntries.back()])) {
-    if (topEntries.size() < limit) topEntries.push_back(newest);
-    return;
-  }
-  const auto place = std::upper_bound(
-      topEntries.begin(), topEntries.end(), newest,
-      [&](std::uint32_t left, std::uint32_t right) { return ranksBefore(rows[left], rows[right]); });
-  topEntries.insert(place, newest);
-  if (topEntries.size() > limit) topEntries.pop_back();
+/// Indices of the rows that rank first, at most as many as the limit; rows of equal rank stay in the order of
+/// the text.
+std::vector<std::uint32_t> topEntriesOf(const std::vector<PSRow>& rows, std::size_t limit) {
+  std::vector<std::uint32_t> entries(rows.size());
+  std::iota(entries.begin(), entries.end(), 0U);
+  const auto end = entries.begin() + static_cast<std::ptrdiff_t>(std::min(limit, entries.size()));
+  std::partial_sort(entries.begin(), end, entries.end(), [&](std::uint32_t left, std::uint32_t right) {
+    if (ranksBefore(rows[left], rows[right])) return true;
+    return !ranksBefore(rows[right], rows[left]) && left < right;
+  });
+  entries.erase(end, entries.end());
+  return entries;
 }
 
 /// The characters between the opening quote and its next unescaped match, or the end of the text.
@@ -71,6 +70,11 @@ std::string quotedToken(std::string_view text) {
   return token;
 }
 
+bool fileExistsHere(const std::string& path) {
+  std::error_code failure;
+  return std::filesystem::exists(path, failure);
+}
+
 std::int32_t checkedPID(std::int64_t pid) {
   if (pid < std::numeric_limits<std::int32_t>::min() || pid > std::numeric_limits<std::int32_t>::max()) {
     fatalError(fmt::format("ps listed the process id {}, which no system gives out.", pid));
@@ -81,24 +85,34 @@ std::int32_t checkedPID(std::int64_t pid) {
 }  // namespace
 
 ProcessSampler::Surroundings ProcessSampler::Surroundings::ofThisSystem() {
-  return {[](std::int32_t pid) { return RunningProcessMetadataResolver::shared().resolve(pid); },
-          RunningProcessMetadataCache::shared(),
-          [](const std::string& path) {
-            std::error_code failure;
-            return std::filesystem::exists(path, failure);
-          },
+  return {RunningProcessMetadataResolver::resolve, RunningProcessMetadataCache::shared(), fileExistsHere,
           quenzel::now, ComponentProfiler::shared()};
 }
 
 ProcessSampler::ProcessSampler(const ShellRunning& shell, Surroundings surroundings)
     : shell_(shell), surroundings_(std::move(surroundings)) {}
 
+ProcessSampler::ProcessSampler(const ShellRunning& shell, RunningProcessMetadataLookup metadataResolver,
+                               RunningProcessMetadataCache& metadataCache,
+                               ComponentProfiler& componentProfiler)
+    : ProcessSampler(shell, {std::move(metadataResolver), metadataCache, fileExistsHere, quenzel::now,
+                             componentProfiler}) {}
+
 std::vector<ProcessSample> ProcessSampler::sampleTopProcesses(std::int64_t limit) const {
-  return snapshotFrom(psOutput(), limit, false).sampledProcesses;
+  return sampleProcesses(limit, false).snapshot.sampledProcesses;
 }
 
 ProcessSamplingSnapshot ProcessSampler::sampleProcessTree(std::int64_t limit) const {
-  return snapshotFrom(psOutput(), limit, true);
+  return sampleProcesses(limit, true).snapshot;
+}
+
+ProcessSamplingReport ProcessSampler::sampleProcesses(std::int64_t limit, bool includeAllProcesses) const {
+  ProcessSamplingReport sampled = report(psOutput(), limit, includeAllProcesses);
+  if (sampled.unreadableRows > 0) {
+    // Not the rows themselves: command lines hold secrets, and others read the log.
+    RuntimeLog::warn(component, fmt::format("rows of ps that can't be read: {}", sampled.unreadableRows));
+  }
+  return sampled;
 }
 
 std::string ProcessSampler::psOutput() const {
@@ -111,6 +125,11 @@ std::string ProcessSampler::psOutput() const {
 
 ProcessSamplingSnapshot ProcessSampler::snapshotFrom(std::string_view psOutput, std::int64_t limit,
                                                      bool includeAllProcesses) const {
+  return report(psOutput, limit, includeAllProcesses).snapshot;
+}
+
+ProcessSamplingReport ProcessSampler::report(std::string_view psOutput, std::int64_t limit,
+                                             bool includeAllProcesses) const {
   const auto rowLimit = static_cast<std::size_t>(std::max<std::int64_t>(limit, 1));
   ComponentProfiler& profiler = surroundings_.componentProfiler;
   const SpanOrigin origin{profiler.makeCorrelationID("process-sampler"), "MetricsCollectors/ProcessSampler",
@@ -125,13 +144,13 @@ ProcessSamplingSnapshot ProcessSampler::snapshotFrom(std::string_view psOutput, 
 
   const PointInTime now = surroundings_.nowProvider();
   const bool logsNames = isNameDebugEnabled();
-  if (includeAllProcesses) return tree(parsed, now, logsNames);
+  if (includeAllProcesses) return {tree(parsed, now, logsNames), parsed.unreadableRows};
   ProcessSamplingSnapshot snapshot;
   snapshot.sampledProcesses.reserve(parsed.topEntries.size());
   for (const std::uint32_t index : parsed.topEntries) {
     snapshot.sampledProcesses.push_back(resolveProcessSample(parsed.rows[index], now, logsNames));
   }
-  return snapshot;
+  return {std::move(snapshot), parsed.unreadableRows};
 }
 
 ProcessSamplingSnapshot ProcessSampler::tree(const ParsedRows& parsed, PointInTime now,
@@ -153,15 +172,15 @@ ProcessSamplingSnapshot ProcessSampler::tree(const ParsedRows& parsed, PointInTi
 
 ProcessSampler::ParsedRows ProcessSampler::parse(std::string_view psOutput, std::size_t limit) {
   ParsedRows parsed;
-  const std::size_t expectedRows = std::min(psOutput.size() / typicalLineLength, mostReservedRows);
-  parsed.rows.reserve(expectedRows);
-  parsed.topEntries.reserve(std::min(limit, expectedRows) + 1);
+  parsed.rows.reserve(std::min(psOutput.size() / typicalLineLength, mostReservedRows));
   for (std::string_view line = nextLine(psOutput); !line.empty(); line = nextLine(psOutput)) {
-    const auto row = parsePSLine(line);
-    if (!row) continue;
-    parsed.rows.push_back(*row);
-    insertIntoTopEntries(parsed.topEntries, parsed.rows, limit);
+    if (const auto row = parsePSLine(line)) {
+      parsed.rows.push_back(*row);
+    } else if (!isBlank(line)) {
+      ++parsed.unreadableRows;
+    }
   }
+  parsed.topEntries = topEntriesOf(parsed.rows, limit);
   return parsed;
 }
 
@@ -187,8 +206,8 @@ ProcessSample ProcessSampler::resolveProcessSample(const PSRow& row, PointInTime
   sample.name = resolveProcessName(row.commandLine, std::move(metadata));
   sample.cpuPercent = row.cpuPercent;
   if (logsNames) {
-    RuntimeLog::info(component, fmt::format("pid={} cpu={:.2f} raw={} resolved={}", row.pid, row.cpuPercent,
-                                            row.commandLine, sample.name));
+    RuntimeLog::info(component, printableLine(fmt::format("pid={} cpu={:.2f} raw={} resolved={}", row.pid,
+                                                          row.cpuPercent, row.commandLine, sample.name)));
   }
   return sample;
 }

@@ -23,11 +23,17 @@ struct ProcessSamplingSnapshot {
   bool operator==(const ProcessSamplingSnapshot&) const = default;
 };
 
+/// A snapshot with what was lost on the way to it.
+struct ProcessSamplingReport {
+  ProcessSamplingSnapshot snapshot;
+  std::size_t unreadableRows = 0;  ///< lines of ps that are not blank and are no row either
+};
+
 /// Lists the running processes through one run of ps(1) and keeps the busiest by CPU percentage, with their
 /// executable's path as name where it is known.
 ///
-/// Holds no state of its own. Calls block for the duration of ps. Ranking costs a binary search and a short
-/// move of four-byte entries for each row; metadata is looked up only for rows that are returned, once each.
+/// Holds no state of its own. Calls block for the duration of ps. Ranking costs n log(limit);
+/// metadata is looked up only for rows that are returned, once each.
 class ProcessSampler {
  public:
   /// What the sampler asks of its surroundings.
@@ -44,6 +50,9 @@ class ProcessSampler {
 
   explicit ProcessSampler(const ShellRunning& shell,
                           Surroundings surroundings = Surroundings::ofThisSystem());
+  /// With the file system and the clock of this system.
+  ProcessSampler(const ShellRunning& shell, RunningProcessMetadataLookup metadataResolver,
+                 RunningProcessMetadataCache& metadataCache, ComponentProfiler& componentProfiler);
 
   /// At most `limit` processes (at least one), busiest first, equal ones by pid.
   /// @throws ShellRunnerError when ps does not start, does not end in time, or ends with another status than
@@ -51,6 +60,8 @@ class ProcessSampler {
   std::vector<ProcessSample> sampleTopProcesses(std::int64_t limit) const;
   /// The same together with every process. A pid that ps lists twice is a fatal error here.
   ProcessSamplingSnapshot sampleProcessTree(std::int64_t limit) const;
+  /// Either of them, with the number of rows that could not be read, which is logged too.
+  ProcessSamplingReport sampleProcesses(std::int64_t limit, bool includeAllProcesses) const;
 
   /// What those make of the text that ps printed.
   ProcessSamplingSnapshot snapshotFrom(std::string_view psOutput, std::int64_t limit,
@@ -73,6 +84,7 @@ class ProcessSampler {
   struct ParsedRows {
     std::vector<PSRow> rows;                ///< in the order of the text
     std::vector<std::uint32_t> topEntries;  ///< indices into `rows`, in rank order
+    std::size_t unreadableRows = 0;
   };
   static ParsedRows parse(std::string_view psOutput, std::size_t limit);
 
@@ -85,6 +97,7 @@ class ProcessSampler {
  private:
   std::string psOutput() const;
   ProcessSample resolveProcessSample(const PSRow& row, PointInTime now, bool logsNames) const;
+  ProcessSamplingReport report(std::string_view psOutput, std::int64_t limit, bool includeAllProcesses) const;
   ProcessSamplingSnapshot tree(const ParsedRows& parsed, PointInTime now, bool logsNames) const;
 
   const ShellRunning& shell_;

@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <unordered_map>
+#include <utility>
 
 #include "MetricsCollectors/RunningProcessMetadata.hpp"
 #include "Platform/Mutex.hpp"
@@ -19,8 +21,8 @@ using RunningProcessMetadataLookup = std::function<std::optional<RunningProcessM
 /// held while looking up; two threads that miss on one pid both look it up, and the later answer stays.
 class RunningProcessMetadataCache {
  public:
-  static constexpr double hitTTLSeconds = 120;
-  static constexpr double missTTLSeconds = 15;
+  static constexpr double hitTTL = 120;  ///< seconds, as the other one
+  static constexpr double missTTL = 15;
   static constexpr std::size_t maxEntries = 4096;
 
   /// The cache that all collectors of this process share.
@@ -37,10 +39,12 @@ class RunningProcessMetadataCache {
     PointInTime resolvedAt;
   };
 
+  void store(std::int32_t pid, Entry entry) REQUIRES(lock_);
   void pruneEntries(PointInTime now) REQUIRES(lock_);
 
   mutable platform::Mutex lock_;
   std::unordered_map<std::int32_t, Entry> entries_ GUARDED_BY(lock_);
+  std::set<std::pair<PointInTime, std::int32_t>> byAge_ GUARDED_BY(lock_);  ///< the entries, oldest first
   std::uint64_t accessCount_ GUARDED_BY(lock_) = 0;  ///< look-ups so far; hits do not count
 };
 

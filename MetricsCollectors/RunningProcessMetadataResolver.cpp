@@ -1,5 +1,6 @@
 #include "MetricsCollectors/RunningProcessMetadataResolver.hpp"
 
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -23,17 +24,48 @@ void repairTexts(RunningProcessMetadata& metadata) {
   }
 }
 
-}  // namespace
-
-RunningProcessMetadataResolver::RunningProcessMetadataResolver(
-    std::unique_ptr<platform::RunningProcesses> processes)
-    : processes_(std::move(processes)),
-      bundleIdentifierCache_([this](const std::string& path) { return processes_->bundleIdentifier(path); }) {
+platform::RunningProcesses& processesOfThisSystem() {
+  static const std::unique_ptr<platform::RunningProcesses> processes = platform::makeRunningProcesses();
+  return *processes;
 }
 
-RunningProcessMetadataResolver& RunningProcessMetadataResolver::shared() {
-  static RunningProcessMetadataResolver resolver(platform::makeRunningProcesses());
-  return resolver;
+RunningProcessMetadata lookUp(platform::RunningProcesses& processes, BundleIdentifierCache& bundles,
+                              std::int32_t pid) {
+  RunningProcessMetadata metadata;
+  metadata.executablePath = processes.executablePath(pid);
+  if (metadata.executablePath) {
+    metadata.bundlePath = RunningProcessMetadataResolver::bundlePath(*metadata.executablePath);
+  }
+  if (metadata.bundlePath) metadata.bundleID = bundles.bundleIdentifier(*metadata.bundlePath);
+  if (metadata.bundleID) return metadata;
+
+  const auto application = processes.runningApplication(pid);
+  if (application && !metadata.bundlePath) metadata.bundlePath = application->bundleLocation;
+  if (application) metadata.bundleID = application->bundleIdentifier;
+  if (!metadata.bundleID && metadata.bundlePath) {
+    metadata.bundleID = bundles.bundleIdentifier(*metadata.bundlePath);
+  }
+  return metadata;
+}
+
+}  // namespace
+
+BundleIdentifierCache& RunningProcessMetadataResolver::bundleIdentifierCache() {
+  static BundleIdentifierCache cache(
+      [](const std::string& path) { return processesOfThisSystem().bundleIdentifier(path); });
+  return cache;
+}
+
+std::optional<RunningProcessMetadata> RunningProcessMetadataResolver::resolve(std::int32_t pid) {
+  return resolveAmong(processesOfThisSystem(), bundleIdentifierCache(), pid);
+}
+
+std::optional<RunningProcessMetadata> RunningProcessMetadataResolver::resolveAmong(
+    platform::RunningProcesses& processes, BundleIdentifierCache& bundles, std::int32_t pid) {
+  RunningProcessMetadata metadata = lookUp(processes, bundles, pid);
+  if (metadata == RunningProcessMetadata{}) return std::nullopt;
+  repairTexts(metadata);
+  return metadata;
 }
 
 std::optional<std::string> RunningProcessMetadataResolver::bundlePath(const std::string& executablePath) {
@@ -44,29 +76,6 @@ std::optional<std::string> RunningProcessMetadataResolver::bundlePath(const std:
     }
   }
   return std::nullopt;
-}
-
-std::optional<RunningProcessMetadata> RunningProcessMetadataResolver::resolve(std::int32_t pid) {
-  RunningProcessMetadata metadata = lookUp(pid);
-  if (metadata == RunningProcessMetadata{}) return std::nullopt;
-  repairTexts(metadata);
-  return metadata;
-}
-
-RunningProcessMetadata RunningProcessMetadataResolver::lookUp(std::int32_t pid) {
-  RunningProcessMetadata metadata;
-  metadata.executablePath = processes_->executablePath(pid);
-  if (metadata.executablePath) metadata.bundlePath = bundlePath(*metadata.executablePath);
-  if (metadata.bundlePath) metadata.bundleID = bundleIdentifierCache_.bundleIdentifier(*metadata.bundlePath);
-  if (metadata.bundleID) return metadata;
-
-  const auto application = processes_->runningApplication(pid);
-  if (application && !metadata.bundlePath) metadata.bundlePath = application->bundleLocation;
-  if (application) metadata.bundleID = application->bundleIdentifier;
-  if (!metadata.bundleID && metadata.bundlePath) {
-    metadata.bundleID = bundleIdentifierCache_.bundleIdentifier(*metadata.bundlePath);
-  }
-  return metadata;
 }
 
 }  // namespace quenzel

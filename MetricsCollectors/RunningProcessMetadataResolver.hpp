@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -12,26 +11,23 @@
 namespace quenzel {
 
 /// Looks a process up: its executable, the bundle around it, that bundle's identifier. Costs system calls;
-/// only the identifiers of bundles are remembered. Thread-safe.
-class RunningProcessMetadataResolver {
- public:
-  explicit RunningProcessMetadataResolver(std::unique_ptr<platform::RunningProcesses> processes);
+/// only the identifiers of bundles are remembered. Any thread.
+namespace RunningProcessMetadataResolver {
 
-  /// The resolver over this system's processes.
-  static RunningProcessMetadataResolver& shared();
+/// A process of this system; none when nothing at all is known of it. The texts are valid UTF-8.
+std::optional<RunningProcessMetadata> resolve(std::int32_t pid);
 
-  /// None when nothing at all is known of the process. The texts are valid UTF-8.
-  std::optional<RunningProcessMetadata> resolve(std::int32_t pid);
+/// The identifiers of this system's bundles.
+BundleIdentifierCache& bundleIdentifierCache();
 
-  /// The ".app" or ".xpc" bundle that a path is or lies in. An XPC service inside an application belongs to
-  /// the outermost application.
-  static std::optional<std::string> bundlePath(const std::string& executablePath);
+/// The same look-up among processes and bundles that are handed in.
+std::optional<RunningProcessMetadata> resolveAmong(platform::RunningProcesses& processes,
+                                                   BundleIdentifierCache& bundles, std::int32_t pid);
 
- private:
-  RunningProcessMetadata lookUp(std::int32_t pid);
+/// The ".app" or ".xpc" bundle that a path is or lies in. An XPC service inside an application belongs to
+/// the outermost application.
+std::optional<std::string> bundlePath(const std::string& executablePath);
 
-  std::unique_ptr<platform::RunningProcesses> processes_;
-  BundleIdentifierCache bundleIdentifierCache_;
-};
+}  // namespace RunningProcessMetadataResolver
 
 }  // namespace quenzel

@@ -137,12 +137,16 @@ SamplingCycleResult SamplingCycle::run() {
   const DisplayPowerEstimator display(smc_);
   const USBPowerEstimator usb(&smc_);
   const LiveAttributionInputBuilder builder(
-      {processSampler_, powermetrics, display, usb, battery,
-       [](std::int32_t pid) { return RunningProcessMetadataResolver::shared().resolve(pid); },
+      {processSampler_, powermetrics, display, usb, battery, RunningProcessMetadataResolver::resolve,
        RunningProcessMetadataCache::shared(), now, ComponentProfiler::shared()});
-  result.build = builder.buildWithMetadata(
-      processSampler_.sampleTopProcesses(LiveAttributionInputBuilder::processSampleLimit), {},
-      SamplingConfig(settings));
+  ProcessSamplingReport sampled =
+      processSampler_.sampleProcesses(LiveAttributionInputBuilder::processSampleLimit, false);
+  if (sampled.unreadableRows > 0) {
+    result.unavailable.push_back(
+        {"processes", fmt::format("rows of ps that can't be read: {}", sampled.unreadableRows)});
+  }
+  result.build =
+      builder.buildWithMetadata(std::move(sampled.snapshot.sampledProcesses), {}, SamplingConfig(settings));
   // A total that was added up from components is one on external power: one answer for total and context.
   result.onBattery = !result.build.metadata.usedEstimatedTotalPower;
   result.componentPower = componentPower_.sample(now());

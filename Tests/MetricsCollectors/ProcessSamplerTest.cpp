@@ -1,12 +1,15 @@
+#include <filesystem>
 #include <set>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "MetricsCollectors/ProcessSampler.hpp"
 #include "MetricsCollectors/RunningProcessMetadataResolver.hpp"
 #include "Tests/Support/FakeClock.hpp"
 #include "Tests/Support/FakeShell.hpp"
+#include "Tests/Support/LoggedLines.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/ThrownBy.hpp"
 
@@ -16,6 +19,8 @@ namespace {
 using ::testing::ElementsAre;
 using testing::FakeClock;
 using testing::FakeShell;
+using ::testing::IsEmpty;
+using testing::linesLoggedBy;
 using Metadata = RunningProcessMetadata;
 
 std::vector<std::int64_t> pidsOf(const std::vector<ProcessSample>& samples) {
@@ -62,13 +67,46 @@ TEST(ProcessSampler, ReadsLines) {
 }
 
 TEST_F(ProcessSampling, RanksByCPUThenPidWithinTheLimit) {
-  shell_.output("/bin/ps", "10 1 5.0 0 a\r\n3 1 5.0 0 b\u2028 7 0 9.0 0 c\n\nnot a row\n8 1 0.0 0 d\n");
+  shell_.output("/bin/ps", "10 1 5.0 0 a\r\n3 1 5.0 0 b\u2028 7 0 9.0 0 c\n\n8 1 0.0 0 d\n");
   using PIDs = std::vector<std::int64_t>;
-  const std::pair<std::int64_t, PIDs> rows[] = {{2, {7, 3}}, {0, {7}}, {-9, {7}}, {1000, {7, 3, 10, 8}}};
+  const std::pair<std::int64_t, PIDs> rows[] = {
+      {2, {7, 3}}, {0, {7}}, {-9, {7}}, {1000, {7, 3, 10, 8}}, {INT64_MAX, {7, 3, 10, 8}}};
   for (const auto& [limit, pids] : rows)
     EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(limit)), pids) << limit;
   EXPECT_EQ(shell_.calls().at(0),
             (FakeShell::Call{"/bin/ps", {"-A", "-ww", "-o", "pid=,ppid=,%cpu=,%mem=,command="}}));
+}
+
+TEST_F(ProcessSampling, CountsRowsThatAreNone) {
+  shell_.output("/bin/ps", "10 1 5,0 0,1 /a secret\n \n7 1 9.0 0 c\n8 1 8.0\n");
+  ProcessSamplingReport report;
+  EXPECT_THAT(linesLoggedBy([&] { report = sampler().sampleProcesses(9, false); }),
+              ElementsAre("[WARN] [ProcessSampler] rows of ps that can't be read: 2"));
+  EXPECT_EQ(report.unreadableRows, 2U);
+  EXPECT_EQ(pidsOf(report.snapshot.sampledProcesses), std::vector<std::int64_t>{7});
+  EXPECT_EQ(sampler().sampleProcesses(9, true).unreadableRows, 2U);
+  shell_.output("/bin/ps", "7 1 9.0 0 c\n");
+  sampler().sampleTopProcesses(9);
+  EXPECT_THAT(linesLoggedBy([&] { sampler().sampleTopProcesses(9); }), IsEmpty());
+}
+
+TEST_F(ProcessSampling, LogsNamesOnOneLineWhenAsked) {
+  const testing::ScopedEnvironment debugging{{{"QZL_PROCESS_NAME_DEBUG", "1"}}};
+  metadata_[7] = {"/opt/a\n[1.000] [ERROR] [Daemon] forged", {}, {}};
+  shell_.output("/bin/ps", "7 1 9.126 0 c\x1B[2J -x\n");
+  EXPECT_THAT(linesLoggedBy([&] { sampler().sampleTopProcesses(9); }),
+              ElementsAre("[INFO] [ProcessSampler] pid=7 cpu=9.13 raw=c?[2J -x "
+                          "resolved=/opt/a?[1.000] [ERROR] [Daemon] forged"));
+}
+
+TEST(ProcessSampler, TakesItsFourCollaborators) {
+  FakeShell shell;
+  shell.output("/bin/ps", "7 1 9.0 0 \"/bin/sh\" -c x\n");
+  RunningProcessMetadataCache cache;
+  ComponentProfiler profiler;
+  const RunningProcessMetadataLookup lookup = [](std::int32_t) { return std::nullopt; };
+  EXPECT_EQ(ProcessSampler(shell, lookup, cache, profiler).sampleTopProcesses(1).at(0).name, "/bin/sh");
+  EXPECT_EQ(cache.size(), 1U);
 }
 
 TEST_F(ProcessSampling, BuildsTheTreeWithOneLookupAProcess) {
@@ -87,6 +125,7 @@ TEST_F(ProcessSampling, BuildsTheTreeWithOneLookupAProcess) {
   EXPECT_THAT(lookups_, ElementsAre(7)) << "what is not returned is not looked up";
   ASSERT_EQ(spans_.size(), 2U);
   EXPECT_EQ(spans_[0].component, "daemonSampleProcessSampler");
+  EXPECT_EQ(spans_[0].origin.correlationID, "process-sampler-1");
   EXPECT_EQ(spans_[0].context,
             (ComponentProfiler::Context{{"stage", "parse"}, {"limit", "1"}, {"includeAll", "1"}}));
 }
@@ -97,6 +136,7 @@ TEST_F(ProcessSampling, PassesFailuresOn) {
   EXPECT_EQ(thrownBy<ShellRunnerError>([&] { sampler().sampleTopProcesses(5); }).kind(),
             ShellRunnerError::Kind::timedOut);
   const auto error = thrownBy<ShellRunnerError>([&] { sampler().sampleTopProcesses(5); });
+  EXPECT_EQ(error.kind(), ShellRunnerError::Kind::nonZeroExit);
   EXPECT_EQ((ShellResult{error.status(), error.stdout(), error.stderr()}),
             (ShellResult{1, "12 1 0 0 x\n", "bad"}));
 }
@@ -183,11 +223,18 @@ TEST(RunningProcessMetadata, IsResolvedFromPathBundleAndRecord) {
   };
   for (const ResolveRow& row : rows) {
     FakeProcesses::State state = row.state;
-    RunningProcessMetadataResolver resolver(std::make_unique<FakeProcesses>(state));
-    EXPECT_EQ(resolver.resolve(7), row.metadata) << state.executablePath.value_or("(no path)");
-    resolver.resolve(7);
+    FakeProcesses processes(state);
+    BundleIdentifierCache bundles([&](const std::string& path) { return processes.bundleIdentifier(path); });
+    for (int round = 0; round < 2; ++round) {
+      EXPECT_EQ(RunningProcessMetadataResolver::resolveAmong(processes, bundles, 7), row.metadata)
+          << state.executablePath.value_or("(no path)");
+    }
     EXPECT_LE(state.bundleReads, 1) << "a bundle is read once";
   }
+  EXPECT_EQ(RunningProcessMetadataResolver::resolve(::getpid())->executablePath,
+            std::filesystem::read_symlink("/proc/self/exe"));
+  EXPECT_EQ(RunningProcessMetadataResolver::bundleIdentifierCache().bundleIdentifier("/nowhere.app"),
+            std::nullopt);
   const std::pair<std::string, std::optional<std::string>> paths[] = {
       {"/A/Foo.APP/Contents/MacOS/Foo", "/A/Foo.APP"},
       {"/A/Foo.app/X/S.xpc/S", "/A/Foo.app"},

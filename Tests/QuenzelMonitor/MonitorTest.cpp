@@ -197,8 +197,12 @@ TEST_F(Monitor, SaysWhatIsMissingAndWhy) {
       std::filesystem::perms::owner_all);
   std::filesystem::permissions(folder_.write("tools/usr/sbin/ioreg", "#!/bin/sh\nexit 4\n"),
                                std::filesystem::perms::owner_all);
+  std::filesystem::permissions(
+      folder_.write("tools/bin/ps", "#!/bin/sh\necho '7 1 8,0 0,1 /a'; echo '8 1 1.0 0.0 /b'\n"),
+      std::filesystem::perms::owner_all);
   const Outcome outcome = quenzelWith({"sample", "--watch", "0.1", "--count", "2", "--top", "3"});
   EXPECT_EQ(outcome.status, exitSuccess);
+  EXPECT_THAT(outcome.out, HasSubstr("  processes: rows of ps that can't be read: 1\n"));
   EXPECT_THAT(outcome.out, HasSubstr("  powermetrics: powermetrics command failed: broken\n"));
   EXPECT_THAT(outcome.out, HasSubstr("unknown: "));
   EXPECT_THAT(outcome.out, Not(HasSubstr("odelled")));
