@@ -1,13 +1,13 @@
 #include <set>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "MetricsCollectors/LiveAttributionInputBuilder.hpp"
-#include "SharedModels/Runtime/NotificationCentre.hpp"
-#include "SharedModels/Runtime/RuntimeLog.hpp"
 #include "Tests/Support/FakeClock.hpp"
 #include "Tests/Support/FakeShell.hpp"
+#include "Tests/Support/LoggedLines.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
@@ -16,17 +16,17 @@ namespace quenzel {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 using testing::FakeClock;
 using testing::FakeShell;
 using ::testing::HasSubstr;
+using testing::linesLoggedBy;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
 
 struct FakePowermetrics final : PowermetricsCollecting {
   std::optional<PowermetricsParseOutput> output;
   PowermetricsParseOutput collectNormalizedSample() const override {
-    if (!output) throw PowermetricsCollectorError::commandFailed("gone");
+    if (!output) throw PowermetricsCollectorError::commandFailed("gone\x1B");
     return *output;
   }
 };
@@ -120,59 +120,49 @@ TEST_F(InputBuilding, ChoosesTheTotalAndItsSource) {
   struct Row {
     Battery battery;
     bool configuredOnBattery;
-    std::optional<double> packageW;
+    double packageW;  // 0: powermetrics fails
     double total;
-    bool estimated;
-    std::string log;
+    std::string sources;
+    bool estimated = true;
   };
+  const std::string components = "powerSource=PM-Package+Components";
   const Row rows[] = {
-      {battery(true, false, {}), true, 6.0, 8.5, true,
-       "sources isOnBattery=true, powerSource=PM-Package+Components, iokitW=nil, pmCommandOK=true, "
-       "pmParsed=1, "
-       "pmPackage=6.00, totalW=8.50"},
-      {battery(false, true, 4.0),
-       true,
-       {},
-       2.5,
-       true,
-       "sources isOnBattery=true, powerSource=PM-Package+Components, iokitW=4.00, pmCommandOK=false, "
-       "pmParsed=0, "
-       "pmPackage=0.00, totalW=2.50"},
-      {battery(false, false, 11.25), false, 6.0, 11.25, false,
-       "sources isOnBattery=false, powerSource=IOKit, iokitW=11.25, pmCommandOK=true, pmParsed=1, "
-       "pmPackage=6.00, "
-       "totalW=11.25"},
-      {battery(false, false, 0.0), false, 6.0, 0, false, "powerSource=none, iokitW=0.00"},
-      {battery(false, false, {}), true, 6.0, 0, false, "powerSource=none, iokitW=nil"},
-      {std::nullopt, true, 6.0, 0, false, "isOnBattery=true, powerSource=none, iokitW=nil"},
-      {std::nullopt, false, 6.0, 8.5, true, "isOnBattery=false, powerSource=PM-Package+Components"},
+      {battery(true, false, {}), true, 6, 8.5, "isOnBattery=true, " + components + ", iokitW=nil"},
+      {battery(false, true, 4.0), true, 0, 2.5, "isOnBattery=true, " + components + ", iokitW=4.00"},
+      {{}, false, 6, 8.5, "isOnBattery=false, " + components + ", iokitW=nil"},
+      {battery(false, false, 11.25), false, 6, 11.25, "isOnBattery=false, powerSource=IOKit, iokitW=11.25",
+       false},
+      {battery(false, false, 0.0), false, 6, 0, "isOnBattery=false, powerSource=none, iokitW=0.00", false},
+      {battery(false, false, {}), true, 6, 0, "isOnBattery=true, powerSource=none, iokitW=nil", false},
+      {{}, true, 6, 0, "isOnBattery=true, powerSource=none, iokitW=nil", false},
   };
-  environment_.set("QZL_LOG_DISABLED", "0");
-  RuntimeLog::configure(RuntimeLogLevel::info, true);
-  std::string lastInfo;
-  const auto token = NotificationCentre::shared().observe(
-      runtimeLogDidWrite, [&](const auto& userInfo) { lastInfo = userInfo.at("line"); });
   watts_.display = 2;
   watts_.usb = 0.5;
-  ::testing::internal::CaptureStderr();
   for (const Row& row : rows) {
     battery_.status = row.battery;
     powermetrics_.output.reset();
-    if (row.packageW) {
+    std::vector<std::string> expected;
+    if (row.packageW > 0) {
       powermetrics_.output =
-          PowermetricsParseOutput{.combinedPackageW = *row.packageW, .processes = {record(1, 1)}};
+          PowermetricsParseOutput{.combinedPackageW = row.packageW, .processes = {record(1, 1)}};
+    } else {
+      expected.push_back(
+          "[ERROR] [InputBuilder] powermetrics collection failed: powermetrics command failed: gone?");
     }
+    expected.push_back(fmt::format(
+        "[INFO] [InputBuilder] sources {}, pmCommandOK={}, pmParsed={}, pmPackage={:.2f}, totalW={:.2f}",
+        row.sources, row.packageW > 0, row.packageW > 0 ? 1 : 0, row.packageW, row.total));
     SamplingSettings settings;
     settings.isOnBatteryPower = row.configuredOnBattery;
-    const AttributionBuildResult result = build({}, settings);
-    EXPECT_EQ(result.input.totalDischargeW, row.total) << row.log;
-    EXPECT_EQ(result.metadata.usedEstimatedTotalPower, row.estimated) << row.log;
+    AttributionBuildResult result;
+    EXPECT_EQ(linesLoggedBy([&] { result = build({}, settings); }), expected);
+    EXPECT_EQ(result.input.totalDischargeW, row.total) << row.sources;
+    EXPECT_EQ(result.metadata.usedEstimatedTotalPower, row.estimated) << row.sources;
     EXPECT_EQ(result.batteryStatus, row.battery);
-    EXPECT_THAT(lastInfo, HasSubstr("[INFO] [InputBuilder] sources "));
-    EXPECT_THAT(lastInfo, HasSubstr(row.log));
   }
-  ::testing::internal::GetCapturedStderr();
-  RuntimeLog::configure(RuntimeLogLevel::warn, false);
+  battery_.status = *battery(true, false, {});
+  powermetrics_.output = PowermetricsParseOutput{.combinedPackageW = -9};
+  EXPECT_EQ(build().input.totalDischargeW, 0) << "never below zero";
 }
 
 TEST_F(InputBuilding, ReportsWhatItUsed) {
@@ -186,12 +176,15 @@ TEST_F(InputBuilding, ReportsWhatItUsed) {
 }
 
 TEST_F(InputBuilding, SamplesTheProcessesItself) {
-  shell_.output("/bin/ps", "10 1 5.0 0 a\n7 0 9.0 0 c\n");
+  std::string ps = "7 0 9.0 0 c\n";
+  for (int pid = 8; pid < 1100; ++pid) ps += fmt::format("{} 1 5.0 0 a\n", pid);
+  shell_.output("/bin/ps", ps);
   const AttributionInput input = builder_.build({{.identifier = "web", .hostShares = {{7, 1.0}}}}, true);
-  EXPECT_EQ(input.processes.size(), 2U);
-  EXPECT_EQ(input.processes.at(0).name, "c");
+  ASSERT_EQ(input.processes.size(), 1000U) << "the busiest";
+  EXPECT_EQ(input.processes[0].name, "c");
   EXPECT_TRUE(input.developerMode);
   EXPECT_EQ(input.hiddenMappings.at(0).identifier, "web");
+  EXPECT_FALSE(builder_.build({}, false).developerMode);
 }
 
 TEST_F(InputBuilding, TimesEveryStageUnderOneCorrelation) {
@@ -203,7 +196,7 @@ TEST_F(InputBuilding, TimesEveryStageUnderOneCorrelation) {
     components.emplace_back(span.component);
     correlations.insert(span.origin.correlationID);
   }
-  EXPECT_THAT(components,
+  ASSERT_THAT(components,
               ElementsAre("daemonInputPowermetrics", "daemonInputProcessMerge", "daemonInputBatteryStatus",
                           "daemonInputDisplayEstimate", "daemonInputUSBEstimate", "daemonInputBuild"));
   EXPECT_THAT(correlations, ElementsAre("input-builder-1"));
@@ -221,21 +214,29 @@ TEST_F(InputBuilding, TakesADuplicateRecordForFatal) {
 }
 
 TEST_F(InputBuilding, LogsNamesForDebugging) {
-  environment_.set("QZL_LOG_DISABLED", "0");
   environment_.set("QZL_PROCESS_NAME_DEBUG", "1");
-  RuntimeLog::setMinimumLevel(RuntimeLogLevel::info);
   powermetrics_.output.emplace();
-  for (std::int64_t pid = 100; pid < 112; ++pid) powermetrics_.output->processes.push_back(record(pid, 1));
-  ::testing::internal::CaptureStderr();
-  build({makeProcessSample(1, "/x"), makeProcessSample(2, "y")});
-  const std::string log = ::testing::internal::GetCapturedStderr();
-  RuntimeLog::setMinimumLevel(RuntimeLogLevel::warn);
-  EXPECT_THAT(log, HasSubstr("name-debug processSamples=2, merged=14, mergedPathless=13, pmOnly=12\n"));
-  EXPECT_THAT(log,
-              HasSubstr("name-debug pathless merged preview: pid=2 name=y | pid=100 name=record-100 | "));
-  EXPECT_THAT(log, HasSubstr("| pid=108 name=record-108\n"));
-  EXPECT_THAT(log, HasSubstr("name-debug pm-only preview: pid=100 name=record-100 pmPackageW=1.00 | "));
-  EXPECT_THAT(log, HasSubstr("| pid=107 name=record-107 pmPackageW=1.00\n"));
+  for (std::int64_t pid = 100; pid < 112; ++pid)
+    powermetrics_.output->processes.push_back(record(pid, 1.006));
+  std::string pathless = "pid=2 name=y?";
+  std::string powermetricsOnly;
+  for (int pid = 100; pid < 109; ++pid) {
+    pathless += fmt::format(" | pid={0} name=record-{0}", pid);
+    if (pid == 108) break;  // this list is the shorter one
+    powermetricsOnly +=
+        fmt::format("{1}pid={0} name=record-{0} pmPackageW=1.01", pid, pid > 100 ? " | " : "");
+  }
+  const std::string prefix = "[INFO] [InputBuilder] name-debug ";
+  EXPECT_THAT(linesLoggedBy([&] {
+                build({makeProcessSample(1, "/x"), makeProcessSample(2, "y\n")});
+              }),
+              ElementsAre(prefix + "processSamples=2, merged=14, mergedPathless=13, pmOnly=12",
+                          prefix + "pathless merged preview: " + pathless,
+                          prefix + "pm-only preview: " + powermetricsOnly, HasSubstr("sources")));
+  powermetrics_.output->processes.clear();
+  EXPECT_THAT(
+      linesLoggedBy([&] { build({makeProcessSample(1, "/x")}); }),
+      ElementsAre(prefix + "processSamples=1, merged=1, mergedPathless=0, pmOnly=0", HasSubstr("sources")));
 }
 
 }  // namespace
