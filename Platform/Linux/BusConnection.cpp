@@ -18,12 +18,14 @@ std::int64_t microsecondsUntil(Clock::time_point deadline) {
 
 }  // namespace
 
-BusPointer makeBusConnection(FileDescriptor socket) {
+BusPointer makeBusConnection(FileDescriptor input, FileDescriptor output) {
   sd_bus* made = nullptr;
   if (::sd_bus_new(&made) < 0) return nullptr;
   BusPointer bus(made);
-  if (::sd_bus_set_fd(bus.get(), socket.get(), socket.get()) < 0) return nullptr;
-  socket.release();  // the connection closes it from here on
+  const int writes = output.valid() ? output.get() : input.get();
+  if (::sd_bus_set_fd(bus.get(), input.get(), writes) < 0) return nullptr;
+  input.release();  // the connection closes both from here on
+  output.release();
   if (::sd_bus_set_anonymous(bus.get(), 1) < 0) return nullptr;
   if (::sd_bus_negotiate_fds(bus.get(), 0) < 0) return nullptr;
   return bus;
@@ -42,11 +44,6 @@ int startBusConnection(sd_bus* bus) {
     if (waited < 0 && waited != -EINTR) return waited;
   }
   return 0;
-}
-
-int waitForBusConnection(sd_bus* bus) {
-  const int waited = ::sd_bus_wait(bus, UINT64_MAX);
-  return waited == -EINTR ? 0 : waited;
 }
 
 }  // namespace quenzel::platform

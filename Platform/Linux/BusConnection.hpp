@@ -21,15 +21,13 @@ struct BusCloser {
 /// One end of a connection, for one thread at a time.
 using BusPointer = std::unique_ptr<sd_bus, BusCloser>;
 
-/// A connection on the socket, not yet started, that takes no descriptors from its peer and insists on no
-/// identity of its own; null when there is no memory for it.
-BusPointer makeBusConnection(FileDescriptor socket);
+/// A connection that is not yet started, accepts no descriptors from its peer and requires no identity of it;
+/// null when there is no memory for it. It reads from `input` and writes to `output`, which is the same
+/// socket unless another one is given.
+BusPointer makeBusConnection(FileDescriptor input, FileDescriptor output = FileDescriptor());
 
-/// Starts the connection and drives it until both ends have agreed on the authentication: 0, or a negative
-/// error number, -ETIMEDOUT when the peer has not done its share after 5 seconds.
+/// Starts a client's connection and drives it until both ends have agreed on the authentication: 0, or a
+/// negative error number, -ETIMEDOUT if the server does not finish it within 5 s.
 int startBusConnection(sd_bus* bus);
-
-/// Waits until there is something to do; signals are no reason to return. A negative error number on failure.
-int waitForBusConnection(sd_bus* bus);
 
 }  // namespace quenzel::platform

@@ -14,6 +14,9 @@
 #include <sys/socket.h>
 
 #include "Platform/Linux/BusConnection.hpp"
+#include "Platform/Linux/ConnectionTable.hpp"
+#include "Platform/Linux/RequestServer.hpp"
+#include "Platform/Linux/RequestStream.hpp"
 #include "Platform/Linux/ServiceSocket.hpp"
 #include "Platform/RequestTransport.hpp"
 
@@ -24,24 +27,13 @@ namespace {
 constexpr std::size_t connectionStackBytes = std::size_t{512} * 1024;
 // Replies that a client does not read wait here, in the kernel, at the daemon's expense.
 constexpr int sendBufferBytes = 64 * 1024;
-constexpr rlim_t mostConnections = 1000;
-constexpr rlim_t wantedDescriptors = 2048;
-constexpr std::size_t mostMessageBytes = std::size_t{64} * 1024;
+constexpr std::size_t mostConnections = 1000;
+constexpr rlim_t wantedDescriptors = 4096;
+// The client's socket and the two ends between its stream and sd-bus; as many again stay free for the pipes
+// of child processes, the log and the like.
+constexpr rlim_t descriptorsPerConnection = 4;
+constexpr std::size_t mostReplyTextBytes = std::size_t{64} * 1024;
 constexpr int exhaustionPauseMilliseconds = 100;
-
-using ConnectionSlots = std::counting_semaphore<mostConnections>;
-
-/// A quarter of the descriptors stays free for the pipes of child processes, the log and the like. Takes as
-/// many as the system lets it have without asking.
-std::ptrdiff_t connectionLimit() {
-  rlimit descriptors{};
-  if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return 1;
-  if (descriptors.rlim_cur < wantedDescriptors && descriptors.rlim_cur < descriptors.rlim_max) {
-    descriptors.rlim_cur = std::min(wantedDescriptors, descriptors.rlim_max);
-    if (::setrlimit(RLIMIT_NOFILE, &descriptors) != 0) ::getrlimit(RLIMIT_NOFILE, &descriptors);
-  }
-  return static_cast<std::ptrdiff_t>(std::min(descriptors.rlim_cur / 4 * 3, mostConnections));
-}
 
 /// Nothing may unwind through the C frames of sd-bus; a negative error number becomes an error reply.
 template <typename Request>
@@ -65,8 +57,8 @@ int onPing(sd_bus_message* message, void* handler, sd_bus_error*) noexcept {
 /// The message cut to what a client has a use for, at the end of a character, without the NUL that would end
 /// it.
 std::string messageText(std::string text) {
-  if (text.size() > mostMessageBytes) {
-    std::size_t end = mostMessageBytes;
+  if (text.size() > mostReplyTextBytes) {
+    std::size_t end = mostReplyTextBytes;
     while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
     text.resize(end);
   }
@@ -109,8 +101,8 @@ int onTerminateProcess(sd_bus_message* message, void* handler, sd_bus_error*) no
   });
 }
 
-// Every local user may call every method: who may do what is decided by the handler, which is asked for each
-// connection.
+// Every local user may call every method: the handler, which is asked for each connection, decides who may do
+// what.
 constexpr sd_bus_vtable requestTable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_ARGS("Ping", SD_BUS_NO_ARGS, SD_BUS_RESULT("b", ok), onPing,
@@ -124,49 +116,107 @@ constexpr sd_bus_vtable requestTable[] = {
     SD_BUS_VTABLE_END,
 };
 
-BusPointer serverConnection(FileDescriptor socket, RequestHandler& handler) {
+/// The server's end of a connection: sd-bus reads what it is handed through `input` and writes to the client.
+BusPointer serverConnection(FileDescriptor input, FileDescriptor client, RequestHandler& handler) {
   sd_id128_t identity{};
   if (::sd_id128_randomize(&identity) < 0) return nullptr;
-  BusPointer bus = makeBusConnection(std::move(socket));
+  BusPointer bus = makeBusConnection(std::move(input), std::move(client));
   if (!bus || ::sd_bus_set_server(bus.get(), 1, identity) < 0) return nullptr;
   if (::sd_bus_add_object_vtable(bus.get(), nullptr, busObjectPath, busInterface, requestTable, &handler) <
       0) {
     return nullptr;
   }
-  return bus;
+  return ::sd_bus_start(bus.get()) < 0 ? nullptr : std::move(bus);
 }
 
-/// Serves one connection until its peer leaves, talks nonsense or does not finish authenticating.
-void serveConnection(FileDescriptor socket, RequestHandler& handler) {
-  if (!handler.shouldAcceptNewConnection()) return;
-  const int descriptor = socket.get();
-  const BusPointer bus = serverConnection(std::move(socket), handler);
-  if (!bus || startBusConnection(bus.get()) < 0) return;
-  // sd-bus asks for 8 MB when it starts.
-  ::setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &sendBufferBytes, sizeof sendBufferBytes);
-  for (int progress = 0; progress >= 0;) {
-    progress = ::sd_bus_process(bus.get(), nullptr);
-    if (progress == 0) progress = waitForBusConnection(bus.get());
-    // A client that does not read its replies waits for itself instead of filling this process's memory with
-    // them.
-    else if (progress > 0)
-      progress = ::sd_bus_flush(bus.get());
-  }
-}
-
-struct Connection {
-  FileDescriptor socket;
+struct Server {
   RequestHandler& handler;
-  ConnectionSlots& slots;
+  const RequestServerLimits& limits;
+  ConnectionTable connections;
+  std::counting_semaphore<> free;
+
+  Server(RequestHandler& requestHandler, const RequestServerLimits& serverLimits)
+      : handler(requestHandler),
+        limits(serverLimits),
+        free(static_cast<std::ptrdiff_t>(serverLimits.connections)) {}
+};
+
+/// One client, from its authentication to its end.
+class Connection {
+ public:
+  Connection(Server& server, FileDescriptor socket, uid_t user)
+      : server_(server),
+        socket_(socket.get()),
+        client_(std::move(socket)),
+        place_(server.connections.enter(user, socket_)) {}
+  ~Connection() {
+    server_.connections.leave(place_);
+    bus_.reset();
+    client_.reset();
+    server_.free.release();
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// Returns when the client leaves, breaks the protocol or a limit, or has to make room for another one.
+  void serve() {
+    if (!server_.handler.shouldAcceptNewConnection() || !start()) return;
+    RequestStream stream(socket_, server_.limits.patience);
+    while (!isReady()) {
+      const std::optional<std::string> line = stream.nextLine();
+      if (!line || !process(*line)) return;
+    }
+    std::optional<std::string> message;
+    do message = stream.nextMessage();
+    while (message && process(*message));
+  }
+
+ private:
+  bool start() {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
+    feed_.reset(ends[0]);
+    bus_ = serverConnection(FileDescriptor(ends[1]), std::move(client_), server_.handler);
+    if (!bus_) return false;
+    // sd-bus asks for 8 MB when it starts.
+    ::setsockopt(socket_, SOL_SOCKET, SO_SNDBUF, &sendBufferBytes, sizeof sendBufferBytes);
+    return true;
+  }
+
+  /// Whether the authentication is over.
+  bool isReady() const { return ::sd_bus_is_ready(bus_.get()) > 0; }
+
+  /// Hands sd-bus one piece of what the client sent and lets it do all that it can do with it.
+  bool process(const std::string& piece) {
+    // sd-bus has taken all that came before, so a piece fits.
+    constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+    if (::send(feed_.get(), piece.data(), piece.size(), flags) != static_cast<ssize_t>(piece.size()))
+      return false;
+    for (;;) {
+      if (!server_.connections.beginRequest(place_)) return false;
+      const int progress = ::sd_bus_process(bus_.get(), nullptr);
+      if (!server_.connections.endRequest(place_) || progress < 0) return false;
+      if (progress == 0) return true;
+      // A client that does not read its replies waits for itself instead of filling this process's memory
+      // with them. It counts as idle meanwhile. (During the authentication a flush would wait for its end.)
+      if (isReady() && ::sd_bus_flush(bus_.get()) < 0) return false;
+    }
+  }
+
+  Server& server_;
+  const int socket_;
+  FileDescriptor client_;  ///< until the bus owns it
+  FileDescriptor feed_;
+  BusPointer bus_;
+  const ConnectionTable::Place place_;
 };
 
 void* connectionThread(void* argument) noexcept {
-  const std::unique_ptr<Connection> connection(static_cast<Connection*>(argument));
   withoutThrowing([&] {
-    serveConnection(std::move(connection->socket), connection->handler);
+    const std::unique_ptr<Connection> connection(static_cast<Connection*>(argument));
+    connection->serve();
     return 0;
   });
-  connection->slots.release();
   ::malloc_trim(0);  // the heap would keep what a burst of connections took
   return nullptr;
 }
@@ -182,15 +232,27 @@ bool startConnectionThread(Connection* connection) {
   return started;
 }
 
-/// Hands the connection to a thread of its own, or closes it at once: when there are as many as may be, no
-/// thread is to be had, or no memory. The client sees its connection end and may try again.
-void serveOnThread(FileDescriptor socket, RequestHandler& handler, ConnectionSlots& slots) {
-  if (!slots.try_acquire()) return;
-  std::unique_ptr<Connection> connection(new (std::nothrow) Connection{std::move(socket), handler, slots});
-  if (connection && startConnectionThread(connection.get())) {
+/// Hands the connection to a thread of its own. Where as many are served as may be, another one is closed,
+/// and the wait for it is short: an idle one ends at once, a busy one after its request. A connection for
+/// which there is no thread or memory is closed; the client may try again and finds room then.
+void serveOnThread(FileDescriptor socket, Server& server) {
+  const uid_t user = server.limits.userOf(socket.get());
+  if (!server.free.try_acquire()) {
+    server.connections.closeOneFor(user);
+    server.free.acquire();
+  }
+  std::unique_ptr<Connection> connection;
+  try {
+    connection = std::make_unique<Connection>(server, std::move(socket), user);
+  } catch (const std::bad_alloc&) {
+    server.free.release();
+    return;
+  }
+  if (startConnectionThread(connection.get())) {
     static_cast<void>(connection.release());  // the thread owns it
   } else {
-    slots.release();
+    connection.reset();
+    server.connections.closeOneFor(user);
   }
 }
 
@@ -202,8 +264,8 @@ FileDescriptor acceptConnection(int listener) {
     pollfd readable{.fd = listener, .events = POLLIN, .revents = 0};
     ::poll(&readable, 1, -1);
   } else {
-    // Out of descriptors or memory, which passes when somebody else lets go of some: until then the
-    // connection stays in the queue, and asking for it in a loop would only burn the processor.
+    // Out of descriptors or memory, which passes. Until then the connection stays in the queue, and asking
+    // for it in a loop would only burn the processor.
     ::poll(nullptr, 0, exhaustionPauseMilliseconds);
   }
   return socket;
@@ -211,17 +273,37 @@ FileDescriptor acceptConnection(int listener) {
 
 }  // namespace
 
-TransportFailure serveRequests(const std::string& serviceName, RequestHandler& handler) {
-  auto listener = listenOnServiceSocket(serviceName);
-  if (auto* failure = std::get_if<TransportFailure>(&listener)) return *failure;
+uid_t peerUser(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.uid : static_cast<uid_t>(-1);
+}
 
+std::size_t connectionLimit() {
+  rlimit descriptors{};
+  if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return 1;
+  if (descriptors.rlim_cur < wantedDescriptors && descriptors.rlim_cur < descriptors.rlim_max) {
+    descriptors.rlim_cur = std::min(wantedDescriptors, descriptors.rlim_max);
+    if (::setrlimit(RLIMIT_NOFILE, &descriptors) != 0) ::getrlimit(RLIMIT_NOFILE, &descriptors);
+  }
+  const auto affordable = static_cast<std::size_t>(descriptors.rlim_cur / descriptorsPerConnection);
+  return std::clamp(affordable, std::size_t{1}, mostConnections);
+}
+
+void serveConnections(int listener, RequestHandler& handler, const RequestServerLimits& limits) {
   // One heap for all threads: they mostly wait, and an arena for each would only cost memory.
   ::mallopt(M_ARENA_MAX, 1);
-  ConnectionSlots slots(connectionLimit());
+  Server server(handler, limits);
   for (;;) {
-    FileDescriptor socket = acceptConnection(std::get<FileDescriptor>(listener).get());
-    if (socket.valid()) serveOnThread(std::move(socket), handler, slots);
+    FileDescriptor socket = acceptConnection(listener);
+    if (socket.valid()) serveOnThread(std::move(socket), server);
   }
+}
+
+TransportFailure serveRequests(const std::string& serviceName, RequestHandler& handler) {
+  const auto listener = listenOnServiceSocket(serviceName);
+  if (const auto* failure = std::get_if<TransportFailure>(&listener)) return *failure;
+  serveConnections(std::get<FileDescriptor>(listener).get(), handler, RequestServerLimits());
 }
 
 }  // namespace quenzel::platform
