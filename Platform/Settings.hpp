@@ -13,7 +13,7 @@ std::string sharedDirectory();
 
 /// The folder tried first for an absolute tool path: QZL_TOOL_ROOT, else the installed stand-ins of this
 /// platform (Linux: libexec/quenzel/tools beside the executable's bin folder); none when there is no such
-/// folder.
+/// folder. The setting is trusted as it stands; installed tools must be beyond the reach of other users.
 std::optional<std::string> toolRoot();
 
 /// Folder of the daemon's socket where requests travel by socket: QZL_SOCKET_DIRECTORY, else "/run/quenzel".

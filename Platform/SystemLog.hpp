@@ -6,7 +6,7 @@ namespace quenzel::platform {
 
 enum class SystemLogType { error, info, debug };
 
-/// The operating system's own log. Thread-safe; a failure is nobody's concern and is swallowed.
+/// The operating system's own log. Thread-safe; failures are ignored.
 class SystemLog {
  public:
   virtual ~SystemLog() = default;

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/FileDescriptor.hpp"
@@ -21,6 +22,22 @@ auto uninterrupted(Call call) {
   auto result = call();
   while (result < 0 && errno == EINTR) result = call();
   return result;
+}
+
+// Non-blocking, so that a FIFO put in place of a file in a shared folder can't hold its readers.
+constexpr int readFlags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+
+std::optional<std::string> textOf(const FileDescriptor& file) {
+  if (!file.valid()) return std::nullopt;
+  std::string text;
+  std::array<char, 8192> block;
+  while (text.size() <= maxKernelFileBytes) {
+    const ssize_t count = uninterrupted([&] { return ::read(file.get(), block.data(), block.size()); });
+    if (count < 0) return std::nullopt;
+    if (count == 0) return text;
+    text.append(block.data(), static_cast<std::size_t>(count));
+  }
+  return std::nullopt;
 }
 
 struct CloseFolder {
@@ -43,19 +60,15 @@ std::string_view nextPiece(std::string_view& text, char separator) {
 }
 
 std::optional<std::string> fileText(const std::string& path, int directory) {
-  // Non-blocking, so that a pipe put in place of a file in a shared folder can't hold its readers.
-  constexpr int flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-  const FileDescriptor file(uninterrupted([&] { return ::openat(directory, path.c_str(), flags); }));
-  if (!file.valid()) return std::nullopt;
-  std::string text;
-  std::array<char, 8192> block;
-  while (text.size() <= maxKernelFileBytes) {
-    const ssize_t count = uninterrupted([&] { return ::read(file.get(), block.data(), block.size()); });
-    if (count < 0) return std::nullopt;
-    if (count == 0) return text;
-    text.append(block.data(), static_cast<std::size_t>(count));
-  }
-  return std::nullopt;
+  return textOf(FileDescriptor(uninterrupted([&] { return ::openat(directory, path.c_str(), readFlags); })));
+}
+
+std::optional<std::string> regularFileText(const std::string& path) {
+  // An O_PATH descriptor names the file without opening it; proc(5) has a link by which it is then opened.
+  const FileDescriptor named(uninterrupted([&] { return ::open(path.c_str(), O_PATH | O_CLOEXEC); }));
+  struct stat status {};
+  if (!named.valid() || ::fstat(named.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  return fileText("/proc/self/fd/" + std::to_string(named.get()));
 }
 
 std::optional<std::string> fileValue(const std::string& path) {

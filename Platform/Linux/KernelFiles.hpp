@@ -37,6 +37,10 @@ inline constexpr std::size_t maxKernelFileBytes = std::size_t{16} << 20;
 /// The whole file. A relative path starts at the given open folder.
 std::optional<std::string> fileText(const std::string& path, int directory = AT_FDCWD);
 
+/// The whole file, from a place where other users may write: whatever the path leads to, only a regular file
+/// is opened. A device may act on being opened.
+std::optional<std::string> regularFileText(const std::string& path);
+
 /// The file's one value, trimmed; none when it is blank.
 std::optional<std::string> fileValue(const std::string& path);
 

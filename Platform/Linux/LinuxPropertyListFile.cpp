@@ -6,7 +6,7 @@
 namespace quenzel::platform {
 
 std::optional<PropertyDictionary> propertyListFile(const std::string& path) {
-  const std::optional<std::string> text = fileText(path);
+  const std::optional<std::string> text = regularFileText(path);
   if (!text) return std::nullopt;
   try {
     const PropertyValue list = decodePropertyList(*text);

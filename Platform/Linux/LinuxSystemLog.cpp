@@ -3,6 +3,9 @@
 
 #include <sys/uio.h>
 #include <syslog.h>
+// Entries say where a message belongs by subsystem and category. The file and line that the library would add
+// are those of the machine that built this.
+#define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
