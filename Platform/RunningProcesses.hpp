@@ -20,7 +20,8 @@ class RunningProcesses {
  public:
   virtual ~RunningProcesses() = default;
 
-  /// Full path of the executable; none when it is unknown (gone, a kernel process, no permission).
+  /// Full path of the executable; where the system keeps that to itself, the best name that it tells without
+  /// the process's arguments; none when there is neither (gone, on macOS a kernel process).
   virtual std::optional<std::string> executablePath(std::int32_t pid) = 0;
 
   /// The application record; none when the process is not a registered application.

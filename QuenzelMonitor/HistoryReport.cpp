@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "QuenzelMonitor/Terminal.hpp"
 #include "QuenzelMonitor/TerminalChart.hpp"
 #include "SharedModels/Runtime/Text.hpp"
 
@@ -99,7 +100,7 @@ std::string chart(const char* title, const std::vector<Point>& points, double Po
 std::string shownName(const std::string& name, const HistoryReportLayout& layout, std::size_t room) {
   std::string text = printableLine(name);
   if (!layout.isUnicode) text = asciiLine(text);
-  return text.substr(0, columnOffset(text, std::max<std::size_t>(room, 8)));
+  return cutToColumns(text, std::max<std::size_t>(room, 8), layout.isUnicode);
 }
 
 std::string applicationTable(const HistoryView& view, const HistoryReportLayout& layout) {

@@ -28,7 +28,8 @@ struct SampleOptions {
 
 void print(const SamplingCycleResult& result, const SampleOptions& options, Console& console) {
   if (!options.json) {
-    console.out << sampleReport(result, {static_cast<std::size_t>(options.top), terminalWidth(console)});
+    console.out << sampleReport(
+        result, {static_cast<std::size_t>(options.top), terminalWidth(console), isUTF8Terminal()});
   } else {
     // One document a line while repeating, so that a reader can take them apart.
     const JSONStyle style = options.watchSeconds > 0 ? JSONStyle::compact : JSONStyle::pretty;

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "QuenzelMonitor/Terminal.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 #include "SharedModels/Runtime/Text.hpp"
 
@@ -126,11 +127,15 @@ std::string wattsSource(const ProcessSample& process, bool modelled) {
   return source.append(modelled ? ", modelled" : "");
 }
 
-/// The text cut to that many characters, its end kept: of a path the end says most.
-std::string endOf(std::string_view text, std::size_t width) {
-  const std::size_t length = graphemeCount(text);
-  if (length <= width || width < 2) return std::string(text);
-  return "…" + std::string(text.substr(graphemeOffset(text, length - width + 1)));
+/// The name as it fits and can be shown. Of a path the end says most: its folders go first.
+std::string shownName(const std::string& name, bool isUnicode, std::optional<std::size_t> room) {
+  std::string text = printableLine(name);
+  if (!isUnicode) text = asciiLine(text);
+  if (!room || columnOffset(text, *room) == text.size()) return text;
+  const std::string_view last = lastPathComponent(text);
+  const std::string withoutFolders = fmt::format("{}/{}", isUnicode ? "…" : "...", last);
+  if (last != text && columnOffset(withoutFolders, *room) == withoutFolders.size()) return withoutFolders;
+  return cutToColumns(last, *room, isUnicode);
 }
 
 std::string processTable(const SamplingCycleResult& result, const SampleReportLayout& layout) {
@@ -147,10 +152,9 @@ std::string processTable(const SamplingCycleResult& result, const SampleReportLa
     const std::string figures =
         fmt::format("{:>8}  {:>6.1f}  {:>8}  {:<{}}  ", row->pid, row->cpuPercent, watts,
                     wattsSource(*row, result.modelled.powerCounters), sourceWidth);
-    const std::string name = printableLine(row->name);
-    const std::size_t room =
-        layout.width && *layout.width > figures.size() + 8 ? *layout.width - figures.size() : 0;
-    table += figures + (room > 0 ? endOf(name, room) : name) + '\n';
+    std::optional<std::size_t> room;
+    if (layout.width && *layout.width > figures.size() + 8) room = *layout.width - figures.size();
+    table += figures + shownName(row->name, layout.isUnicode, room) + '\n';
   }
   const std::size_t others = result.build.input.processes.size() - rows.size();
   if (others > 0) table += fmt::format("{:>8}  other processes, at rest or below these\n", others);

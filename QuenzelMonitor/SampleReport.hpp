@@ -14,6 +14,7 @@ namespace quenzel {
 struct SampleReportLayout {
   std::size_t topProcesses = 15;
   std::optional<std::size_t> width;  ///< columns of the terminal; without it no line is cut
+  bool isUnicode = true;             ///< whether it shows more than ASCII
 };
 
 /// One cycle for a person: power situation, battery, total and its source, components, the top processes with

@@ -27,4 +27,11 @@ bool isUTF8Terminal() {
   return false;
 }
 
+std::string cutToColumns(std::string_view text, std::size_t columns, bool isUnicode) {
+  if (columnOffset(text, columns) == text.size()) return std::string(text);
+  const std::string_view ellipsis = isUnicode ? "…" : "...";
+  const std::size_t ellipsisColumns = isUnicode ? 1 : 3;
+  return std::string(text.substr(0, columnOffset(text, columns - ellipsisColumns))).append(ellipsis);
+}
+
 }  // namespace quenzel

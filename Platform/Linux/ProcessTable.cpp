@@ -99,7 +99,7 @@ std::optional<TaskStorage> ProcessTable::storage(std::int32_t pid) const {
 }
 
 std::string ProcessTable::group(const TaskStat& task) const {
-  if (task.kernelThread) return "kernel";
+  if (task.kernelThread) return kernelGroupName;
   const std::string cgroup = processFile(task.pid, "cgroup").value_or("");
   const std::string_view path = controlGroupPath(cgroup);
   if (const auto unit = controlGroupUnit(path)) return std::string(*unit);

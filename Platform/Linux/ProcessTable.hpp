@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -9,6 +10,12 @@
 #include "Platform/FileDescriptor.hpp"
 
 namespace quenzel::platform {
+
+/// How many bytes of its name the kernel keeps for a process.
+inline constexpr std::size_t mostTaskNameBytes = 15;
+
+/// What all threads of the kernel are called together.
+inline constexpr const char* kernelGroupName = "Linux kernel";
 
 /// One process as /proc/<pid>/stat shows it (proc(5)); times in clock ticks.
 struct TaskStat {
@@ -54,8 +61,8 @@ class ProcessTable {
 
   std::optional<TaskStorage> storage(std::int32_t pid) const;
 
-  /// What the process belongs to: its systemd unit, else its control group, else "kernel" for a kernel
-  /// thread, else "session <id>".
+  /// What the process belongs to: its systemd unit, else its control group, else "Linux kernel" for a
+  /// kernel thread, else "session <id>".
   std::string group(const TaskStat& task) const;
 
  private:

@@ -177,8 +177,8 @@ TEST(DirectBatteryStatusReader, ResolvesTheLevel) {
         << ::testing::PrintToString(row);
   }
   const testing::SystemTree tree;  // this system's registry, unless told otherwise
-  tree.powerSupply("BAT0", testing::attributes("type=Battery,capacity=7"));
-  EXPECT_EQ(DirectBatteryStatusReader().sample().value().levelPercent, 7);
+  tree.powerSupply("BAT0", testing::attributes("type=Battery,capacity=50"));
+  EXPECT_EQ(DirectBatteryStatusReader().sample().value().levelPercent, 50);
 }
 
 struct FakeRegistry final : platform::BatteryRegistry {

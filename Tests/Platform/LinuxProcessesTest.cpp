@@ -59,12 +59,44 @@ TEST(LinuxRunningProcesses, FindsExecutablesAndBundles) {
   EXPECT_EQ(platform::makeRunningProcesses()->executablePath(::getpid()),
             std::filesystem::canonical("/proc/self/exe").string());
   const SystemTree tree;
-  tree.process(7, {{"exe", "/usr/lib/fire fox/firefox"}});
-  tree.process(8, {{"exe", "/usr/bin/upgraded (deleted)"}});
   const auto processes = platform::makeRunningProcesses();
-  EXPECT_EQ(processes->executablePath(7), "/usr/lib/fire fox/firefox");
-  EXPECT_EQ(processes->executablePath(8), "/usr/bin/upgraded");
-  EXPECT_FALSE(processes->executablePath(9));
+  const std::string odd = tree.folder().write("really (deleted)", "");
+  const std::string kernelThread =
+      "2 (kworker/0:1) I 2 0 0 0 -1 2129984 0 0 0 0 0 7 0 0 20 0 1 0 3 0 0 1 0 "
+      "0 0 0 0 0 0 2147483647 0 0 0 0 0 1 0 0 0 0 0\n";
+  // The executable's link, the process's name, its arguments, and what it is called.
+  const std::tuple<Text, Text, std::string, Text> named[] = {
+      {"/usr/lib/fire fox/firefox", "x", "/bin/y", "/usr/lib/fire fox/firefox"},
+      {"/usr/bin/upgraded (deleted)", "x", "/bin/y", "/usr/bin/upgraded"},
+      {odd, "x", "/bin/y", odd},
+      {"/memfd:runner (deleted)", "3", "/bin/y", "runner"},
+      {"/memfd: (deleted)", "3", "/bin/y --key", "/bin/y"},
+      {"/memfd:a:/proc/self/exe (deleted)", "runner", "runner --key", "runner"},
+      {{}, "dbus-daemon", "/usr/bin/dbus-daemon --key=secret", "/usr/bin/dbus-daemon"},
+      {{},
+       "a-cut-name-of-15",
+       "/opt/My Tool/a-cut-name-of-15-bytes -k",
+       "/opt/My Tool/a-cut-name-of-15-bytes"},
+      {{}, "sshd", "sshd: user /secret", "sshd"},
+      {{}, "titled", "/usr/bin/titled --key=secret", "titled"},
+      {{}, "slash", "/opt/ ", "slash"},
+      {{}, "folder", "/opt/", "folder"},
+      {{}, "zombie", "", "zombie"},
+      {{}, {}, "/bin/y", {}},
+  };
+  for (const auto& [link, name, arguments, called] : named) {
+    SCOPED_TRACE(arguments);
+    const SystemTree machine;
+    if (link) machine.process(7, {{"exe", *link}});
+    if (name) machine.process(7, {{"stat", taskStatText(7, name->substr(0, 15), 1, 1)}});
+    std::string list = arguments;
+    const bool isTitle = name == "titled" || name == "sshd";  // written over the arguments as one text
+    if (const std::size_t end = list.find(" -"); end != std::string::npos && !isTitle) list[end] = '\0';
+    machine.process(7, {{"cmdline", list}});
+    EXPECT_EQ(processes->executablePath(7), called);
+  }
+  tree.process(2, {{"stat", kernelThread}, {"cmdline", ""}});
+  EXPECT_EQ(processes->executablePath(2), "Linux kernel");
 
   const std::string start = "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>";
   const struct {
@@ -77,6 +109,7 @@ TEST(LinuxRunningProcesses, FindsExecutablesAndBundles) {
               {"C.app", "/Contents/Info.plist", start + "<integer>5</integer></dict></plist>", std::nullopt},
               {"D.app", "/Contents/Info.plist", "not a property list", std::nullopt},
               {"E.app", "/Contents/Other.plist", "", std::nullopt}};
+  EXPECT_FALSE(processes->bundleIdentifier("A.app")) << "no place";
   for (const auto& row : rows) {
     tree.folder().write(std::string(row.bundle) + row.list, row.text);
     EXPECT_EQ(processes->bundleIdentifier(tree.folder() / row.bundle), row.identifier) << row.bundle;
@@ -156,7 +189,7 @@ TEST(LinuxProcessTable, ReadsTasksWithAnyName) {
       .threads = 3,       .startTicks = 5041,    .residentPages = 383, .lastProcessor = 6};
   // clang-format on
   EXPECT_EQ(tasks[2], expected);
-  EXPECT_EQ(table.group(tasks[0]), "kernel");
+  EXPECT_EQ(table.group(tasks[0]), "Linux kernel");
   EXPECT_EQ(table.group(tasks[1]), "abc");
   EXPECT_EQ(table.group(tasks[2]), "session 700");
   EXPECT_EQ(table.storage(41), (platform::TaskStorage{4096, 512}));

@@ -1,10 +1,13 @@
+#include <array>
 #include <atomic>
+#include <csignal>
 #include <sstream>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "MetricsCollectors/PowermetricsParser.hpp"
@@ -208,6 +211,41 @@ TEST(StandInTools, RefuseWhatTheyDontKnow) {
     EXPECT_TRUE(help.status == 0 && help.output.starts_with("Usage: ")) << name;
     EXPECT_EQ(tool(name + " --help > /dev/full").status, 1) << name;
   }
+}
+
+/// Starts a process that lasts until the test ends it.
+template <typename Body>
+pid_t lasting(Body body) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    body();
+    for (;;) ::pause();
+  }
+  return pid;
+}
+
+TEST(PsTool, ShowsEveryProcessAndNoArguments) {
+  const std::string ps = QUENZEL_TOOL_DIRECTORY "/bin/ps ";
+  const pid_t pids[] = {
+      lasting([] { ::execl("/bin/sh", "sh", "-c", "while :; do sleep 1; done", "--key=secret", nullptr); }),
+      lasting([] { ::prctl(PR_SET_NAME, ""); }), lasting([] { ::prctl(PR_SET_NAME, "a b "); })};
+  ::usleep(200'000);
+  std::string list = " -p 1";
+  for (const pid_t pid : pids) list += "," + std::to_string(pid);
+  const std::string columns = "-A -ww -o pid=,ppid=,%cpu=,%mem=,command=";
+  const std::string all = runCommand(ps + columns).output,
+                    some = runCommand(ps + "-o args=,pid=,cmd=" + list).output;
+  for (std::size_t index = 0; index < std::size(pids); ++index) {
+    const std::string figures = "(^|\n) *" + std::to_string(pids[index]) + " +[0-9]+ +[0-9.]+ +[0-9.]+ ";
+    EXPECT_THAT(all, ContainsRegex(figures + std::array{"sh\n", " ?\\?\n", "a b \\?\n"}[index]));
+    ::kill(pids[index], SIGKILL);
+    ::waitpid(pids[index], nullptr, 0);
+  }
+  EXPECT_THAT(some, ContainsRegex("(^|\n)sh +[0-9]+ sh\n"));
+  EXPECT_THAT(all + some, Not(HasSubstr("secret")));
+  EXPECT_EQ(runCommand(ps + "-o nonsense").status, 1);
+  EXPECT_EQ(runCommand(ps + "-o pid= >/dev/full").status, 1);
 }
 
 TEST(PmsetTool, SwitchesThePlatformProfile) {

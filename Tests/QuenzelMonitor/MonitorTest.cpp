@@ -241,7 +241,7 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
             "  Processes  3 sampled; powermetrics lists 2\n"
             "\n"
             "     PID   CPU %     WATTS  WATTS FROM                                NAME\n"
-            "       7     3.0     1.500  powermetrics, GPU by CPU share, modelled  \u2026able?[31m\n"
+            "       7     3.0     1.500  powermetrics, GPU by CPU share, modelled  executabl\u2026\n"
             "       8    55.0         -  ps only                                   b\u00FCsy\n"
             "       1  other processes, at rest or below these\n"
             "CPU % is what ps reports: on Linux the average over the process's whole life.\n"
@@ -252,6 +252,20 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
             "Modelled, not measured: the power counters. The machine has none that can be read, and a model "
             "was asked "
             "for.\n");
+  const std::tuple<const char*, std::size_t, bool, std::string> cut[] = {
+      {"/usr/bin/\u4E00\u4E00\u4E00\u4E00", 17, true, "/usr/bin/\u4E00\u4E00\u4E00\u4E00"},
+      {"/usr/bin/\u4E00\u4E00\u4E00\u4E00", 16, true, "\u2026/\u4E00\u4E00\u4E00\u4E00"},
+      {"/usr/bin/\u4E00\u4E00\u4E00\u4E00\u4E00", 11, true, "\u4E00\u4E00\u4E00\u4E00\u4E00"},
+      {"\u4E00\u4E00\u4E00\u4E00\u4E00\u4E00", 11, true, "\u4E00\u4E00\u4E00\u4E00\u4E00\u2026"},
+      {"/usr/lib/b\u00FCsy", 9, false, ".../b?sy"},
+      {"/usr/lib/b\u00FCsy-daemon", 10, false, "b?sy-da..."},
+      {"/usr/lib/b\u00FCsy-daemon", 8, false, "/usr/lib/b?sy-daemon"}};  // too narrow for any name
+  for (const auto& [name, room, isUnicode, shown] : cut) {
+    SamplingCycleResult narrow;
+    narrow.build.input.processes = {makeProcessSample(1, name, 1)};
+    const SampleReportLayout layout{.width = 42 + room, .isUnicode = isUnicode};
+    EXPECT_THAT(sampleReport(narrow, layout), HasSubstr("ps only       " + shown + "\n")) << name;
+  }
   result.componentPower.intervalSeconds = 0;
   EXPECT_EQ(sampleReport(result, {}).find("Components"), std::string::npos) << "nothing was measured";
 }
