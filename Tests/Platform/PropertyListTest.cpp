@@ -26,49 +26,96 @@ std::string times(std::size_t count, std::string_view text) {
 
 std::string nested(std::size_t levels) { return times(levels, "<array>") + times(levels, "</array>"); }
 
+std::string withText(const std::string& element, const std::string& text) {
+  return "<" + element + ">" + text + "</" + element + ">";
+}
+
 TEST(PropertyListTest, ReadsEveryTypeOfValue) {
-  // clang-format off
   const std::pair<std::string, PropertyValue> rows[] = {
-      {"<true/>", true}, {"<plist version=\"1.0\"><false></false></plist>", false}, {"<real>-0.1</real>", -0.1},
+      {"<true/>", true},
+      {"<plist version=\"1.0\"><false></false></plist>", false},
+      {"<real>-0.1</real>", -0.1},
+      {"<integer>0</integer>", Integer{0}},
       {"<integer>18446744073709550116</integer>", Integer{-1500}},  // 2^64 - 1500, as registries write it
-      {"<integer> +9223372036854775807\n</integer>", largest}, {"<integer>-9223372036854775808</integer>", smallest},
+      {"<integer>18446744073709551615</integer>", Integer{-1}},
+      {"<integer> +9223372036854775807\n</integer>", largest},
+      {"<integer>-9223372036854775808</integer>", smallest},
       {"<string>  a&lt;&#x42;&amp;<!-- no --><![CDATA[<array>]]> </string>", "  a<B&<array> "},
-      {"\xef\xbb\xbf<string/>", ""},                   {"<string>caf\xe9</string>", "caf\xe9"},
-      {"<date>2001-01-02T00:00:01Z</date>", Date{86401}}, {"<data> AAEC\n /w== </data>", Data{0, 1, 2, 255}},
+      {"<string>" + times(6552, "&amp;") + "12345678</string>",
+       times(6552, "&") + "12345678"},  // 32768 bytes
+      {"<string>" + times(40000, "a") + "</string>", times(40000, "a")},
+      {"\xef\xbb\xbf<string/>", ""},
+      {"<string>caf\xe9</string>", "caf\xe9"},
+      {"<date>2001-01-02T00:00:01Z</date>", Date{86401}},
+      {"<date>1933-01-01T00:00:00Z</date>", Date{-2145916800}},
+      {"<date>2068-12-31T23:59:59Z</date>", Date{2145916799}},
+      {"<data> AAEC\n /w== </data>", Data{0, 1, 2, 255}},
+      {"<data>+/8=</data>", Data{0xfb, 0xff}},
       {"<dict><key>a</key><array><dict /></array ><key>a</key><true/><key></key><integer>0</integer></dict>",
        PropertyDictionary{{"a", true}, {"", Integer{0}}}},
-      {"<?xml version=\"1.0\"?>\n<!DOCTYPE plist PUBLIC \"x\" \"y.dtd\">\n<!-- <array> -->\n<plist><array/></plist>\n",
+      {"<?xml version=\"1.0\"?>\n<!DOCTYPE plist PUBLIC \"x\" \"y.dtd\">\n<!-- <array> "
+       "-->\n<plist><array/></plist>\n",
        Array{}},
+      {std::string(maxPropertyListBytes - 7, ' ') + "<true/>", true},
   };
-  // clang-format on
-  for (const auto& [xml, value] : rows) EXPECT_EQ(decodePropertyList(xml), value) << xml;
+  for (const auto& [xml, value] : rows) EXPECT_EQ(decodePropertyList(xml), value) << xml.substr(0, 100);
 }
 
 TEST(PropertyListTest, RefusesWhatIsNoListWithinTheBounds) {
-  const std::string tooDeep = "nested more than 64 levels deep";
-  // clang-format off
-  const std::pair<std::string, std::string> rows[] = {
-      {" \n", "is empty"},                                {"bplist00\xd1", "binary form"},
-      {"No matching registry entries", "text outside"},   {"<true/>junk", "text outside"},
-      {std::string("<string>a\0b</string>", 20), "NUL"},  {"<string>a&#0;b</string>", "can't be read"},
-      {"<array><true/>", "ends inside an element"},       {"<array><true/", "ends inside its markup"},
-      {"<array></dict>", "closes an element that isn't"}, {"<true/><false/>", "more than one value"},
-      {"<dict><key>a</key></dict>", "without a value"},   {"<dict><true/></dict>", "don't alternate"},
-      {"<array><key>a</key></array>", "key outside"},     {"<plist/>", "holds no value"},
-      {"<string><array/></string>", "inside a text"},     {"<set/>", "that property lists don't have"},
-      {"<array a=\"/><array>\"></array>", "attributes"},  {"<!--><array>-->", "malformed comment"},
+  std::vector<std::pair<std::string, std::string>> rows = {
+      {" \n", "is empty"},
+      {"bplist00\xd1", "binary form"},
+      {"No matching registry entries", "text outside"},
+      {"<true/>junk", "text outside"},
+      {"<dict>a<key>a</key><true/></dict>", "text outside"},
+      {std::string("<string>a\0b</string>", 20), "NUL"},
+      {"<string>a&#0;b</string>", "can't be read"},
+      {"<array><true/>", "ends inside an element"},
+      {"<array><true/", "ends inside its markup"},
+      {"<array></dict>", "closes an element that isn't"},
+      {"</array>", "closes an element that isn't"},
+      {"<true/><false/>", "more than one value"},
+      {"<true/><plist/>", "another property list"},
+      {"<plist><plist/></plist>", "another property list"},
+      {"<dict><key>a</key></dict>", "without a value"},
+      {"<dict><true/></dict>", "don't alternate"},
+      {"<dict><key>a</key><key>b</key></dict>", "don't alternate"},
+      {"<array><key>a</key></array>", "key outside"},
+      {"<key>a</key>", "key outside"},
+      {"<plist/>", "holds no value"},
+      {"<string><array/></string>", "inside a text"},
+      {"<array<true/></array>", "tag inside a tag"},
+      {"<set/>", "that property lists don't have"},
+      {"<array a=\"/><array>\"></array>", "attributes"},
+      {"<!--><array>-->", "malformed comment"},
+      {"<!---><array>-->", "malformed comment"},
+      {"<![CDATA[a]]><true/>", "CDATA section outside"},
+      {"<integer><![CDATA[1]]></integer>", "CDATA section outside"},
+      {"<string><?x?></string>", "inside a plain text"},
+      {"<integer>1<!-- --></integer>", "inside a plain text"},
+      {"<true/><!DOCTYPE plist>", "its type after its start"},
+      {"<array><!DOCTYPE plist></array>", "its type after its start"},
       {"<!DOCTYPE plist [<!ENTITY a 'b'>]><true/>", "markup of its own"},
-      {"<integer>abc</integer>", "malformed <integer>"},
-      {"<integer>010</integer>", "malformed <integer>"},  // the library would take it for octal
-      {"<integer>18446744073709551616</integer>", "malformed <integer>"},
-      {"<integer>-9223372036854775809</integer>", "malformed <integer>"},
-      {"<real>1e400</real>", "malformed <real>"},         {"<real>nan</real>", "malformed <real>"},
-      {"<date>2101-01-01T00:00:00Z</date>", "malformed <date>"}, {"<data>A</data>", "malformed <data>"},
-      {"<string>" + times(8000, "&amp;") + "</string>", "malformed <string>"},
-      {times(maxPropertyListBytes + 1, " ") + "<true/>", "larger than"},
-      {times(200000, "<dict><key>a</key>"), tooDeep},     {nested(maxPropertyListDepth + 1), tooDeep},
+      {std::string(maxPropertyListBytes - 6, ' ') + "<true/>", "larger than 8388608 bytes"},
+      {times(200000, "<dict><key>a</key>"), "nested more than 64 levels deep"},
+      {nested(maxPropertyListDepth + 1), "nested more than 64 levels deep"},
   };
-  // clang-format on
+  const std::pair<std::string, std::vector<std::string>> malformed[] = {
+      // The library would take "010" for octal.
+      {"integer", {"", "+", "-", "abc", "1 2", "010", "18446744073709551616", "-9223372036854775809"}},
+      {"real", {"", "1x", "1e400", "nan"}},
+      {"data", {"A", "AA=A", "A===", "AA*=", "AAAAA"}},
+      {"date",
+       {"2001-01-02T00:00:01", "2001/01/02T00:00:01Z", "x001-01-02T00:00:01Z", "1932-12-31T23:59:59Z",
+        "2069-01-01T00:00:00Z", "2001-00-02T00:00:01Z", "2001-13-02T00:00:01Z", "2001-01-00T00:00:01Z",
+        "2001-01-32T00:00:01Z", "2001-01-02T24:00:01Z", "2001-01-02T00:60:01Z", "2001-01-02T00:00:60Z"}},
+      {"true", {"1"}},
+      {"string", {times(6552, "&amp;") + "123456789"}},  // 32769 bytes
+  };
+  for (const auto& [element, texts] : malformed) {
+    for (const std::string& text : texts)
+      rows.emplace_back(withText(element, text), "holds a malformed <" + element + ">");
+  }
   for (const auto& [xml, problem] : rows) {
     const auto error = thrownBy<PropertyListError>([&, text = xml] { decodePropertyList(text); });
     EXPECT_THAT(error.what(), HasSubstr(problem)) << xml.substr(0, 100);
