@@ -36,8 +36,9 @@ AppleSiliconPowerReader::AppleSiliconPowerReader(std::unique_ptr<platform::Energ
 
 SystemPowerSnapshot AppleSiliconPowerReader::sample(PointInTime now) {
   const platform::MutexLock guard(lock_);
-  const auto channels = channels_->sample();
+  auto channels = channels_->sample();
   if (!channels) return {};
+  counters_.replaceMissingReadings(*channels);
   if (!hasLoggedChannelNames_) logChannelNames(*channels);
 
   const EnergyTotals totals = energyTotals(*channels);

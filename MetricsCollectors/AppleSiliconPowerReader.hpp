@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "MetricsCollectors/EnergyCounters.hpp"
 #include "MetricsCollectors/EnergyTotals.hpp"
 #include "MetricsCollectors/SystemPowerSnapshot.hpp"
 #include "Platform/EnergyModelChannels.hpp"
@@ -37,6 +38,7 @@ class AppleSiliconPowerReader {
   platform::Mutex lock_;
   const std::unique_ptr<platform::EnergyModelChannels> channels_ GUARDED_BY(lock_);
   platform::SystemLog& logger_;
+  EnergyCounters counters_ GUARDED_BY(lock_);
   std::optional<EnergyTotals> previousTotals_ GUARDED_BY(lock_);
   std::optional<PointInTime> lastSampleAt_ GUARDED_BY(lock_);
   bool hasLoggedChannelNames_ GUARDED_BY(lock_) = false;

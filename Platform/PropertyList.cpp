@@ -12,6 +12,8 @@
 #include <fmt/format.h>
 #include <plist/plist.h>
 
+#include "Platform/Trimmed.hpp"
+
 namespace quenzel::platform {
 namespace {
 
@@ -29,11 +31,7 @@ constexpr std::size_t kMaxTextWithReferences = 32768;
   refuse(fmt::format("is nested more than {} levels deep", maxPropertyListDepth));
 }
 
-std::string_view withoutBlanks(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kBlanks) + 1 - first);
-}
+std::string_view withoutBlanks(std::string_view text) { return trimmed(text, kBlanks); }
 
 bool allDigits(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <limits>
 
 #include <CoreFoundation/CoreFoundation.h>
 
@@ -25,9 +24,6 @@ struct IOReportLibrary {
   CFStringRef (*channelGetChannelName)(CFDictionaryRef channel);
   CFStringRef (*channelGetUnitLabel)(CFDictionaryRef channel);
   std::int64_t (*simpleGetIntegerValue)(CFDictionaryRef channel, void* errorOrNull);
-
-  /// What a channel without valid data has for a value.
-  static constexpr std::int64_t invalidValue = std::numeric_limits<std::int64_t>::min();
 
   /// The library, loaded at the first call; null when it or one of its functions is missing.
   static const IOReportLibrary* shared();

@@ -14,8 +14,6 @@
 namespace quenzel::platform {
 namespace {
 
-constexpr std::string_view whiteSpace = " \t\n\v\f\r";
-
 /// Repeats a system call for as long as a signal interrupts it.
 template <typename Call>
 auto uninterrupted(Call call) {
@@ -45,12 +43,6 @@ struct CloseFolder {
 };
 
 }  // namespace
-
-std::string_view trimmed(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(whiteSpace);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(whiteSpace) - first + 1);
-}
 
 std::string_view nextPiece(std::string_view& text, char separator) {
   const std::size_t end = std::min(text.find(separator), text.size());

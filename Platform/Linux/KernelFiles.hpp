@@ -11,6 +11,8 @@
 
 #include <fcntl.h>
 
+#include "Platform/Trimmed.hpp"
+
 namespace quenzel::platform {
 
 // The small text files in which Linux shows its state (proc(5), sysfs(5)). Absent means: not there, not
@@ -24,9 +26,6 @@ std::optional<T> parseInteger(std::string_view text) {
   const auto [rest, error] = std::from_chars(text.data(), end, number);
   return error == std::errc() && rest == end && !text.empty() ? std::optional<T>(number) : std::nullopt;
 }
-
-/// The text without white space at its ends.
-std::string_view trimmed(std::string_view text);
 
 /// The first piece of the text up to the separator; the text loses both.
 std::string_view nextPiece(std::string_view& text, char separator);

@@ -13,16 +13,57 @@ using Channels = std::vector<platform::EnergyModelChannel>;
 TEST(EnergyTotals, AddsUpEachComponentByNameGroupAndUnit) {
   constexpr const char* model = "Energy Model";
   // Each channel that counts has a value of its own, so that one in a wrong place shows.
-  // clang-format off
-  const Channels channels = {
-      {model, "DIE_0_CPU Energy", "mJ", 1000},   {model, "DIE_1_CPU Energy", "uJ", 2'000'000}, {model, "ANE CPU Energy", "mJ", 8000},
-      {model, "GPU Energy", "nJ", 5'000'000'000}, {model, "ANE0_1", "mJ", 7000},                {model, "DRAM0", "mJ", 11'000},
-      {model, "PCIe Port 2 Energy", "uJ", 13'000'000}, {model, "AMCC0", "mJ", 17'000},
-      {model, "DISP", "mJ", 1}, {model, "PCIe Port 2", "mJ", 1}, {model, "apciec0 Energy", "mJ", 1}, {model, "ECPU0", "mJ", 1},
-      {model, "GPU SRAM", "mJ", 1}, {model, "cpu energy", "mJ", 1}, {model, "CPU Energy", "J", 1}, {model, "CPU Energy", " mJ", 1},
-      {model, std::nullopt, "mJ", 1}, {model, "CPU Energy", std::nullopt, 1}, {"energy model", "CPU Energy", "mJ", 1}};
-  // clang-format on
+  const Channels channels = {{model, "DIE_0_CPU Energy", "mJ", 1000},
+                             {model, "DIE_1_CPU Energy", "uJ", 2'000'000},
+                             {model, "ANE CPU Energy", "mJ", 8000},
+                             {model, "GPU Energy", "nJ", 5'000'000'000},
+                             {model, "ANE0_1", "mJ", 7000},
+                             {model, "DRAM0", "mJ", 11'000},
+                             {model, "PCIe Port 2 Energy", "uJ", 13'000'000},
+                             {model, "AMCC0", "mJ", 17'000},
+                             {model, "CPU Energy", "J", 1},
+                             {model, "CPU Energy", " mJ", 1},
+                             {model, std::nullopt, "mJ", 1},
+                             {model, "CPU Energy", std::nullopt, 1},
+                             {"energy model", "CPU Energy", "mJ", 1}};
   EXPECT_EQ(energyTotals(channels), (EnergyTotals{1 + 2 + 8, 5, 7, 11, 17, 13}));
+  for (const char* name :
+       {"DISP", "PCIe Port 2", "apciec0 Energy", "ECPU0", "GPU SRAM", "cpu energy", "ISP0", ""})
+    EXPECT_EQ(energyTotals({{model, name, "mJ", 1}}), EnergyTotals{}) << name;
+}
+
+TEST(EnergyCounters, StandStillWithoutAReading) {
+  constexpr std::int64_t none = platform::EnergyModelChannel::noReading;
+  // Readings of one counter, and what it has counted.
+  const std::pair<std::vector<std::int64_t>, std::vector<std::int64_t>> rows[] = {
+      {{7, 9, 3}, {7, 9, 3}},
+      {{7, none, none, 12}, {7, 7, 7, 12}},
+      {{none, none, 1000, none, 1004, 900}, {0, 0, 0, 0, 4, -100}},
+      {{none, none + 1, 1}, {0, 0, none}},  // 2^63 apart
+  };
+  for (const auto& [readings, counted] : rows) {
+    EnergyCounters counters;
+    for (std::size_t i = 0; i < readings.size(); ++i) {
+      Channels channels = {{"g", "n", "mJ", readings[i]}};
+      counters.replaceMissingReadings(channels);
+      EXPECT_EQ(channels[0].value, counted[i]) << i << " of " << ::testing::PrintToString(readings);
+    }
+  }
+  // By group, name and order among equals, wherever in the list a counter stands.
+  EnergyCounters counters;
+  Channels first = {{"g", "a", "mJ", 1}, {"g", "a", "mJ", 2}, {"h", "a", "mJ", 3}, {"g", {}, "mJ", 4}};
+  counters.replaceMissingReadings(first);
+  Channels moved = {{"g", {}, "mJ", none},
+                    {"h", "a", "mJ", none},
+                    {"x", "a", "mJ", none},
+                    {"g", "a", "mJ", none},
+                    {"g", "a", "mJ", none}};
+  counters.replaceMissingReadings(moved);
+  EXPECT_EQ(moved, (Channels{{"g", {}, "mJ", 4},
+                             {"h", "a", "mJ", 3},
+                             {"x", "a", "mJ", 0},
+                             {"g", "a", "mJ", 1},
+                             {"g", "a", "mJ", 2}}));
 }
 
 struct FakeChannels final : platform::EnergyModelChannels {
@@ -54,11 +95,16 @@ TEST(AppleSiliconPowerReader, DividesWhatEachComponentUsedByTheTime) {
   };
   const auto powers = [](const std::array<double, 6>& watts, double seconds) {
     const auto [cpu, gpu, ane, dram, fabric, pci] = watts;
-    // clang-format off
-    return SystemPowerSnapshot{.cpuW = cpu, .gpuW = gpu, .aneW = ane, .dramW = dram, .memoryFabricW = fabric,
-                               .ramW = fabric + dram, .pciW = pci, .totalTrackedW = cpu + gpu + ane + dram + pci,
-                               .intervalSeconds = seconds, .supported = true};
-    // clang-format on
+    return SystemPowerSnapshot{.cpuW = cpu,
+                               .gpuW = gpu,
+                               .aneW = ane,
+                               .dramW = dram,
+                               .memoryFabricW = fabric,
+                               .ramW = fabric + dram,
+                               .pciW = pci,
+                               .totalTrackedW = cpu + gpu + ane + dram + pci,
+                               .intervalSeconds = seconds,
+                               .supported = true};
   };
   EXPECT_EQ(reader.sample({9}), SystemPowerSnapshot{}) << "the counters can't be read";
   now = Channels{{"CPU Stats", "x", "mJ", 1}};
@@ -75,7 +121,11 @@ TEST(AppleSiliconPowerReader, DividesWhatEachComponentUsedByTheTime) {
   read({500, 24'000, 20'500, 22'000, 21'000, 20'000});
   EXPECT_EQ(reader.sample({12.5}), powers({0, 2, 0.25, 1, 0.5, 0}, 2)) << "one counter went back";
   EXPECT_EQ(reader.sample({3}), powers({}, 0)) << "the clock was set back";
-  EXPECT_EQ(reader.sample({4}), powers({}, 1));
+  constexpr std::int64_t none = platform::EnergyModelChannel::noReading;
+  read({500, none, 20'500, 22'000, 21'000, 20'000});
+  EXPECT_EQ(reader.sample({4}), powers({}, 1)) << "a counter without a reading stands still";
+  read({500, 25'000, 20'500, 22'000, 21'000, 20'000});
+  EXPECT_EQ(reader.sample({5}), powers({0, 1, 0, 0, 0, 0}, 1)) << "and goes on from where it stood";
   EXPECT_THAT(log.lines, ::testing::ElementsAre(
                              "com.quenzel.runtime AppleSiliconPowerReader: IOReport Energy Model "
                              "channels: ECPU0 CPU Energy, GPU Energy, ANE0, DRAM, AMCC, PCIe Energy"));
