@@ -183,7 +183,15 @@ TEST(DirectBatteryStatusReader, ResolvesTheLevel) {
 
 struct FakeRegistry final : platform::BatteryRegistry {
   std::optional<PropertyDictionary> properties, description, adapter;
-  std::optional<PropertyDictionary> batteryProperties() override { return properties; }
+  /// Only what a Mac's registry is asked for.
+  std::optional<PropertyDictionary> batteryProperties() override {
+    if (!properties) return std::nullopt;
+    PropertyDictionary named;
+    for (const char* name : platform::batteryPropertyNames) {
+      if (const PropertyValue* value = find(*properties, name)) named.emplace(name, *value);
+    }
+    return named;
+  }
   std::optional<PropertyDictionary> internalBatteryDescription() override { return description; }
   std::optional<PropertyDictionary> externalAdapterDetails() override { return adapter; }
 };

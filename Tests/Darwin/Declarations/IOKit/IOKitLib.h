@@ -17,8 +17,8 @@ kern_return_t IOServiceClose(io_connect_t connection);
 kern_return_t IOConnectCallStructMethod(mach_port_t connection, uint32_t selector, const void* input, size_t inputSize,
                                         void* output, size_t* outputSize);
 kern_return_t IOObjectRelease(io_object_t object);
-kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t entry, CFMutableDictionaryRef* properties,
-                                                CFAllocatorRef allocator, IOOptionBits options);
+CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef allocator,
+                                          IOOptionBits options);
 #ifdef __cplusplus
 }
 #endif
