@@ -54,7 +54,7 @@ int list(const EstimatesOptions& options, Console& console) {
 }  // namespace
 
 void addEstimatesCommand(CLI::App& app, std::function<int()>& command, Console& console) {
-  CLI::App& estimates = *app.add_subcommand("estimates", "Store, evaluate and list forecasts");
+  CLI::App& estimates = *app.add_subcommand("estimates", "Store, evaluate and list estimates");
   estimates.require_subcommand(0, 1);
   const auto options = std::make_shared<EstimatesOptions>();
   const auto addSubcommand = [&](const char* name, const char* description,
@@ -66,13 +66,13 @@ void addEstimatesCommand(CLI::App& app, std::function<int()>& command, Console& 
     });
     return subcommand;
   };
-  addSubcommand("add", "Store a forecast, JSON on standard input", add);
+  addSubcommand("add", "Store an estimate, JSON on standard input", add);
   CLI::App& evaluateApp =
-      addSubcommand("evaluate", "Record what became of a forecast, JSON on standard input", evaluate);
-  addIntegerOption(evaluateApp, "ID", options->id, 1, anyCount, "of the forecast")->required();
+      addSubcommand("evaluate", "Record what became of an estimate, JSON on standard input", evaluate);
+  addIntegerOption(evaluateApp, "ID", options->id, -anyCount, anyCount, "of the estimate")->required();
   for (CLI::App* listing :
-       {&addSubcommand("pending", "List the forecasts to be evaluated, oldest first", pending),
-        &addSubcommand("list", "List the forecasts, newest first", list)}) {
+       {&addSubcommand("pending", "List the estimates to be evaluated, oldest first", pending),
+        &addSubcommand("list", "List the estimates, newest first", list)}) {
     addIntegerOption(*listing, "--limit", options->limit, 1, anyCount, "how many (100)");
   }
 }

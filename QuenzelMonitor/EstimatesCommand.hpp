@@ -10,7 +10,7 @@ class App;
 
 namespace quenzel {
 
-/// `quenzel estimates add | evaluate | pending | list`: stores forecasts, records what became of them, and
+/// `quenzel estimates add | evaluate | pending | list`: stores estimates, records what became of them, and
 /// lists them.
 void addEstimatesCommand(CLI::App& app, std::function<int()>& command, Console& console);
 

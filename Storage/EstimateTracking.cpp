@@ -37,31 +37,43 @@ std::string selectRows(std::string_view choice) {
       choice);
 }
 
-/// In the order of their columns.
-using Actuals = EstimateTrackingActuals;
+/// The fields of an estimate in the order of their columns, in a record that has them.
+template <typename Record>
+constexpr auto estimateFields = std::tuple{
+    jsonField("estimatedAt", &Record::estimatedAt),
+    jsonField("horizonSeconds", &Record::horizonSeconds),
+    jsonField("estimateSource", &Record::estimateSource),
+    jsonField("onBatteryPower", &Record::onBatteryPower),
+    jsonField("startingBatteryLevelPercent", &Record::startingBatteryLevelPercent),
+    jsonField("estimatedPowerW", &Record::estimatedPowerW),
+    jsonField("estimatedDrainRatePctPerHour", &Record::estimatedDrainRatePctPerHour),
+    jsonField("estimatedTimeRemainingMinutes", &Record::estimatedTimeRemainingMinutes),
+};
+
+/// The same of the values that an evaluation finds.
+template <typename Record>
 constexpr auto actualsFields = std::tuple{
-    jsonField("sampleDurationSeconds", &Actuals::sampleDurationSeconds),
-    jsonField("actualBatteryLevelPercent", &Actuals::actualBatteryLevelPercent),
-    jsonField("actualAveragePowerW", &Actuals::actualAveragePowerW),
-    jsonField("actualDrainRatePctPerHour", &Actuals::actualDrainRatePctPerHour),
-    jsonField("actualTimeRemainingMinutes", &Actuals::actualTimeRemainingMinutes),
-    jsonField("powerErrorW", &Actuals::powerErrorW),
-    jsonField("drainRateErrorPctPerHour", &Actuals::drainRateErrorPctPerHour),
-    jsonField("timeRemainingErrorMinutes", &Actuals::timeRemainingErrorMinutes),
+    jsonField("sampleDurationSeconds", &Record::sampleDurationSeconds),
+    jsonField("actualBatteryLevelPercent", &Record::actualBatteryLevelPercent),
+    jsonField("actualAveragePowerW", &Record::actualAveragePowerW),
+    jsonField("actualDrainRatePctPerHour", &Record::actualDrainRatePctPerHour),
+    jsonField("actualTimeRemainingMinutes", &Record::actualTimeRemainingMinutes),
+    jsonField("powerErrorW", &Record::powerErrorW),
+    jsonField("drainRateErrorPctPerHour", &Record::drainRateErrorPctPerHour),
+    jsonField("timeRemainingErrorMinutes", &Record::timeRemainingErrorMinutes),
 };
 
 EstimateTrackingRow estimateOfRow(const Statement& row) {
   EstimateTrackingRow record;
   record.id = row.column<std::int64_t>(0);
-  EstimateTrackingEstimateInput& estimate = record.estimate;
-  estimate.estimatedAt = PointInTime::fromSecondsSince1970(row.column<double>(1));
-  estimate.horizonSeconds = row.column<std::int64_t>(2);
-  estimate.estimateSource = row.column<std::string>(3);
-  estimate.onBatteryPower = row.column<bool>(4);
-  estimate.startingBatteryLevelPercent = row.column<double>(5);
-  estimate.estimatedPowerW = row.column<double>(6);
-  estimate.estimatedDrainRatePctPerHour = row.column<std::optional<double>>(7);
-  estimate.estimatedTimeRemainingMinutes = row.column<std::optional<std::int64_t>>(8);
+  record.estimatedAt = PointInTime::fromSecondsSince1970(row.column<double>(1));
+  record.horizonSeconds = row.column<std::int64_t>(2);
+  record.estimateSource = row.column<std::string>(3);
+  record.onBatteryPower = row.column<bool>(4);
+  record.startingBatteryLevelPercent = row.column<double>(5);
+  record.estimatedPowerW = row.column<double>(6);
+  record.estimatedDrainRatePctPerHour = row.column<std::optional<double>>(7);
+  record.estimatedTimeRemainingMinutes = row.column<std::optional<std::int64_t>>(8);
   record.status = estimateTrackingStatus(row.column<std::string_view>(9))
                       .value_or(EstimateTrackingStatus::skippedInsufficientData);
   if (const auto evaluatedAt = row.column<std::optional<double>>(10))
@@ -69,9 +81,9 @@ EstimateTrackingRow estimateOfRow(const Statement& row) {
   int column = 11;
   std::apply(
       [&](const auto&... field) {
-        ((record.actuals.*field.member = row.column<std::optional<double>>(column++)), ...);
+        ((record.*field.member = row.column<std::optional<double>>(column++)), ...);
       },
-      actualsFields);
+      actualsFields<EstimateTrackingRow>);
   return record;
 }
 
@@ -92,24 +104,11 @@ EstimateTrackingStatus decodeStatus(const nlohmann::json& json, const JSONPath& 
 
 nlohmann::ordered_json encodeStatus(const EstimateTrackingStatus& status) { return rawValue(status); }
 
-using Estimate = EstimateTrackingEstimateInput;
-constexpr auto estimateFields = std::tuple{
-    jsonField("estimatedAt", &Estimate::estimatedAt),
-    jsonField("horizonSeconds", &Estimate::horizonSeconds),
-    jsonField("estimateSource", &Estimate::estimateSource),
-    jsonField("onBatteryPower", &Estimate::onBatteryPower),
-    jsonField("startingBatteryLevelPercent", &Estimate::startingBatteryLevelPercent),
-    jsonField("estimatedPowerW", &Estimate::estimatedPowerW),
-    jsonField("estimatedDrainRatePctPerHour", &Estimate::estimatedDrainRatePctPerHour),
-    jsonField("estimatedTimeRemainingMinutes", &Estimate::estimatedTimeRemainingMinutes),
-};
-
-/// Evaluations and rows have the same fields besides.
 template <typename Record>
-constexpr auto evaluationFields = std::tuple{
-    jsonField("status", &Record::status, decodeStatus, encodeStatus),
-    jsonField("evaluatedAt", &Record::evaluatedAt),
-};
+constexpr auto evaluationFields = std::tuple_cat(std::tuple{jsonField("status", &Record::status, decodeStatus,
+                                                                      encodeStatus),
+                                                            jsonField("evaluatedAt", &Record::evaluatedAt)},
+                                                 actualsFields<Record>);
 
 }  // namespace
 
@@ -135,21 +134,19 @@ std::optional<EstimateTrackingStatus> estimateTrackingStatus(std::string_view ra
 }
 
 EstimateTrackingEstimateInput decodeEstimateInput(const nlohmann::json& json, const JSONPath& path) {
-  return decodeJSONRecord<Estimate>(json, path, estimateFields);
+  return decodeJSONRecord<EstimateTrackingEstimateInput>(json, path,
+                                                         estimateFields<EstimateTrackingEstimateInput>);
 }
 
 EstimateTrackingEvaluationInput decodeEvaluationInput(const nlohmann::json& json, const JSONPath& path) {
-  using Evaluation = EstimateTrackingEvaluationInput;
-  auto evaluation = decodeJSONRecord<Evaluation>(json, path, evaluationFields<Evaluation>);
-  evaluation.actuals = decodeJSONRecord<Actuals>(json, path, actualsFields);
-  return evaluation;
+  return decodeJSONRecord<EstimateTrackingEvaluationInput>(json, path,
+                                                           evaluationFields<EstimateTrackingEvaluationInput>);
 }
 
 nlohmann::ordered_json encodeEstimateRow(const EstimateTrackingRow& row) {
   nlohmann::ordered_json json = {{"id", row.id}};
-  json.update(encodeJSONRecord(row.estimate, estimateFields));
+  json.update(encodeJSONRecord(row, estimateFields<EstimateTrackingRow>));
   json.update(encodeJSONRecord(row, evaluationFields<EstimateTrackingRow>));
-  json.update(encodeJSONRecord(row.actuals, actualsFields));
   json["isEvaluated"] = row.isEvaluated();
   return json;
 }
@@ -167,10 +164,10 @@ bool EstimateTracking::applyEvaluation(Database& database, std::int64_t recordID
   std::apply(
       [&](const auto&... field) {
         database.prepared(updateEvaluation)
-            .run(evaluation.evaluatedAt.secondsSince1970(), evaluation.actuals.*field.member...,
+            .run(evaluation.evaluatedAt.secondsSince1970(), evaluation.*field.member...,
                  rawValue(evaluation.status), recordID);
       },
-      actualsFields);
+      actualsFields<EstimateTrackingEvaluationInput>);
   return database.changes() > 0;
 }
 

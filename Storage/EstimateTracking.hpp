@@ -15,7 +15,7 @@ namespace quenzel {
 class Database;
 class JSONPath;
 
-/// What has become of a forecast.
+/// What has become of an estimate.
 enum class EstimateTrackingStatus {
   pending,
   evaluated,
@@ -32,7 +32,7 @@ std::string_view rawValue(EstimateTrackingStatus status);
 /// The status of exactly that raw value.
 std::optional<EstimateTrackingStatus> estimateTrackingStatus(std::string_view rawValue);
 
-/// A forecast of power, drain rate and time remaining, to be held against what happens.
+/// An estimate of power, drain rate and time remaining, to be held against what happens.
 struct EstimateTrackingEstimateInput {
   PointInTime estimatedAt = {};
   std::int64_t horizonSeconds = 0;  ///< how far ahead it looks
@@ -46,9 +46,11 @@ struct EstimateTrackingEstimateInput {
   bool operator==(const EstimateTrackingEstimateInput&) const = default;
 };
 
-/// What happened over a forecast's horizon, and how far the forecast was off. An absent value could not be
-/// told.
-struct EstimateTrackingActuals {
+/// The outcome of checking one estimate: what happened over its horizon, and how far it was off. An absent
+/// value could not be told.
+struct EstimateTrackingEvaluationInput {
+  EstimateTrackingStatus status = EstimateTrackingStatus::pending;
+  PointInTime evaluatedAt = {};
   std::optional<double> sampleDurationSeconds = {};
   std::optional<double> actualBatteryLevelPercent = {};
   std::optional<double> actualAveragePowerW = {};
@@ -58,36 +60,40 @@ struct EstimateTrackingActuals {
   std::optional<double> drainRateErrorPctPerHour = {};
   std::optional<double> timeRemainingErrorMinutes = {};
 
-  bool operator==(const EstimateTrackingActuals&) const = default;
-};
-
-/// The outcome of checking one forecast.
-struct EstimateTrackingEvaluationInput {
-  EstimateTrackingStatus status = EstimateTrackingStatus::pending;
-  PointInTime evaluatedAt = {};
-  EstimateTrackingActuals actuals = {};
-
   bool operator==(const EstimateTrackingEvaluationInput&) const = default;
 };
 
-/// A stored forecast with its evaluation, as far as there is one.
+/// A stored estimate with its evaluation, as far as there is one: the fields of both inputs.
 struct EstimateTrackingRow {
   std::int64_t id = 0;
-  EstimateTrackingEstimateInput estimate = {};
+  PointInTime estimatedAt = {};
+  std::int64_t horizonSeconds = 0;
+  std::string estimateSource = {};
+  bool onBatteryPower = false;
+  double startingBatteryLevelPercent = 0;
+  double estimatedPowerW = 0;
+  std::optional<double> estimatedDrainRatePctPerHour = {};
+  std::optional<std::int64_t> estimatedTimeRemainingMinutes = {};
   /// A stored text that is none of the four (a newer version's, say) reads as skippedInsufficientData: this
-  /// version can't tell what was found out, and must neither evaluate the forecast again nor count it.
+  /// version can't tell what was found out, and must neither evaluate the estimate again nor count it.
   EstimateTrackingStatus status = EstimateTrackingStatus::pending;
   std::optional<PointInTime> evaluatedAt = {};
-  EstimateTrackingActuals actuals = {};
+  std::optional<double> sampleDurationSeconds = {};
+  std::optional<double> actualBatteryLevelPercent = {};
+  std::optional<double> actualAveragePowerW = {};
+  std::optional<double> actualDrainRatePctPerHour = {};
+  std::optional<double> actualTimeRemainingMinutes = {};
+  std::optional<double> powerErrorW = {};
+  std::optional<double> drainRateErrorPctPerHour = {};
+  std::optional<double> timeRemainingErrorMinutes = {};
 
-  /// Skipped forecasts are not.
+  /// Skipped estimates are not.
   bool isEvaluated() const { return status == EstimateTrackingStatus::evaluated; }
 
   bool operator==(const EstimateTrackingRow&) const = default;
 };
 
-// JSON forms: one object of all fields, those of the records inside included; absent optionals may be
-// missing. Each decode throws JSONCodingError.
+// JSON forms: one object of all fields; absent optionals may be missing. Each decode throws JSONCodingError.
 
 EstimateTrackingEstimateInput decodeEstimateInput(const nlohmann::json& json, const JSONPath& path);
 EstimateTrackingEvaluationInput decodeEvaluationInput(const nlohmann::json& json, const JSONPath& path);

@@ -19,7 +19,7 @@ void prepareFile(const std::string& path);
 void configureForWriting(Database& database);
 
 /// Creates the tables that are missing. Snapshot tables of another version are dropped, with what they hold,
-/// and made anew; the forecasts are kept.
+/// and made anew; the estimates are kept.
 void ensure(Database& database);
 }  // namespace SnapshotSchema
 
