@@ -14,14 +14,15 @@
 #include "Storage/Database.hpp"
 #include "Storage/EnergyQueries.hpp"
 #include "Storage/SnapshotQueries.hpp"
+#include "Storage/SnapshotRows.hpp"
 
 namespace quenzel {
 namespace {
 
 constexpr std::string_view selectWindowRows =
     "SELECT id, timestamp, total_watts, process_total_w, tracker_total_w, on_battery_power, "
-    "battery_level_percent, components_screen_w, components_usb_w, unattributed_w\n"
-    "FROM snapshots\n"
+    "battery_level_percent, components_screen_w, components_usb_w, unattributed_w, level_percent\n"
+    "FROM snapshots LEFT JOIN battery_status_samples ON snapshot_id = id\n"
     "WHERE timestamp >= ? AND timestamp <= ?\n"
     "ORDER BY timestamp ASC;";
 
@@ -33,6 +34,14 @@ constexpr std::string_view takeProcessRows =
     "SELECT take_row(snapshot_id, process_group_key, drain_w)\n"
     "FROM process_samples\n"
     "WHERE rowid >= ? AND rowid <= ?;";
+
+// In the order of an index, so that nothing is sorted.
+constexpr std::string_view selectGroupedProcesses =
+    "SELECT snapshot_id, timestamp, process_group_key, MAX(canonical_name), SUM(drain_w)\n"
+    "FROM process_samples CROSS JOIN snapshots ON id = snapshot_id\n"
+    "WHERE timestamp >= ? AND timestamp <= ?\n"
+    "GROUP BY process_group_key, snapshot_id\n"
+    "ORDER BY process_group_key ASC;";
 
 constexpr std::string_view selectRowRange =
     "SELECT MIN((SELECT MIN(rowid) FROM process_samples WHERE snapshot_id = snapshots.id)), "
@@ -55,26 +64,26 @@ constexpr std::string_view selectIsAnyModelled =
     "WHERE source_flag = ?4));";
 
 constexpr std::string_view selectHiddenRows =
-    "SELECT snapshot_id, kind, identifier, drain_w\n"
-    "FROM hidden_drains\n"
-    "WHERE snapshot_id >= ? AND snapshot_id <= ?\n"
-    "ORDER BY snapshot_id ASC, kind ASC, identifier ASC;";
+    "SELECT snapshot_id, timestamp, kind, identifier, SUM(drain_w)\n"
+    "FROM hidden_drains JOIN snapshots ON id = snapshot_id\n"
+    "WHERE timestamp >= ? AND timestamp <= ?\n"
+    "GROUP BY snapshot_id, kind, identifier\n"
+    "ORDER BY timestamp ASC, kind ASC, identifier ASC;";
 
 /// The snapshots of a window without their rows, in ascending time.
 struct WindowRows {
   PointInTime cutoff = {};
   PointInTime anchor = {};
-  std::vector<std::int64_t> ids = {};
-  std::vector<PreparedSnapshot> prepared = {};
+  std::vector<WindowSnapshotRow> snapshots = {};
 };
 
 /// Where each snapshot of a window stands in it. Rows of the same snapshot mostly come one after another.
 class WindowPositions {
  public:
-  explicit WindowPositions(const std::vector<std::int64_t>& ids) {
-    positions_.reserve(ids.size());
-    for (std::size_t position = 0; position < ids.size(); ++position)
-      positions_.emplace(ids[position], position);
+  explicit WindowPositions(const std::vector<WindowSnapshotRow>& snapshots) {
+    positions_.reserve(snapshots.size());
+    for (std::size_t position = 0; position < snapshots.size(); ++position)
+      positions_.emplace(snapshots[position].id, position);
   }
 
   std::optional<std::size_t> find(std::int64_t id) {
@@ -96,35 +105,53 @@ WindowRows readWindowRows(Database& database, PointInTime cutoff, PointInTime an
   WindowRows window{.cutoff = cutoff, .anchor = anchor};
   Statement rows = database.prepared(selectWindowRows);
   rows.bind(cutoff.secondsSince1970(), anchor.secondsSince1970());
-  while (rows.next()) {
-    window.ids.push_back(rows.column<std::int64_t>(0));
-    window.prepared.push_back({.timestamp = PointInTime::fromSecondsSince1970(rows.column<double>(1)),
-                               .totalW = rows.column<double>(2),
-                               .processW = rows.column<double>(3),
-                               .componentW = rows.column<double>(7) + rows.column<double>(8),
-                               .unattributedW = rows.column<double>(9),
-                               .onBatteryPower = rows.column<bool>(5),
-                               .batteryLevelPercent = rows.column<std::optional<double>>(6)});
-  }
+  while (rows.next()) window.snapshots.push_back(recordOf(rows, windowColumns));
   return window;
+}
+
+PreparedSnapshot preparedSnapshot(const WindowSnapshotRow& row) {
+  return {.timestamp = PointInTime::fromSecondsSince1970(row.timestamp),
+          .totalW = row.totalWatts,
+          .processW = row.processTotalW,
+          .componentW = row.componentsScreenW + row.componentsUsbW,
+          .unattributedW = row.unattributedW,
+          .onBatteryPower = row.onBatteryPower.value_or(false),
+          .batteryLevelPercent = row.levelPercent};
 }
 
 WindowTimeline timelineOf(const WindowRows& window) {
   std::vector<PointInTime> timestamps;
-  timestamps.reserve(window.prepared.size());
-  for (const PreparedSnapshot& snapshot : window.prepared) timestamps.push_back(snapshot.timestamp);
+  timestamps.reserve(window.snapshots.size());
+  for (const WindowSnapshotRow& row : window.snapshots)
+    timestamps.push_back(PointInTime::fromSecondsSince1970(row.timestamp));
   return {timestamps, window.cutoff, window.anchor};
 }
 
-std::pair<std::int64_t, std::int64_t> idRange(const WindowRows& window) {
-  const auto [least, most] = std::minmax_element(window.ids.begin(), window.ids.end());
-  return {*least, *most};
+/// Integrates the groups that have a row below 0 once more, from their sums.
+void readSumsOfNegatives(Database& database, const WindowRows& window, const WindowTimeline& timeline,
+                         GroupedWattsIntegrator& groups) {
+  WindowPositions positions(window.snapshots);
+  std::string key;
+  std::vector<SnapshotWatts> watts;
+  const auto finishGroup = [&] {
+    if (!watts.empty()) groups.replace(key, integrateGroupedWatts(timeline, std::exchange(watts, {})));
+  };
+  Statement rows = database.prepared(selectGroupedProcesses);
+  rows.bind(window.cutoff.secondsSince1970(), window.anchor.secondsSince1970());
+  while (rows.next()) {
+    auto row = recordOf(rows, groupedProcessColumns);
+    if (!groups.hasNegativeRows(row.processGroupKey)) continue;
+    if (row.processGroupKey != key) finishGroup();
+    key = std::move(row.processGroupKey);
+    if (const auto snapshot = positions.find(row.snapshotID)) watts.push_back({*snapshot, row.drainW});
+  }
+  finishGroup();
 }
 
 GroupedWattsIntegrator readProcesses(Database& database, const WindowRows& window,
                                      const WindowTimeline& timeline) {
   GroupedWattsIntegrator groups(timeline);
-  WindowPositions positions(window.ids);
+  WindowPositions positions(window.snapshots);
   Statement range = database.prepared(selectRowRange);
   range.bind(window.cutoff.secondsSince1970(), window.anchor.secondsSince1970());
   range.next();  // there is always a row; without process rows its values are NULL, and choose none
@@ -132,10 +159,10 @@ GroupedWattsIntegrator readProcesses(Database& database, const WindowRows& windo
   database.takeRows(
       takeProcessRows,
       [&](std::int64_t id, std::string_view groupKey, double drainW) {
-        if (const auto snapshot = positions.find(id))
-          groups.integrateGroupedWatts(*snapshot, groupKey, drainW);
+        if (const auto snapshot = positions.find(id)) groups.add(*snapshot, groupKey, drainW);
       },
       first, last);
+  if (groups.hasNegativeRows()) readSumsOfNegatives(database, window, timeline, groups);
   return groups;
 }
 
@@ -145,7 +172,7 @@ TextMap<std::string> readCanonicalNames(Database& database, const WindowRows& wi
   names.reserve(groups.size());
   Statement select = database.prepared(selectCanonicalName);
   for (const auto& [key, group] : groups) {
-    select.bind(key, window.ids[group.newestSnapshot]);
+    select.bind(key, window.snapshots[group.newestSnapshot].id);
     select.next();  // an aggregate always has one row
     names.emplace(key, select.column<std::string>(0));
     select.reset();
@@ -154,25 +181,27 @@ TextMap<std::string> readCanonicalNames(Database& database, const WindowRows& wi
 }
 
 struct HiddenWatts {
-  GroupedWattsIntegrator groups;
-  std::vector<std::pair<HiddenDrainKind, std::string>> workloads;
+  TextMap<GroupedWatts> groups = {};
+  std::vector<std::pair<HiddenDrainKind, std::string>> workloads = {};
 };
 
 HiddenWatts readHidden(Database& database, const WindowRows& window, const WindowTimeline& timeline) {
-  HiddenWatts hidden{GroupedWattsIntegrator(timeline), {}};
-  WindowPositions positions(window.ids);
-  const auto [least, most] = idRange(window);
+  HiddenWatts hidden;
+  TextMap<std::vector<SnapshotWatts>> watts;
+  WindowPositions positions(window.snapshots);
   Statement rows = database.prepared(selectHiddenRows);
-  rows.bind(least, most);
+  rows.bind(window.cutoff.secondsSince1970(), window.anchor.secondsSince1970());
   while (rows.next()) {
-    const auto snapshot = positions.find(rows.column<std::int64_t>(0));
-    const auto kind = hiddenDrainKind(rows.column<std::string_view>(1));
+    const auto row = recordOf(rows, groupedHiddenColumns);
+    const auto snapshot = positions.find(row.snapshotID);
+    const auto kind = hiddenDrainKind(row.kind);
     if (!snapshot || !kind) continue;
-    const HiddenDrain drain{*kind, rows.column<std::string>(2), rows.column<double>(3)};
-    const std::string key = drain.id();
-    if (!hidden.groups.groups().contains(key)) hidden.workloads.emplace_back(*kind, drain.identifier);
-    hidden.groups.integrateGroupedWatts(*snapshot, key, drain.drainW);
+    auto& ofWorkload = watts[HiddenDrain{*kind, row.identifier}.id()];
+    if (ofWorkload.empty()) hidden.workloads.emplace_back(*kind, row.identifier);
+    ofWorkload.push_back({*snapshot, row.drainW});
   }
+  for (auto& [key, ofWorkload] : watts)
+    hidden.groups.emplace(key, integrateGroupedWatts(timeline, std::move(ofWorkload)));
   return hidden;
 }
 
@@ -185,11 +214,13 @@ bool isAnyModelled(Database& database, const WindowRows& window) {
 }
 
 void fillSeries(DetailsPipelineOutput& output, const WindowRows& window) {
-  output.totalPowerW.reserve(window.prepared.size());
-  for (const PreparedSnapshot& snapshot : window.prepared) {
-    output.totalPowerW.push_back({snapshot.timestamp, chartValue(snapshot.totalW)});
-    if (const auto level = snapshot.batteryLevelPercent)
-      output.batteryLevelPercent.push_back({snapshot.timestamp, chartValue(*level)});
+  output.totalPowerW.reserve(window.snapshots.size());
+  for (const WindowSnapshotRow& row : window.snapshots) {
+    const PointInTime timestamp = PointInTime::fromSecondsSince1970(row.timestamp);
+    output.totalPowerW.push_back({timestamp, chartValue(row.totalWatts)});
+    // A snapshot from elsewhere may have a battery reading and no power context.
+    if (const auto level = row.batteryLevelPercent ? row.batteryLevelPercent : row.levelPercent)
+      output.batteryLevelPercent.push_back({timestamp, chartValue(*level)});
   }
   output.batteryDrainRatePctPerHour = calculateBatteryDrainRate(output.batteryLevelPercent);
 }
@@ -204,15 +235,17 @@ void fillGroups(DetailsPipelineOutput& output, Database& database, const WindowR
                               output.latestSnapshot, sampleHours);
   output.appSeries = buildAppSeries(output.processes, processes.groups(), timeline, maxAppSeries);
   const HiddenWatts hidden = readHidden(database, window, timeline);
-  output.hidden =
-      buildHiddenData(hidden.groups.groups(), hidden.workloads, output.latestSnapshot, sampleHours);
+  output.hidden = buildHiddenData(hidden.groups, hidden.workloads, output.latestSnapshot, sampleHours);
 }
 
 }  // namespace
 
 std::vector<PreparedSnapshot> DetailsQueries::preparedSnapshots(Database& database, PointInTime cutoff,
                                                                 PointInTime anchor) {
-  return readWindowRows(database, cutoff, anchor).prepared;
+  std::vector<PreparedSnapshot> prepared;
+  for (const WindowSnapshotRow& row : readWindowRows(database, cutoff, anchor).snapshots)
+    prepared.push_back(preparedSnapshot(row));
+  return prepared;
 }
 
 DetailsPipelineOutput DetailsQueries::readModel(Database& database, PointInTime cutoff, PointInTime anchor,
@@ -225,10 +258,10 @@ DetailsPipelineOutput DetailsQueries::readModel(Database& database, PointInTime 
   output.summary = EnergyQueries::windowSummary(database, cutoff, anchor);
   output.averageComponents = buildComponentAverages(output.summary, output.latestSnapshot, fallbackSnapshot);
   const WindowRows window = readWindowRows(database, cutoff, anchor);
-  output.snapshotCount = static_cast<std::int64_t>(window.ids.size());
+  output.snapshotCount = static_cast<std::int64_t>(window.snapshots.size());
   output.modelled = isAnyModelled(database, window);
   fillSeries(output, window);
-  if (!window.ids.empty()) fillGroups(output, database, window, maxAppSeries);
+  if (!window.snapshots.empty()) fillGroups(output, database, window, maxAppSeries);
   return output;
 }
 

@@ -1,10 +1,13 @@
 #include "Storage/EnergyQueries.hpp"
 
+#include <algorithm>
+#include <limits>
 #include <tuple>
 
 #include <fmt/format.h>
 
 #include "Storage/Database.hpp"
+#include "Storage/SnapshotRows.hpp"
 
 namespace quenzel {
 namespace {
@@ -95,12 +98,13 @@ JOIN snapshots AS later ON later.id = slices.id
 LEFT JOIN snapshots AS earlier ON earlier.id = slices.previous_id;
 )";
 
-/// A record of doubles, in the order of its columns.
+/// A record of sums, in the order of its columns. A sum beyond the largest number reads as that, so that a
+/// few preposterous snapshots don't make the others unreadable.
 template <typename Record, typename... Members>
-Record recordOf(const Statement& row, Members... members) {
-  Record record;
-  int column = 0;
-  ((record.*members = row.column<double>(column++)), ...);
+Record sumsOf(const Statement& row, Members... members) {
+  constexpr double largest = std::numeric_limits<double>::max();
+  Record record = recordOf(row, std::tuple{members...});
+  ((record.*members = std::clamp(record.*members, -largest, largest)), ...);
   return record;
 }
 
@@ -117,8 +121,8 @@ EnergyUsageSummary EnergyQueries::usageSummary(Database& database, const std::st
   Statement select = database.prepared(sql);
   select.bind(limit);
   select.next();  // an aggregate always has one row
-  return recordOf<Summary>(select, &Summary::totalWh, &Summary::batteryWh, &Summary::trackedHours,
-                           &Summary::trackerWh);
+  return sumsOf<Summary>(select, &Summary::totalWh, &Summary::batteryWh, &Summary::trackedHours,
+                         &Summary::trackerWh);
 }
 
 DetailsWindowSummary EnergyQueries::windowSummary(Database& database, PointInTime cutoff,
@@ -127,10 +131,10 @@ DetailsWindowSummary EnergyQueries::windowSummary(Database& database, PointInTim
   Statement select = database.prepared(selectWindowSummary);
   select.bind(cutoff.secondsSince1970(), anchor.secondsSince1970());
   select.next();  // an aggregate always has one row
-  return recordOf<Summary>(select, &Summary::totalWh, &Summary::batteryWh, &Summary::trackerWh,
-                           &Summary::trackedHours, &Summary::sampleHours, &Summary::processWh,
-                           &Summary::screenWh, &Summary::usbWh, &Summary::cpuWh, &Summary::gpuWh,
-                           &Summary::aneWh, &Summary::ramWh, &Summary::pciWh, &Summary::unattributedWh);
+  return sumsOf<Summary>(select, &Summary::totalWh, &Summary::batteryWh, &Summary::trackerWh,
+                         &Summary::trackedHours, &Summary::sampleHours, &Summary::processWh,
+                         &Summary::screenWh, &Summary::usbWh, &Summary::cpuWh, &Summary::gpuWh,
+                         &Summary::aneWh, &Summary::ramWh, &Summary::pciWh, &Summary::unattributedWh);
 }
 
 }  // namespace quenzel

@@ -13,6 +13,7 @@
 #include "Storage/SnapshotQueries.hpp"
 #include "Storage/SnapshotSchema.hpp"
 #include "Storage/SnapshotStoreError.hpp"
+#include "Storage/SnapshotValidation.hpp"
 
 namespace quenzel {
 namespace {
@@ -78,7 +79,7 @@ SQLiteSnapshotStore::SQLiteSnapshotStore(const std::string& path, Mode mode)
 SnapshotInsertOutcome SQLiteSnapshotStore::insert(const DrainSnapshot& snapshot) {
   using Kind = SnapshotInsertion::Decision::Kind;
   const MutexLock guard(lock_);
-  SnapshotInsertion::validate(snapshot);
+  validateForInsertion(snapshot);
   const auto decision = SnapshotInsertion::decide(database_, snapshot);
   if (decision.kind == Kind::drop) return SnapshotInsertOutcome::droppedNearDuplicate;
 

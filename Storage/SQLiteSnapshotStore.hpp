@@ -26,7 +26,7 @@ enum class SnapshotInsertOutcome {
 /// The case's own name.
 std::string_view rawValue(SnapshotInsertOutcome outcome);
 
-/// The history of published snapshots, and the forecasts made on it, in one SQLite database that several
+/// The history of published snapshots, and the estimates made on it, in one SQLite database that several
 /// processes may share (write-ahead logging; a writer waits up to 5 s for another).
 ///
 /// Thread-safe: every operation holds the store's one lock from its beginning to its end. Each throws
@@ -39,7 +39,7 @@ class SQLiteSnapshotStore {
   };
 
   /// A writing store finds tables of another schema version worthless: all snapshots are dropped and the
-  /// tables made anew. Forecasts stay.
+  /// tables made anew. Estimates stay.
   SQLiteSnapshotStore(const std::string& path, Mode mode);
 
   const std::string& path() const { return path_; }
@@ -83,15 +83,15 @@ class SQLiteSnapshotStore {
   DetailsWindowSummary fetchDetailsWindowSummary(PointInTime cutoffTimestamp,
                                                  PointInTime anchorTimestamp) const;
 
-  // Forecasts.
+  // Estimates.
 
-  /// Stores a forecast as pending and returns its id.
+  /// Stores an estimate as pending and returns its id.
   std::int64_t insert(const EstimateTrackingEstimateInput& estimate);
-  /// Returns whether there is a forecast of that id; nothing changes when there is none.
+  /// Returns whether there is an estimate of that id; nothing changes when there is none.
   bool applyEvaluation(std::int64_t recordID, const EstimateTrackingEvaluationInput& evaluation);
-  /// The pending forecasts, oldest first: the order in which they fall due.
+  /// The pending estimates, oldest first: the order in which they fall due.
   std::vector<EstimateTrackingRow> fetchPendingEstimates(std::int64_t limit) const;
-  /// All forecasts, newest first.
+  /// All estimates, newest first.
   std::vector<EstimateTrackingRow> fetchEstimateRows(std::int64_t limit) const;
 
   /// Opens the shared database to every local user: see SharedSnapshotSidecarPermissions.

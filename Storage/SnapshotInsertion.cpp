@@ -1,18 +1,13 @@
 #include "Storage/SnapshotInsertion.hpp"
 
 #include <cmath>
-#include <limits>
 #include <optional>
 #include <string>
 #include <tuple>
 
-#include <fmt/format.h>
-
 #include "SharedModels/Runtime/Text.hpp"
 #include "SharedModels/Snapshot/SnapshotQuality.hpp"
 #include "Storage/Database.hpp"
-#include "Storage/SnapshotColumns.hpp"
-#include "Storage/SnapshotStoreError.hpp"
 
 namespace quenzel {
 namespace {
@@ -76,52 +71,52 @@ double ownProcessW(const DrainSnapshot& snapshot, std::string_view ownBundlePref
   return sum;
 }
 
-/// The members of an absent record are all absent.
-template <typename Record, typename Member>
-auto memberOf(const std::optional<Record>& record, Member Record::*member) {
-  return record ? std::optional(*record.*member) : std::nullopt;
-}
-
-std::int64_t insertHeader(Database& database, const DrainSnapshot& snapshot,
-                          std::string_view ownBundlePrefix) {
-  const auto bindAll = [&](const auto&... values) { database.prepared(insertSnapshot).run(values...); };
-  const auto telemetry =
-      std::apply([&](auto... members) { return std::tuple{memberOf(snapshot.telemetry, members)...}; },
-                 telemetryColumns);
-  const auto components = std::apply(
-      [&](auto... members) { return std::tuple{snapshot.components.*members...}; }, componentColumns);
-  const std::optional<double> level =
-      snapshot.powerContext ? snapshot.powerContext->batteryLevelPercent : std::nullopt;
-  std::apply(
-      bindAll,
-      std::tuple_cat(std::tuple{snapshot.timestamp.secondsSince1970(), snapshot.totalDischargeW,
-                                attributedProcessW(snapshot), ownProcessW(snapshot, ownBundlePrefix),
-                                memberOf(snapshot.powerContext, &PowerUsageContext::onBatteryPower), level},
-                     telemetry, components, std::tuple{snapshot.unattributedW}));
-  return database.lastInsertRowID();
-}
-
-/// The column takes process numbers, which have 32 bits everywhere.
-std::int64_t processNumber(std::int64_t pid, const ProcessDrain& process) {
-  using Limits = std::numeric_limits<std::int32_t>;
-  if (pid < Limits::min() || pid > Limits::max()) {
-    throw SnapshotStoreError::withMessage(
-        fmt::format("Process number {} out of range for published process row: {}", pid, process.name));
+SnapshotHeaderRow headerOf(const DrainSnapshot& snapshot, std::string_view ownBundlePrefix) {
+  SnapshotHeaderRow row;
+  row.timestamp = snapshot.timestamp.secondsSince1970();
+  row.totalWatts = snapshot.totalDischargeW;
+  row.processTotalW = attributedProcessW(snapshot);
+  row.trackerTotalW = ownProcessW(snapshot, ownBundlePrefix);
+  if (const auto& context = snapshot.powerContext) {
+    row.onBatteryPower = context->onBatteryPower;
+    row.batteryLevelPercent = context->batteryLevelPercent;
   }
-  return pid;
+  if (const auto& telemetry = snapshot.telemetry) {
+    row.pmCommandOK = telemetry->powermetricsCommandOK;
+    row.pmParsedProcessCount = telemetry->powermetricsParsedProcessCount;
+    row.pmHasPackagePower = telemetry->powermetricsHasPackagePower;
+    row.pmHasSystemPower = telemetry->powermetricsHasSystemPower;
+    row.usedEstimatedTotalPower = telemetry->usedEstimatedTotalPower;
+    row.screenModelAvailable = telemetry->screenModelAvailable;
+    row.usbModelAvailable = telemetry->usbModelAvailable;
+  }
+  row.componentsScreenW = snapshot.components.screenW;
+  row.componentsUsbW = snapshot.components.usbW;
+  row.componentsCPUW = snapshot.components.cpuW;
+  row.componentsGPUW = snapshot.components.gpuW;
+  row.componentsANEW = snapshot.components.aneW;
+  row.componentsRAMW = snapshot.components.ramW;
+  row.componentsPCIW = snapshot.components.pciW;
+  row.componentsConfidence = snapshot.components.confidence;
+  row.unattributedW = snapshot.unattributedW;
+  return row;
+}
+
+std::int64_t insertHeader(Database& database, const SnapshotHeaderRow& row) {
+  std::apply([&](auto /*id*/, auto... members) { database.prepared(insertSnapshot).run(row.*members...); },
+             headerColumns);
+  return database.lastInsertRowID();
 }
 
 void insertProcesses(Database& database, std::int64_t snapshotID, const DrainSnapshot& snapshot) {
   Statement insertRow = database.prepared(insertProcess);
   Statement insertFlag = database.prepared(insertSourceFlag);
   for (const ProcessDrain& process : snapshot.processes) {
-    const std::int64_t pid = processNumber(process.pid, process);
-    std::optional<std::int64_t> parent = process.parentPID;
-    if (parent) parent = processNumber(*parent, process);
-    insertRow.run(snapshotID, pid, parent, process.name, process.bundleID,
+    insertRow.run(snapshotID, process.pid, process.parentPID, process.name, process.bundleID,
                   trimmedOrEmpty(process.displayName), trimmedOrEmpty(process.canonicalName),
                   trimmedOrEmpty(process.processGroupKey), process.drainW, process.energyShare);
-    for (const std::string& flag : process.sourceFlags) insertFlag.run(snapshotID, pid, process.name, flag);
+    for (const std::string& flag : process.sourceFlags)
+      insertFlag.run(snapshotID, process.pid, process.name, flag);
   }
 }
 
@@ -136,53 +131,27 @@ void insertBatteryStatus(Database& database, std::int64_t snapshotID, const Batt
              batteryColumns);
 }
 
-/// A number that is none at all is left to the table's own constraints.
-void demandBelievable(double value, std::string_view what) {
-  constexpr double most = 1e12;  // a terawatt, or thirty thousand years
-  if (std::abs(value) > most)
-    throw SnapshotStoreError::withMessage(fmt::format("{} out of range: {}", what, value));
-}
-
 }  // namespace
 
-void SnapshotInsertion::validate(const DrainSnapshot& snapshot) {
-  struct RequiredColumn {
-    const char* name;
-    std::optional<std::string> ProcessDrain::*member;
-  };
-  constexpr RequiredColumn required[] = {{"display_name", &ProcessDrain::displayName},
-                                         {"canonical_name", &ProcessDrain::canonicalName},
-                                         {"process_group_key", &ProcessDrain::processGroupKey}};
-  for (const ProcessDrain& process : snapshot.processes) {
-    for (const RequiredColumn& column : required) {
-      if (!trimmedOrEmpty(process.*column.member).empty()) continue;
-      throw SnapshotStoreError::withMessage(
-          fmt::format("Missing {} for published process row: {}", column.name, process.name));
-    }
-  }
-  demandBelievable(snapshot.timestamp.secondsSince1970(), "timestamp");
-  demandBelievable(snapshot.totalDischargeW, "total_watts");
-  demandBelievable(snapshot.unattributedW, "unattributed_w");
-  const ComponentDrain& part = snapshot.components;
-  for (const double watts : {part.screenW, part.usbW, part.cpuW, part.gpuW, part.aneW, part.ramW, part.pciW})
-    demandBelievable(watts, "component watts");
-  for (const ProcessDrain& process : snapshot.processes) demandBelievable(process.drainW, "drain_w");
-  for (const HiddenDrain& hidden : snapshot.hidden) demandBelievable(hidden.drainW, "drain_w");
+std::optional<LatestSnapshotSummaryRow> SnapshotInsertion::latestSummary(Database& database) {
+  Statement latest = database.prepared(selectLatestSummary);
+  if (!latest.next()) return {};
+  return recordOf(latest, latestSummaryColumns);
 }
 
 SnapshotInsertion::Decision SnapshotInsertion::decide(Database& database, const DrainSnapshot& snapshot) {
   using Kind = Decision::Kind;
-  Statement latest = database.prepared(selectLatestSummary);
-  if (!latest.next()) return {};
-  const auto [id, timestamp, totalW, processW] = latest.row<std::int64_t, double, double, double>();
-  if (std::abs(snapshot.timestamp.secondsSince1970() - timestamp) > nearDuplicateSeconds) return {};
-  const bool isNoWorse = snapshotQuality(totalW, processW) <= snapshotQuality(snapshot);
-  return {isNoWorse ? Kind::replace : Kind::drop, id};
+  const auto latest = latestSummary(database);
+  if (!latest) return {};
+  if (std::abs(snapshot.timestamp.secondsSince1970() - latest->timestamp) > nearDuplicateSeconds) return {};
+  const bool isNoWorse =
+      snapshotQuality(latest->totalWatts, latest->processTotalW) <= snapshotQuality(snapshot);
+  return {isNoWorse ? Kind::replace : Kind::drop, latest->id};
 }
 
 void SnapshotInsertion::writeRows(Database& database, const DrainSnapshot& snapshot,
                                   std::string_view ownBundlePrefix) {
-  const std::int64_t id = insertHeader(database, snapshot, ownBundlePrefix);
+  const std::int64_t id = insertHeader(database, headerOf(snapshot, ownBundlePrefix));
   insertProcesses(database, id, snapshot);
   insertHiddenDrains(database, id, snapshot);
   if (snapshot.batteryStatus) insertBatteryStatus(database, id, *snapshot.batteryStatus);

@@ -1,20 +1,21 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "SharedModels/Snapshot/DrainSnapshot.hpp"
+#include "Storage/SnapshotRows.hpp"
 
 namespace quenzel {
 
 class Database;
 
-/// How snapshots are written. Each function throws SnapshotStoreError.
+/// How valid snapshots are written. Each function throws SnapshotStoreError.
 namespace SnapshotInsertion {
 
-/// @throws SnapshotStoreError naming the first process row that lacks a name or group key to be shown by, or
-/// the first time or power that is beyond anything: sums of such would be infinite
-void validate(const DrainSnapshot& snapshot);
+/// The newest stored snapshot's; none while there is none.
+std::optional<LatestSnapshotSummaryRow> latestSummary(Database& database);
 
 /// What to do with a snapshot whose moment may have been stored before.
 struct Decision {
@@ -25,7 +26,7 @@ struct Decision {
 /// Looks at the newest stored snapshot only.
 Decision decide(Database& database, const DrainSnapshot& snapshot);
 
-/// Writes the rows of a valid snapshot.
+/// Writes the rows of a snapshot.
 /// @param ownBundlePrefix of the monitor's own processes' bundle identifiers, in lower case
 void writeRows(Database& database, const DrainSnapshot& snapshot, std::string_view ownBundlePrefix);
 

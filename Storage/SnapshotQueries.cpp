@@ -10,13 +10,14 @@
 #include <fmt/format.h>
 
 #include "Storage/Database.hpp"
-#include "Storage/SnapshotColumns.hpp"
+#include "Storage/SnapshotRows.hpp"
 
 namespace quenzel {
 namespace {
 
 /// The statements that read a set of snapshots and their rows, the set being a subquery of ids. Each takes
-/// the subquery's parameters.
+/// the subquery's parameters. Rows that compare equal come in the order in which they were stored, so that an
+/// export that is imported elsewhere reads the same there.
 struct SelectionSQL {
   explicit SelectionSQL(std::string_view ids)
       : headers(fmt::format(
@@ -27,14 +28,14 @@ struct SelectionSQL {
             "components_ram_w, components_pci_w, components_confidence, unattributed_w\n"
             "FROM snapshots\n"
             "WHERE id IN ({})\n"
-            "ORDER BY timestamp ASC;",
+            "ORDER BY timestamp ASC, id ASC;",
             ids)),
         processes(fmt::format(
             "SELECT snapshot_id, pid, parent_pid, process_name, bundle_id, display_name, canonical_name, "
             "process_group_key, drain_w, energy_share\n"
             "FROM process_samples\n"
             "WHERE snapshot_id IN ({})\n"
-            "ORDER BY snapshot_id DESC, drain_w DESC;",
+            "ORDER BY snapshot_id DESC, drain_w DESC, rowid ASC;",
             ids)),
         sourceFlags(fmt::format("SELECT snapshot_id, pid, process_name, source_flag\n"
                                 "FROM process_source_flags\n"
@@ -43,7 +44,7 @@ struct SelectionSQL {
         hidden(fmt::format("SELECT snapshot_id, kind, identifier, drain_w\n"
                            "FROM hidden_drains\n"
                            "WHERE snapshot_id IN ({})\n"
-                           "ORDER BY snapshot_id DESC, drain_w DESC;",
+                           "ORDER BY snapshot_id DESC, drain_w DESC, rowid ASC;",
                            ids)),
         battery(fmt::format(
             "SELECT snapshot_id, level_percent, remaining_wh, is_charging, external_power_connected, "
@@ -89,37 +90,34 @@ const SelectionSQL& newestSelection() {
   return sql;
 }
 
-/// Reads the columns from `first` on into the members; false when a column of a plain member is NULL.
-template <typename Record, typename Members>
-bool readMembers(const Statement& row, int first, const Members& members, Record& record) {
-  int column = first;
-  bool isComplete = true;
-  const auto read = [&](auto member) {
-    using Member = std::remove_reference_t<decltype(record.*member)>;
-    if constexpr (requires { typename Member::value_type; } && !std::is_same_v<Member, std::string>) {
-      record.*member = row.column<Member>(column);
-    } else if (auto value = row.column<std::optional<Member>>(column)) {
-      record.*member = std::move(*value);
-    } else {
-      isComplete = false;
-    }
-    ++column;
-  };
-  std::apply([&](auto... member) { (read(member), ...); }, members);
-  return isComplete;
+/// All seven columns of the telemetry, or none of it.
+std::optional<SourceTelemetry> telemetryOf(const SnapshotHeaderRow& row) {
+  if (!row.pmCommandOK || !row.pmParsedProcessCount || !row.pmHasPackagePower || !row.pmHasSystemPower ||
+      !row.usedEstimatedTotalPower || !row.screenModelAvailable || !row.usbModelAvailable)
+    return {};
+  return SourceTelemetry{.powermetricsCommandOK = *row.pmCommandOK,
+                         .powermetricsParsedProcessCount = *row.pmParsedProcessCount,
+                         .powermetricsHasPackagePower = *row.pmHasPackagePower,
+                         .powermetricsHasSystemPower = *row.pmHasSystemPower,
+                         .usedEstimatedTotalPower = *row.usedEstimatedTotalPower,
+                         .screenModelAvailable = *row.screenModelAvailable,
+                         .usbModelAvailable = *row.usbModelAvailable};
 }
 
-DrainSnapshot snapshotOfHeader(const Statement& row) {
-  constexpr int onBattery = 5, telemetry = 7, components = 14, unattributed = 22;
-  DrainSnapshot snapshot;
-  snapshot.timestamp = PointInTime::fromSecondsSince1970(row.column<double>(1));
-  snapshot.totalDischargeW = row.column<double>(2);
-  if (const auto isOnBattery = row.column<std::optional<bool>>(onBattery))
-    snapshot.powerContext = {*isOnBattery, row.column<std::optional<double>>(onBattery + 1)};
-  SourceTelemetry sources;
-  if (readMembers(row, telemetry, telemetryColumns, sources)) snapshot.telemetry = sources;
-  readMembers(row, components, componentColumns, snapshot.components);
-  snapshot.unattributedW = row.column<double>(unattributed);
+DrainSnapshot snapshotOf(const SnapshotHeaderRow& row) {
+  DrainSnapshot snapshot{.timestamp = PointInTime::fromSecondsSince1970(row.timestamp),
+                         .totalDischargeW = row.totalWatts,
+                         .components = {.screenW = row.componentsScreenW,
+                                        .usbW = row.componentsUsbW,
+                                        .cpuW = row.componentsCPUW,
+                                        .gpuW = row.componentsGPUW,
+                                        .aneW = row.componentsANEW,
+                                        .ramW = row.componentsRAMW,
+                                        .pciW = row.componentsPCIW,
+                                        .confidence = row.componentsConfidence},
+                         .unattributedW = row.unattributedW,
+                         .telemetry = telemetryOf(row)};
+  if (row.onBatteryPower) snapshot.powerContext = {*row.onBatteryPower, row.batteryLevelPercent};
   return snapshot;
 }
 
@@ -196,15 +194,16 @@ class SnapshotReader {
         snapshot.hidden.push_back({*kind, row.column<std::string>(2), row.column<double>(3)});
     });
     eachChild(sql.battery, [](DrainSnapshot& snapshot, const Statement& row) {
-      readMembers(row, 1, batteryColumns, snapshot.batteryStatus.emplace());
+      snapshot.batteryStatus = recordOf(row, batteryColumns, 1);
     });
     return std::move(reader.snapshots_);
   }
 
  private:
   void addHeader(const Statement& row) {
-    positions_.emplace(row.column<std::int64_t>(0), snapshots_.size());
-    snapshots_.push_back(snapshotOfHeader(row));
+    const SnapshotHeaderRow header = recordOf(row, headerColumns);
+    positions_.emplace(header.id, snapshots_.size());
+    snapshots_.push_back(snapshotOf(header));
   }
 
   /// The rows of one snapshot come one after another.
@@ -231,7 +230,7 @@ class SnapshotReader {
 constexpr std::string_view selectNewestTimestamp =
     "SELECT timestamp FROM snapshots ORDER BY timestamp DESC LIMIT 1;";
 
-constexpr std::string_view selectIDs = "SELECT id FROM snapshots ORDER BY timestamp ASC;";
+constexpr std::string_view selectIDs = "SELECT id FROM snapshots ORDER BY timestamp ASC, id ASC;";
 
 constexpr std::string_view selectCount =
     "SELECT COUNT(*) FROM snapshots WHERE timestamp >= ? AND timestamp <= ?;";

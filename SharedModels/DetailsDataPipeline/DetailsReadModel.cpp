@@ -1,7 +1,10 @@
 #include "SharedModels/DetailsDataPipeline/DetailsReadModel.hpp"
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <tuple>
+#include <utility>
 
 #include "SharedModels/DetailsDataPipeline/BatteryDrainRate.hpp"
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
@@ -15,16 +18,37 @@ bool isOfGroup(const ProcessDrain& process, std::string_view groupKey) {
   return process.processGroupKey && *process.processGroupKey == groupKey;
 }
 
-/// Better representatives compare greater.
-auto representativeRank(const ProcessDrain& process) {
-  return std::tuple{processPresentationScore(process), nonNegative(process.drainW), -process.pid};
+bool representsBetter(const ProcessDrain& process, const ProcessDrain& other) {
+  const auto rank = [](const ProcessDrain& row) {
+    return std::tuple{processPresentationScore(row), nonNegative(row.drainW)};
+  };
+  if (rank(process) != rank(other)) return rank(process) > rank(other);
+  return process.pid < other.pid;
 }
+
+/// Sums of numbers near the largest there is: what is larger reads as the largest, and what is no number (two
+/// infinities against each other) as 0.
+double representable(double value) {
+  constexpr double largest = std::numeric_limits<double>::max();
+  return std::isnan(value) ? 0 : std::clamp(value, -largest, largest);
+}
+
+double averageW(double energyWh, double hours) { return hours > 0 ? representable(energyWh / hours) : 0; }
 
 TextMap<double> latestGroupWatts(const DrainSnapshot& latest) {
   TextMap<double> watts;
   for (const ProcessDrain& process : latest.processes)
-    watts[process.processGroupKey.value_or("")] += nonNegative(process.drainW);
+    watts[process.processGroupKey.value_or("")] += process.drainW;
   return watts;
+}
+
+GroupedWatts noWatts() { return {.spanWh = std::vector<double>(DetailsPipelineOutput::maxSeriesPoints)}; }
+
+/// An infinite power over no time is no energy.
+void addEnergy(GroupedWatts& group, std::size_t span, double hours, double watts) {
+  if (hours == 0) return;
+  group.energyWh += hours * watts;
+  group.spanWh[span] += hours * watts;
 }
 
 template <typename Value>
@@ -46,26 +70,56 @@ GroupedWattsIntegrator::Entry& GroupedWattsIntegrator::entryOf(std::size_t snaps
   auto entry = groups_.find(groupKey);
   if (entry == groups_.end()) {
     entry = groups_.try_emplace(std::string(groupKey)).first;
-    entry->second.spanWh.resize(DetailsPipelineOutput::maxSeriesPoints);
+    entry->second = noWatts();
   }
   guess = &*entry;
   return *guess;
 }
 
-void GroupedWattsIntegrator::integrateGroupedWatts(std::size_t snapshot, std::string_view groupKey,
-                                                   double drainW) {
+void GroupedWattsIntegrator::add(std::size_t snapshot, std::string_view groupKey, double drainW) {
   GroupedWatts& group = entryOf(snapshot, groupKey).second;
   group.newestSnapshot = std::max(group.newestSnapshot, snapshot);
-  const double energyWh = nonNegative(drainW) * timeline_.hoursOf(snapshot);
-  group.energyWh += energyWh;
-  group.spanWh[timeline_.spanOf(snapshot)] += energyWh;
+  if (drainW < 0) group.hasNegativeRow = hasNegativeRows_ = true;
+  addEnergy(group, timeline_.spanOf(snapshot), timeline_.hoursOf(snapshot), drainW);
+}
+
+bool GroupedWattsIntegrator::hasNegativeRows(std::string_view groupKey) const {
+  const auto entry = groups_.find(groupKey);
+  return entry != groups_.end() && entry->second.hasNegativeRow;
+}
+
+void GroupedWattsIntegrator::replace(std::string_view groupKey, GroupedWatts watts) {
+  groups_.find(groupKey)->second = std::move(watts);
+}
+
+GroupedWatts integrateGroupedWatts(const WindowTimeline& timeline, std::vector<SnapshotWatts> watts) {
+  std::sort(watts.begin(), watts.end(),
+            [](const auto& left, const auto& right) { return left.snapshot < right.snapshot; });
+  GroupedWatts group = noWatts();
+  const auto addSlice = [&](const SnapshotWatts& earlier, const SnapshotWatts& later, double hours) {
+    if (!(earlier.watts + later.watts > 0)) return;
+    for (const SnapshotWatts& end : {earlier, later})
+      addEnergy(group, timeline.spanOf(end.snapshot), hours / 2, end.watts);
+  };
+  for (std::size_t index = 0; index < watts.size(); ++index) {
+    const SnapshotWatts& here = watts[index];
+    group.newestSnapshot = here.snapshot;
+    const bool followsOne = index > 0 && watts[index - 1].snapshot + 1 == here.snapshot;
+    const bool isFollowed = index + 1 < watts.size() && here.snapshot + 1 == watts[index + 1].snapshot;
+    if (here.snapshot > 0) {
+      addSlice(followsOne ? watts[index - 1] : SnapshotWatts{here.snapshot - 1, 0}, here,
+               timeline.hoursBefore(here.snapshot));
+    }
+    if (!isFollowed) addSlice(here, {here.snapshot, 0}, timeline.hoursAfter(here.snapshot));
+  }
+  return group;
 }
 
 std::optional<ProcessDrain> groupedRepresentative(const DrainSnapshot& latest, std::string_view groupKey) {
   const ProcessDrain* best = nullptr;
   for (const ProcessDrain& process : latest.processes) {
     if (!isOfGroup(process, groupKey)) continue;
-    if (best == nullptr || representativeRank(process) > representativeRank(*best)) best = &process;
+    if (best == nullptr || representsBetter(process, *best)) best = &process;
   }
   return best == nullptr ? std::nullopt : std::optional(*best);
 }
@@ -84,9 +138,9 @@ std::vector<GroupedProcessData> buildGroupedProcessData(const TextMap<GroupedWat
     data.canonicalName = data.representative ? data.representative->canonicalName.value_or(key)
                                              : valueOr(canonicalNames, key, key);
     data.pid = data.representative ? data.representative->pid : stableSyntheticPID(key);
-    data.energyWh = group.energyWh;
-    data.averageW = sampleHours > 0 ? group.energyWh / sampleHours : 0;
-    data.latestW = valueOr(latestW, key, 0.0);
+    data.energyWh = representable(group.energyWh);
+    data.averageW = averageW(data.energyWh, sampleHours);
+    data.latestW = representable(valueOr(latestW, key, 0.0));
     processes.push_back(std::move(data));
   }
   std::sort(processes.begin(), processes.end(), [](const auto& left, const auto& right) {
@@ -104,11 +158,12 @@ std::vector<GroupedHiddenData> buildHiddenData(
   for (const auto& [kind, identifier] : workloads) {
     GroupedHiddenData data{.kind = kind, .identifier = identifier};
     const auto group = groups.find(HiddenDrain{kind, identifier}.id());
-    if (group != groups.end()) data.energyWh = group->second.energyWh;
-    data.averageW = sampleHours > 0 ? data.energyWh / sampleHours : 0;
+    if (group != groups.end()) data.energyWh = representable(group->second.energyWh);
+    data.averageW = averageW(data.energyWh, sampleHours);
     for (const HiddenDrain& row : latest.hidden) {
-      if (row.kind == kind && row.identifier == identifier) data.latestW += nonNegative(row.drainW);
+      if (row.kind == kind && row.identifier == identifier) data.latestW += row.drainW;
     }
+    data.latestW = representable(data.latestW);
     hidden.push_back(std::move(data));
   }
   std::sort(hidden.begin(), hidden.end(), [](const auto& left, const auto& right) {
@@ -144,7 +199,7 @@ ComponentDrain buildComponentAverages(const DetailsWindowSummary& summary, const
       {&ComponentDrain::pciW, &DetailsWindowSummary::pciWh}};
   ComponentDrain average;
   for (const auto& [component, energy] : components) {
-    average.*component = summary.sampleHours > 0 ? summary.*energy / summary.sampleHours
+    average.*component = summary.sampleHours > 0 ? averageW(summary.*energy, summary.sampleHours)
                                                  : nonNegative(fallbackSnapshot.components.*component);
   }
   average.confidence =

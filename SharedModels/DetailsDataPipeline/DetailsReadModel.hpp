@@ -23,18 +23,35 @@ struct GroupedWatts {
   double energyWh = 0;
   std::size_t newestSnapshot = 0;   ///< position in the window of the newest snapshot with a row of it
   std::vector<double> spanWh = {};  ///< the energy in each of the timeline's spans
+  bool hasNegativeRow = false;
 };
 
-/// Integrates the summed watts of each group. A row's power that is negative or no number counts 0, as it
-/// does in a snapshot's process total, so that the groups add up to that. Memory: two kilobytes a group,
-/// however many rows there are.
+/// What one group drew in one snapshot: the sum of its rows as they stand, negative ones included.
+struct SnapshotWatts {
+  std::size_t snapshot = 0;  ///< its position in the window
+  double watts = 0;
+};
+
+/// Integrates the summed watts of one group by the trapezoid rule, slice by slice: the average of a slice is
+/// at least 0, and that is the only floor.
+/// @param watts at most one value a snapshot, in any order
+GroupedWatts integrateGroupedWatts(const WindowTimeline& timeline, std::vector<SnapshotWatts> watts);
+
+/// Integrates the summed watts of all groups as their rows are read. Memory: two kilobytes a group, however
+/// many rows there are. That works for groups without a row below 0, which is all that the recorder writes;
+/// the others are told, and replaced by what integrateGroupedWatts finds from their sums.
 class GroupedWattsIntegrator {
  public:
   explicit GroupedWattsIntegrator(const WindowTimeline& timeline) : timeline_(timeline) {}
 
   /// Adds a row of a group; rows come in any order. Fastest where the rows of a snapshot come one after
   /// another, in much the same order as those of the one before.
-  void integrateGroupedWatts(std::size_t snapshot, std::string_view groupKey, double drainW);
+  void add(std::size_t snapshot, std::string_view groupKey, double drainW);
+
+  /// Whether any group has a row below 0, and whether this one has.
+  bool hasNegativeRows() const { return hasNegativeRows_; }
+  bool hasNegativeRows(std::string_view groupKey) const;
+  void replace(std::string_view groupKey, GroupedWatts watts);
 
   const TextMap<GroupedWatts>& groups() const { return groups_; }
 
@@ -48,6 +65,7 @@ class GroupedWattsIntegrator {
   std::vector<Entry*> order_;  ///< of the groups of the latest snapshot's rows, to guess the next row's
   std::size_t position_ = 0;   ///< in that order
   std::size_t snapshot_ = 0;
+  bool hasNegativeRows_ = false;
 };
 
 /// The row that stands for a group: of the highest presentation score; then of the most power, then of the

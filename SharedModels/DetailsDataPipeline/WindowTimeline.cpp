@@ -20,9 +20,10 @@ std::size_t spanAt(PointInTime time, PointInTime start, PointInTime end) {
 WindowTimeline::WindowTimeline(const std::vector<PointInTime>& timestamps, PointInTime start, PointInTime end)
     : samples_(timestamps.size()), spans_(spanCount) {
   for (std::size_t index = 1; index < timestamps.size(); ++index) {
-    const double half = sliceHours(timestamps[index] - timestamps[index - 1]) / 2;
-    samples_[index - 1].hours += half;
-    samples_[index].hours += half;
+    const double hours = sliceHours(timestamps[index] - timestamps[index - 1]);
+    samples_[index - 1].hours += hours / 2;
+    samples_[index].hours += hours / 2;
+    samples_[index].hoursBefore = hours;
   }
   for (std::size_t index = 0; index < timestamps.size(); ++index) {
     Sample& sample = samples_[index];

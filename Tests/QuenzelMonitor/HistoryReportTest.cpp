@@ -28,7 +28,8 @@ class HistoryReport : public ::testing::Test {
       process.processGroupKey = std::string("name:") + std::to_string(pid);
       snapshot.processes.push_back(process);
     }
-    snapshot.powerContext = PowerUsageContext{true, level};
+    snapshot.powerContext = PowerUsageContext{true, {}};  // the level is the battery reading's
+    if (level) snapshot.batteryStatus.emplace().levelPercent = *level;
     store.insert(snapshot);
   }
   HistoryView view(double nowSeconds) {

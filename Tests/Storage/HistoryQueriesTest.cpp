@@ -1,4 +1,8 @@
+#include <algorithm>
+#include <numeric>
+
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "SharedModels/DetailsDataPipeline/DetailsReadModel.hpp"
 #include "SharedModels/Presentation/SyntheticPID.hpp"
@@ -88,6 +92,36 @@ TEST_F(HistoryQueriesTest, EqualTimesAddNoEnergy) {
   EXPECT_NEAR(store.fetchEnergyUsageSummary(9).totalWh, 0.1, 1e-9);
   EXPECT_NEAR(store.fetchEnergyUsageSummary(9).trackedHours, 0.01, 1e-9);
   EXPECT_EQ(store.fetchEnergyUsageSummary(1), EnergyUsageSummary{});
+}
+
+TEST_F(HistoryQueriesTest, SumsEachColumnUnderItsOwnName) {
+  for (const double seconds : {0., 36.}) {
+    DrainSnapshot snapshot = makeSnapshot(base + seconds, 100, {member(1, "quenzel", "q", 200)});
+    snapshot.processes.push_back(member(2, "other", "o", 100));
+    snapshot.components = {
+        .screenW = 400, .usbW = 500, .cpuW = 600, .gpuW = 700, .aneW = 800, .ramW = 900, .pciW = 1000};
+    snapshot.unattributedW = 1100;
+    snapshot.powerContext = {seconds == 0, {}};
+    store.insert(snapshot);
+  }
+  store.insert(makeSnapshot(base + 672, 100));
+  const std::vector<std::pair<std::string, double>> expected = {{"total_wh", 2.67},
+                                                                {"battery_wh", 0},
+                                                                {"tracker_wh", 3.67},
+                                                                {"tracked_hours", 672 / 3600.},
+                                                                {"sample_hours", 96 / 3600.},
+                                                                {"process_wh", 5.5},
+                                                                {"screen_wh", 7.33},
+                                                                {"usb_wh", 9.17},
+                                                                {"cpu_wh", 11},
+                                                                {"gpu_wh", 12.83},
+                                                                {"ane_wh", 14.67},
+                                                                {"ram_wh", 16.5},
+                                                                {"pci_wh", 18.33},
+                                                                {"unattributed_wh", 20.17}};
+  const auto json = encodeDetailsWindowSummary(store.fetchDetailsWindowSummary(at(0), at(672)));
+  ASSERT_EQ(json.size(), expected.size());
+  for (const auto& [name, value] : expected) EXPECT_NEAR(json.at(name).get<double>(), value, 0.005) << name;
 }
 
 TEST_F(HistoryQueriesTest, TracksItsOwnEnergy) {
@@ -182,6 +216,46 @@ TEST_F(HistoryQueriesTest, BuildsTheDetailsOfAWindow) {
   const DetailsPipelineOutput between = store.fetchDetailsReadModel(10, 5, at(20), fallback);
   EXPECT_EQ(between.snapshotCount, 0);
   EXPECT_EQ(between.latestSnapshot, fallback);
+}
+
+TEST_F(HistoryQueriesTest, OnlyASliceIsFloored) {
+  struct Row {
+    const char* what;
+    std::vector<std::vector<double>> watts;  ///< of the rows of group "g", a snapshot each, 36 s apart
+    double energyWh, latestW;
+  };
+  const Row rows[] = {
+      {"two rows of one snapshot", {{-2, 5}, {-2, 5}}, 0.03, 3},
+      {"a negative average counts 0", {{-9}, {3}, {5}}, 0.04, 5},
+      {"one end below 0", {{-2}, {6}}, 0.02, 6},
+      {"absent at one end", {{}, {-4}, {}, {2}}, 0.01, 2},
+      {"absent between", {{6, -2}, {}, {4}}, 0.04, 4},
+      {"negative at last", {{6}, {2}, {-3}}, 0.04, -3},
+  };
+  for (const Row& row : rows) {
+    store.purgeSnapshots(at(1e6));
+    for (std::size_t index = 0; index < row.watts.size(); ++index) {
+      DrainSnapshot snapshot = makeSnapshot(base + 36. * static_cast<double>(index), 10);
+      for (const double watts : row.watts[index])
+        snapshot.processes.push_back(
+            member(static_cast<std::int64_t>(snapshot.processes.size()), "p", "g", watts));
+      snapshot.processes.push_back(member(99, "other", "other", 1));
+      // As one row: two of one workload can't be stored.
+      const double sum = std::accumulate(row.watts[index].begin(), row.watts[index].end(), 0.0);
+      if (!row.watts[index].empty()) snapshot.hidden = {{HiddenDrainKind::dockerContainer, "h", sum}};
+      store.insert(snapshot);
+    }
+    const DetailsPipelineOutput details = store.fetchDetailsReadModel(3600, 9, {}, {});
+    ASSERT_EQ(details.processes.size(), 2u) << row.what;
+    const auto isG = [](const auto& group) { return group.groupKey == "g"; };
+    const auto group = std::find_if(details.processes.begin(), details.processes.end(), isG);
+    EXPECT_NEAR(group->energyWh, row.energyWh, 1e-9) << row.what;
+    EXPECT_EQ(group->latestW, row.latestW) << row.what;
+    const auto series = std::find_if(details.appSeries.begin(), details.appSeries.end(), isG);
+    EXPECT_NEAR(series->energyWh, row.energyWh, 1e-9) << row.what;
+    EXPECT_NEAR(details.hidden.at(0).energyWh, row.energyWh, 1e-9) << row.what;
+    EXPECT_EQ(details.hidden[0].latestW, row.latestW) << row.what;
+  }
 }
 
 TEST_F(HistoryQueriesTest, FallsBackToTheLiveSnapshot) {

@@ -1,10 +1,14 @@
 #include <cmath>
+#include <limits>
+#include <type_traits>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "Storage/SQLiteSnapshotStore.hpp"
 #include "Storage/SQLiteSnapshotStoreLocation.hpp"
+#include "Storage/SnapshotSchema.hpp"
 #include "Storage/SnapshotStoreError.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
@@ -16,6 +20,7 @@ namespace {
 
 using enum SnapshotInsertOutcome;
 using Mode = SQLiteSnapshotStore::Mode;
+using ::testing::ElementsAre;
 using testing::modeOf;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
@@ -44,8 +49,11 @@ DrainSnapshot fullSnapshot() {
                          {},
                          {},
                          {"b", "a"}},
-                        {-9, {}, "bare", {}, "Bare", "bare", "name:bare", 1.25, 0.25, {}, {}, {}, {}, {}}};
-  snapshot.hidden = {{HiddenDrainKind::dockerContainer, "web", 2}, {HiddenDrainKind::launchdService, "s", 1}};
+                        {-9, {}, "bare", {}, "Bare", "bare", "name:bare", 1.25, 0.25, {}, {}, {}, {}, {}},
+                        {-10, {}, "equal", {}, "E", "e", "name:equal", 1.25, 0.25, {}, {}, {}, {}, {}}};
+  snapshot.hidden = {{HiddenDrainKind::dockerContainer, "web", 2},
+                     {HiddenDrainKind::launchdService, "s", 1},
+                     {HiddenDrainKind::dockerContainer, "equal", 1}};
   snapshot.components = {1.5, 0.5, 6, 3, 2, 0, 0, 0.75, 0.125, 0.9};
   snapshot.unattributedW = 10.75;
   snapshot.telemetry = {true, 12, false, true, false, true, false};
@@ -62,12 +70,27 @@ std::vector<std::string> column(Database& database, const char* sql) {
   return values;
 }
 
+std::string text(Database& database, const char* sql) { return column(database, sql).at(0); }
+
 class SnapshotStoreTest : public ::testing::Test {
  protected:
   SQLiteSnapshotStore open() { return {path, Mode::readWriteCreate}; }
   std::vector<std::string> query(const char* sql) {
     Database database(path, Database::Access::readWriteCreate);
     return column(database, sql);
+  }
+
+  /// The columns ("!": not null, "=": default, "#": place in the primary key) and foreign keys of a table.
+  std::string descriptionOf(const std::string& table) {
+    return query(
+               ("SELECT (SELECT group_concat(name || ' ' || type || iif(\"notnull\", '!', '') || "
+                "COALESCE('=' || dflt_value, '') || iif(pk, '#' || pk, ''), ', ') FROM pragma_table_info('" +
+                table +
+                "')) || COALESCE((SELECT group_concat('; ' || \"from\" || '>' || \"table\" || '.' || "
+                "\"to\" || ' ' || on_delete, '') FROM pragma_foreign_key_list('" +
+                table + "')), '');")
+                   .c_str())
+        .at(0);
   }
 
   TemporaryDirectory folder;
@@ -81,44 +104,82 @@ TEST_F(SnapshotStoreTest, MakesFolderFileAndTablesForEverybody) {
   EXPECT_EQ(modeOf(folder / "new"), 0777u);
   EXPECT_EQ(modeOf(folder / "new/er"), 0777u);
   EXPECT_EQ(modeOf(path), 0666u);
-  // clang-format off
-  EXPECT_EQ(query("SELECT group_concat(name || ' ' || type || CASE \"notnull\" WHEN 1 THEN '!' ELSE '' END || "
-                  "COALESCE('=' || dflt_value, '')) FROM pragma_table_info('snapshots');"),
-            std::vector<std::string>{
-                "id INTEGER,timestamp REAL!,total_watts REAL!,process_total_w REAL!,tracker_total_w REAL!,"
-                "on_battery_power INTEGER,battery_level_percent REAL,pm_command_ok INTEGER,"
-                "pm_parsed_process_count INTEGER,pm_has_package_power INTEGER,pm_has_system_power INTEGER,"
-                "used_estimated_total_power INTEGER,screen_model_available INTEGER,usb_model_available INTEGER,"
-                "components_screen_w REAL!,components_usb_w REAL!,components_cpu_w REAL!=0,components_gpu_w REAL!=0,"
-                "components_ane_w REAL!=0,components_ram_w REAL!=0,components_pci_w REAL!=0,"
-                "components_confidence REAL,unattributed_w REAL!"});
-  EXPECT_EQ(query("SELECT name || (SELECT group_concat(' ' || name || CASE \"desc\" WHEN 1 THEN ' DESC' ELSE '' END, '') "
+  const std::pair<const char*, const char*> tables[] = {
+      {"schema_metadata", "key TEXT#1, value TEXT!"},
+      {"snapshots",
+       "id INTEGER#1, timestamp REAL!, total_watts REAL!, process_total_w REAL!, tracker_total_w REAL!, "
+       "on_battery_power INTEGER, battery_level_percent REAL, pm_command_ok INTEGER, "
+       "pm_parsed_process_count INTEGER, pm_has_package_power INTEGER, pm_has_system_power INTEGER, "
+       "used_estimated_total_power INTEGER, screen_model_available INTEGER, usb_model_available INTEGER, "
+       "components_screen_w REAL!, components_usb_w REAL!, components_cpu_w REAL!=0, components_gpu_w "
+       "REAL!=0, components_ane_w REAL!=0, components_ram_w REAL!=0, components_pci_w REAL!=0, "
+       "components_confidence REAL, unattributed_w REAL!"},
+      {"process_samples",
+       "snapshot_id INTEGER!#1, pid INTEGER!#2, parent_pid INTEGER, process_name TEXT!#3, bundle_id TEXT, "
+       "display_name TEXT!, canonical_name TEXT!, process_group_key TEXT!, drain_w REAL!, energy_share REAL!"
+       "; snapshot_id>snapshots.id CASCADE"},
+      {"process_source_flags",
+       "snapshot_id INTEGER!#1, pid INTEGER!#2, process_name TEXT!#3, source_flag TEXT!#4"
+       "; snapshot_id>process_samples.snapshot_id CASCADE; pid>process_samples.pid CASCADE"
+       "; process_name>process_samples.process_name CASCADE"},
+      {"hidden_drains",
+       "snapshot_id INTEGER!#1, kind TEXT!#2, identifier TEXT!#3, drain_w REAL!"
+       "; snapshot_id>snapshots.id CASCADE"},
+      {"battery_status_samples",
+       "snapshot_id INTEGER#1, level_percent REAL!, remaining_wh REAL, is_charging INTEGER!, "
+       "external_power_connected INTEGER!, system_time_remaining_minutes INTEGER, discharge_watts REAL, "
+       "cycle_count INTEGER, voltage_mv INTEGER, amperage_ma INTEGER, temperature_centi_c INTEGER, "
+       "design_capacity_mah INTEGER, max_capacity_mah INTEGER, current_capacity_mah INTEGER, "
+       "nominal_charge_capacity_mah INTEGER, design_cycle_count INTEGER, serial_number TEXT, device_name "
+       "TEXT, fully_charged INTEGER, is_ac_powered INTEGER, adapter_watts INTEGER, adapter_name TEXT"
+       "; snapshot_id>snapshots.id CASCADE"},
+      {"estimate_tracking",
+       "id INTEGER#1, estimate_timestamp REAL!, horizon_seconds INTEGER!, estimate_source TEXT!, on_battery "
+       "INTEGER!, start_battery_percent REAL!, estimated_power_w REAL!, estimated_drain_rate_pct_hr REAL, "
+       "estimated_time_left_min INTEGER, evaluation_status TEXT!='pending', evaluated_at REAL, "
+       "sample_duration_seconds REAL, actual_battery_percent REAL, actual_avg_power_w REAL, "
+       "actual_drain_rate_pct_hr REAL, actual_time_left_min REAL, power_error_w REAL, "
+       "drain_rate_error_pct_hr REAL, time_left_error_min REAL"}};
+  for (const auto& [table, description] : tables) EXPECT_EQ(descriptionOf(table), description) << table;
+  const std::vector<std::string> indexes = {"idx_estimate_tracking_estimate_ts estimate_timestamp DESC",
+                                            "idx_estimate_tracking_status_ts evaluation_status "
+                                            "estimate_timestamp DESC",
+                                            "idx_process_samples_canonical_name canonical_name",
+                                            "idx_process_samples_display_name display_name",
+                                            "idx_process_samples_group_key_snapshot process_group_key "
+                                            "snapshot_id",
+                                            "idx_process_samples_snapshot snapshot_id",
+                                            "idx_process_samples_snapshot_group_key snapshot_id "
+                                            "process_group_key",
+                                            "idx_snapshots_timestamp timestamp DESC"};
+  EXPECT_EQ(query("SELECT name || (SELECT group_concat(' ' || name || iif(\"desc\", ' DESC', ''), '') "
                   "FROM pragma_index_xinfo(m.name) WHERE key = 1) FROM sqlite_master m "
                   "WHERE type = 'index' AND sql IS NOT NULL ORDER BY name;"),
-            (std::vector<std::string>{
-                "idx_estimate_tracking_estimate_ts estimate_timestamp DESC",
-                "idx_estimate_tracking_status_ts evaluation_status estimate_timestamp DESC",
-                "idx_process_samples_canonical_name canonical_name",
-                "idx_process_samples_display_name display_name",
-                "idx_process_samples_group_key_snapshot process_group_key snapshot_id",
-                "idx_process_samples_snapshot snapshot_id",
-                "idx_process_samples_snapshot_group_key snapshot_id process_group_key",
-                "idx_snapshots_timestamp timestamp DESC"}));
-  // clang-format on
-  EXPECT_EQ(query("SELECT group_concat(\"table\" || ' ' || on_delete || ' ' || \"from\") FROM "
-                  "pragma_foreign_key_list('process_source_flags');"),
-            std::vector<std::string>{"process_samples CASCADE snapshot_id,process_samples CASCADE "
-                                     "pid,process_samples CASCADE process_name"});
-  EXPECT_EQ(query("PRAGMA journal_mode;"), std::vector<std::string>{"wal"});
+            indexes);
+  EXPECT_THAT(query("SELECT name FROM sqlite_master WHERE sql LIKE '%AUTOINCREMENT%' ORDER BY name;"),
+              ElementsAre("estimate_tracking", "snapshots"));
   EXPECT_EQ(query("SELECT value FROM schema_metadata WHERE key = 'snapshot_schema_version';"),
             std::vector<std::string>{"5"});
+}
+
+TEST_F(SnapshotStoreTest, WritesSafelyAndWaitsForOthers) {
+  open();
+  Database reading(path, Database::Access::readOnly), writing(path, Database::Access::readWriteCreate);
+  SnapshotSchema::configureForWriting(writing);
+  for (Database* database : {&reading, &writing}) {
+    EXPECT_EQ(text(*database, "PRAGMA busy_timeout;"), "5000");
+    EXPECT_EQ(text(*database, "PRAGMA foreign_keys;"), "1");
+    EXPECT_EQ(text(*database, "PRAGMA journal_mode;"), "wal");
+  }
+  EXPECT_EQ(text(writing, "PRAGMA synchronous;"), "1") << "normal";
+  EXPECT_EQ(text(writing, "PRAGMA wal_autocheckpoint;"), "100");
 }
 
 TEST_F(SnapshotStoreTest, ReadsBackWhatItStored) {
   DrainSnapshot snapshot = fullSnapshot();
   auto store = open();
   EXPECT_EQ(store.insert(snapshot), inserted);
-  // By descending power; flags in the order of their key.
+  // By descending power, equal ones as they were stored; flags in the order of their key.
   snapshot.processes.front().sourceFlags = {"a", "b"};
   EXPECT_EQ(store.fetchLatest(10), std::vector{snapshot});
   EXPECT_EQ(store.fetchSnapshot(1), snapshot);
@@ -130,7 +191,7 @@ TEST_F(SnapshotStoreTest, ReadsBackWhatItStored) {
   bare.components.dramW = 0;
   EXPECT_EQ(store.fetchLatest(1), std::vector{bare});
   EXPECT_EQ(query("SELECT process_total_w || ' ' || tracker_total_w FROM snapshots;"),
-            (std::vector<std::string>{"5.75 0.0", "0.0 0.0"}));
+            (std::vector<std::string>{"7.0 0.0", "0.0 0.0"}));
   query("UPDATE snapshots SET usb_model_available = NULL WHERE id = 1;");
   EXPECT_EQ(store.fetchSnapshot(1)->telemetry, std::nullopt) << "one absent column";
 
@@ -158,7 +219,10 @@ TEST_F(SnapshotStoreTest, RefusesRowsThatCantBeShownOrStored) {
   auto store = open();
   const auto refusal = [&](auto spoil) {
     DrainSnapshot snapshot = makeSnapshot(5, 10, {shownProcess(1, "a", 1), shownProcess(2, "b", 1)});
-    spoil(snapshot.processes[1]);
+    if constexpr (std::is_invocable_v<decltype(spoil), ProcessDrain&>)
+      spoil(snapshot.processes[1]);
+    else
+      spoil(snapshot);
     return std::string(thrownBy<SnapshotStoreError>([&] { store.insert(snapshot); }).what());
   };
   const std::string row = " for published process row: b";
@@ -166,15 +230,40 @@ TEST_F(SnapshotStoreTest, RefusesRowsThatCantBeShownOrStored) {
   EXPECT_EQ(refusal([](ProcessDrain& b) { b.canonicalName.reset(); }), "Missing canonical_name" + row);
   EXPECT_EQ(refusal([](ProcessDrain& b) { b.processGroupKey = ""; }), "Missing process_group_key" + row);
   EXPECT_EQ(refusal([](ProcessDrain& b) { b.pid = std::int64_t{1} << 31; }),
-            "Process number 2147483648 out of range" + row);
+            "PID 2147483648 is out of range" + row);
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.parentPID = -(std::int64_t{1} << 31) - 1; }),
+            "PID -2147483649 is out of range" + row);
   EXPECT_EQ(refusal([](ProcessDrain& b) { b.pid = 1, b.name = "a"; }),
             "UNIQUE constraint failed: process_samples.snapshot_id, process_samples.pid, "
             "process_samples.process_name");
-  EXPECT_EQ(refusal([](ProcessDrain& b) { b.drainW = std::nan(""); }),
-            "NOT NULL constraint failed: process_samples.drain_w");
-  EXPECT_EQ(refusal([](ProcessDrain& b) { b.drainW = 1e308; }), "drain_w out of range: 1e+308");
+  constexpr double infinite = std::numeric_limits<double>::infinity();
+  const std::string none = " is not a finite number";
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.drainW = std::nan(""); }), "drainW of the process row b" + none);
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.energyShare = infinite; }),
+            "energyShare of the process row b" + none);
+  EXPECT_EQ(refusal([](ProcessDrain& b) { b.ramAttributedW = -infinite; }),
+            "ramAttributedW of the process row b" + none);
+  EXPECT_EQ(refusal([](DrainSnapshot& all) { all.timestamp = {infinite}; }),
+            "timestamp of the snapshot" + none);
+  EXPECT_EQ(refusal([](DrainSnapshot& all) { all.unattributedW = infinite; }),
+            "unattributedW of the snapshot" + none);
+  EXPECT_EQ(refusal([](DrainSnapshot& all) { all.components.dramW = infinite; }),
+            "dramW of the components" + none);
+  EXPECT_EQ(refusal([](DrainSnapshot& all) {
+              all.hidden = {{{}, "web", infinite}};
+            }),
+            "drainW of the hidden workload web" + none);
+  EXPECT_EQ(refusal([](DrainSnapshot& all) {
+              all.powerContext = {true, infinite};
+            }),
+            "batteryLevelPercent of the power context" + none);
+  EXPECT_EQ(refusal([](DrainSnapshot& all) { all.batteryStatus.emplace().remainingWh = std::nan(""); }),
+            "remainingWh of the battery status" + none);
   EXPECT_EQ(query("SELECT COUNT(*) FROM snapshots;"), std::vector<std::string>{"0"}) << "rolled back whole";
-  EXPECT_EQ(store.insert(makeSnapshot(5, 10)), inserted) << "and usable afterwards";
+  constexpr double largest = std::numeric_limits<double>::max();
+  const DrainSnapshot huge = makeSnapshot(1e300, largest, {shownProcess(INT32_MIN, "a", -largest)});
+  EXPECT_EQ(store.insert(huge), inserted) << "any finite number, and the store is usable afterwards";
+  EXPECT_EQ(store.fetchLatest(1), std::vector{huge});
 }
 
 TEST_F(SnapshotStoreTest, KeepsTheBetterOfTwoOfTheSameMoment) {
