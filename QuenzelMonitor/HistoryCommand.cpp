@@ -5,6 +5,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include <CLI/CLI.hpp>
@@ -89,11 +90,19 @@ int exportAll(SQLiteSnapshotStore& store, const HistoryOptions& /*options*/, Con
   return exitSuccess;
 }
 
+/// An error's text on the one line that a refused snapshot is answered with; tabs are no harm to it.
+std::string errorLine(std::string_view text) {
+  std::string line;
+  for (std::size_t tab; (tab = text.find('\t')) != std::string_view::npos; text.remove_prefix(tab + 1))
+    line += printableLine(text.substr(0, tab)) + '\t';
+  return line + printableLine(text);
+}
+
 /// Every line is answered when it is done with: an outcome that was read stands for a committed snapshot.
 int importLines(SQLiteSnapshotStore& store, LineReader& lines, Console& console) {
   int status = exitSuccess;
   const auto refuse = [&](const std::exception& error) {
-    console.out << "error: " << printableLine(error.what()) << std::endl;
+    console.out << "error: " << errorLine(error.what()) << std::endl;
     status = exitFailure;
   };
   for (std::string line; lines.next(line, maxJSONBytes + 1);) {
@@ -173,7 +182,8 @@ void addHistoryCommand(CLI::App& app, std::function<int()>& command, Console& co
   latestApp.run(command, console, HistoryAccess::read, latest);
 
   HistorySubcommand showApp(history, "show", "Print one snapshot");
-  addIntegerOption(showApp.app(), "ID", showApp.options().id, 1, anyCount, "id in the database")->required();
+  addIntegerOption(showApp.app(), "ID", showApp.options().id, -anyCount, anyCount, "id in the database")
+      ->required();
   showApp.run(command, console, HistoryAccess::read, show);
 
   HistorySubcommand windowApp(history, "window", "Print the snapshots of a window, thinned");

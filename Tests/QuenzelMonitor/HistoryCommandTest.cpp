@@ -1,3 +1,4 @@
+#include <limits>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -65,6 +66,38 @@ TEST_F(HistoryCommand, ImportsLineByLineAndExportsTheSame) {
   EXPECT_EQ(nlohmann::json::parse(exported.out.substr(0, exported.out.find('\n'))), kept);
 }
 
+TEST_F(HistoryCommand, AnswersARefusedSnapshotOnOneLine) {
+  nlohmann::json snapshot = nlohmann::json::parse(lineAt(700000000, " "));
+  snapshot["processes"][0]["name"] = "a\tb\nc\x1b[31m";
+  EXPECT_EQ(run("history import", snapshot.dump()).out,
+            "error: Missing display_name for published process row: a\tb?c?[31m\n");
+}
+
+TEST_F(HistoryCommand, ReadsWhatIsTooLargeToAddUp) {
+  std::string lines;
+  for (const double seconds : {0., 0.75, 36., 40., 72.}) {
+    nlohmann::json snapshot = nlohmann::json::parse(lineAt(700000000 + seconds));
+    snapshot["totalDischargeW"] = snapshot["unattributedW"] = snapshot["components"]["cpuW"] = 1.7e308;
+    snapshot["hidden"] = {{{"kind", "docker_container"}, {"identifier", "h"}, {"drainW", 1.7e308}}};
+    nlohmann::json& processes = snapshot["processes"];
+    for (const double sign : {1., 1., -1., -1.}) {
+      processes.push_back(processes[0]);
+      processes.back()["pid"] = processes.size() + 7;
+      processes.back()["drainW"] = sign * 1.7e308;
+      if (processes.size() > 3) processes.back()["processGroupKey"] = "below";
+    }
+    lines += snapshot.dump() + "\n";
+  }
+  EXPECT_EQ(run("history import", lines).status, 0);
+  constexpr double largest = std::numeric_limits<double>::max();
+  EXPECT_EQ(run("history energy").json().at("totalWh"), largest);
+  EXPECT_EQ(run("history summary --from 0 --to 1e12").json().at("cpu_wh"), largest);
+  for (const char* command : {"history latest", "history export", "history details"}) {
+    const Outcome read = run(command);
+    EXPECT_EQ(read.status, 0) << command << ": " << read.err;
+  }
+}
+
 TEST_F(HistoryCommand, AnswersWithJSON) {
   run("history import", lineAt(700000000) + "\n" + lineAt(700000036) + "\n" + lineAt(700000072));
   const double start = 700000000 + 978307200.;
@@ -81,7 +114,7 @@ TEST_F(HistoryCommand, AnswersWithJSON) {
   EXPECT_EQ(run("history purge --older-than 1678307236").json(), nlohmann::json({{"deleted", 1}}));
 }
 
-TEST_F(HistoryCommand, FollowsAForecast) {
+TEST_F(HistoryCommand, FollowsAnEstimate) {
   const std::string estimate =
       R"({"estimatedAt":5,"horizonSeconds":60,"estimateSource":"s","onBatteryPower":true,)"
       R"("startingBatteryLevelPercent":50,"estimatedPowerW":9})";
@@ -118,6 +151,8 @@ TEST_F(HistoryCommand, RefusesInOneLine) {
   run("history import", snapshotLine);
   const Row refused[] = {
       {"history show 9", 1, there + "no snapshot 9\n"},
+      {"history show 0", 1, there + "no snapshot 0\n"},
+      {"history show -1", 1, there + "no snapshot -1\n"},
       {"history show x", 2, "quenzel: ID: \"x\" is not a whole number"},
       {"history latest --limit 0", 2, "quenzel: --limit: \"0\" is not a whole number of at least 1"},
       {"history window --seconds nan", 2, "quenzel: --seconds: \"nan\" is not a number"},
