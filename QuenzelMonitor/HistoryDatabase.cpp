@@ -11,11 +11,13 @@
 namespace quenzel {
 
 void addDatabaseOption(CLI::App& app, std::optional<std::string>& database) {
-  app.add_option("--database", database, "file of the history; the shared one when left out");
+  app.add_option("--database", database,
+                 "file of the history; when left out the shared one, or your own where that can't be made")
+      ->default_str(SQLiteSnapshotStoreLocation::defaultDatabaseURL());
 }
 
 std::string historyPath(const std::optional<std::string>& database, HistoryAccess access) {
-  std::string path = database.value_or(SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL());
+  std::string path = database.value_or(SQLiteSnapshotStoreLocation::defaultDatabaseURL());
   std::error_code failure;
   if (access == HistoryAccess::change && !path.empty() && !std::filesystem::exists(path, failure))
     throw CommandError(fmt::format("{}: no such database", path));

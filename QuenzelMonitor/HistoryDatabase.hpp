@@ -13,7 +13,8 @@ class App;
 
 namespace quenzel {
 
-/// Adds "--database", which names the history that a command works on; the shared one when left out.
+/// Adds "--database", which names the history that a command works on: by default the one that all commands
+/// agree on, SQLiteSnapshotStoreLocation::defaultDatabaseURL.
 void addDatabaseOption(CLI::App& app, std::optional<std::string>& database);
 
 /// What a command wants of a history.
@@ -23,7 +24,7 @@ enum class HistoryAccess {
   create,  ///< it is made where it is missing
 };
 
-/// The path that the option names.
+/// The path that the option names, or the default.
 /// @throws CommandError for HistoryAccess::change when there is no such file
 std::string historyPath(const std::optional<std::string>& database, HistoryAccess access);
 

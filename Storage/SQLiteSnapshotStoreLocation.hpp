@@ -39,6 +39,11 @@ std::string sharedSnapshotDatabaseURL();
 /// @throws SQLiteSnapshotStoreLocationError when it has none
 std::string localAppDatabaseURL(
     const std::optional<std::string>& applicationSupportDirectory = platform::applicationSupportDirectory());
+
+/// The history that recorder and readers take when nobody names one: the shared one where it is there or the
+/// user can make it, else the user's own. So an ordinary user of a machine without a shared directory records
+/// into, and reads from, his own data folder. The shared one for a user who has no such folder.
+std::string defaultDatabaseURL();
 }  // namespace SQLiteSnapshotStoreLocation
 
 }  // namespace quenzel
