@@ -132,6 +132,7 @@ int record(SQLiteSnapshotStore& store, const RecordOptions& options, Console& co
         fmt::format("recording every {} s into {}", recording.intervalSeconds, printableLine(store.path())),
         options, console);
   }
+  store.interruptWhen([&stop] { return stop.waitFor(0); });
   SnapshotRecorder recorder(
       {.sample = [&cycle] { return cycle.run(); },
        .insert = [&store](const DrainSnapshot& snapshot) { return store.insert(snapshot); },

@@ -1,11 +1,12 @@
 #include "Storage/Database.hpp"
 
 #include <chrono>
-#include <filesystem>
-#include <system_error>
+#include <utility>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
+#include "Platform/MonotonicClock.hpp"
 #include "Storage/SnapshotStoreError.hpp"
 
 namespace quenzel {
@@ -13,12 +14,8 @@ namespace {
 
 constexpr int busyTimeoutMilliseconds = 5000;
 
-/// A FIFO would keep the opening waiting for ever, and a device would swallow what is stored.
-bool isOtherThanFile(const std::string& path) {
-  std::error_code failure;
-  const std::filesystem::file_status status = std::filesystem::status(path, failure);
-  return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
-}
+/// Longer than any text of a snapshot, short enough for many at once.
+constexpr int mostValueBytes = 16 * 1024 * 1024;
 
 void undo(Database& database) noexcept {
   try {
@@ -38,22 +35,74 @@ void Database::FinalizeStatement::operator()(sqlite3_stmt* statement) const noex
   sqlite3_finalize(statement);
 }
 
-Database::Database(const std::string& path, Access access)
-    : taker_(std::make_unique<const RowTaker*>(nullptr)) {
+Database::Database(DatabaseFiles files, Access access)
+    : fileLayer_(std::make_unique<GuardedVFS>(std::move(files))),
+      taker_(std::make_unique<const RowTaker*>(nullptr)) {
   const int flags = access == Access::readOnly
                         ? SQLITE_OPEN_READONLY
                         : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
-  if (isOtherThanFile(path)) throw SnapshotStoreError::withMessage("Not a regular file");
-  const std::string file = path.front() == '/' ? path : "./" + path;  // no name with a meaning of its own
+  fileLayer_->files().requirePlainFiles();
   sqlite3* connection = nullptr;
-  const int result = sqlite3_open_v2(file.c_str(), &connection, flags, nullptr);
+  const int result = sqlite3_open_v2(fileLayer_->files().path().c_str(), &connection,
+                                     flags | SQLITE_OPEN_NOFOLLOW, fileLayer_->name());
   connection_.reset(connection);  // to be closed even after a failure
   if (connection == nullptr) throw SnapshotStoreError::withMessage("Failed to open SQLite database.");
   if (result != SQLITE_OK) throw SnapshotStoreError::ofConnection(connection);
   sqlite3_busy_timeout(connection, busyTimeoutMilliseconds);
+  restrictSchema();
   execute("PRAGMA busy_timeout = 5000;");
   execute("PRAGMA foreign_keys = ON;");
   addTakeRowFunction();
+}
+
+void Database::restrictSchema() {
+  constexpr std::pair<int, int> settings[] = {{SQLITE_DBCONFIG_DEFENSIVE, 1},
+                                              {SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0},
+                                              {SQLITE_DBCONFIG_ENABLE_TRIGGER, 0},
+                                              {SQLITE_DBCONFIG_ENABLE_VIEW, 0}};
+  for (const auto& [setting, value] : settings) {
+    if (sqlite3_db_config(connection_.get(), setting, value, nullptr) != SQLITE_OK)
+      throw SnapshotStoreError::ofConnection(connection_.get());
+  }
+  sqlite3_limit(connection_.get(), SQLITE_LIMIT_LENGTH, mostValueBytes);
+}
+
+void Database::interruptWhen(std::function<bool()> isEndWanted) {
+  constexpr int stepsBetweenLooks = 100'000;  // some milliseconds
+  const auto look = [](void* context) noexcept -> int {
+    constexpr double patienceSeconds = 2;
+    auto& interruption = *static_cast<Interruption*>(context);
+    if (!interruption.isEndWanted()) return 0;
+    const double now = platform::monotonicSeconds();
+    if (!interruption.wantedSince) interruption.wantedSince = now;
+    return now - *interruption.wantedSince >= patienceSeconds ? 1 : 0;
+  };
+  interruption_ = std::make_unique<Interruption>(Interruption{std::move(isEndWanted), std::nullopt});
+  sqlite3_progress_handler(connection_.get(), stepsBetweenLooks, look, interruption_.get());
+}
+
+Database::SidecarIdentities Database::sidecarIdentities() const {
+  SidecarIdentities identities;
+  auto identity = identities.begin();
+  for (const char* suffix : {"-wal", "-shm"}) {
+    struct stat status {};
+    if (::lstat((fileLayer_->files().path() + suffix).c_str(), &status) == 0)
+      *identity = {status.st_dev, status.st_ino};
+    ++identity;
+  }
+  return identities;
+}
+
+void Database::rememberFiles() { sidecars_ = sidecarIdentities(); }
+
+bool Database::wasReplaced() const {
+  int hasMoved = 0;
+  sqlite3_file_control(connection_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &hasMoved);
+  return hasMoved != 0 || sidecarIdentities() != sidecars_;
+}
+
+void Database::abandon() noexcept {
+  sqlite3_db_config(connection_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
 }
 
 /// As an aggregate, so that a query has no row of its own until all are taken.

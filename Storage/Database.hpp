@@ -1,12 +1,17 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
+#include <sys/types.h>
+
+#include "Storage/GuardedVFS.hpp"
 #include "Storage/Statement.hpp"
 
 struct sqlite3;
@@ -19,9 +24,26 @@ class Database {
  public:
   enum class Access { readOnly, readWriteCreate };
 
-  /// The connection waits 5 s for another one's lock, and keeps foreign keys. The path is a file's, never one
-  /// of the names that SQLite has for other things (":memory:").
-  Database(const std::string& path, Access access);
+  /// The connection waits 5 s for another one's lock, and keeps foreign keys.
+  ///
+  /// Others may be able to write the file and the folder. So the files must be plain (see DatabaseFiles), and
+  /// of a foreign schema nothing is carried out: triggers don't fire, views are refused, functions in it are
+  /// SQLite's harmless ones, and no value is longer than 16 MiB.
+  /// @param files of a database; never one of the names that SQLite has for other things (":memory:")
+  Database(DatabaseFiles files, Access access);
+  Database(const std::string& path, Access access) : Database(DatabaseFiles(path), access) {}
+
+  /// Ends a statement that still runs two seconds after the function first returned true, with the error
+  /// "interrupted": whoever wants an end waits no longer, and what is sound has been done by then.
+  void interruptWhen(std::function<bool()> isEndWanted);
+
+  /// Takes down the identity of the files that the connection has open by now.
+  void rememberFiles();
+  /// Whether the database or a file beside it is no longer the one that the connection has open: what is
+  /// stored through it then reaches nobody.
+  bool wasReplaced() const;
+  /// Has the closing leave the files of those names alone, which are another database's by now.
+  void abandon() noexcept;
 
   /// Runs statements that take no values and whose rows nobody wants.
   void execute(const char* sql);
@@ -60,8 +82,26 @@ class Database {
   };
   using StatementHandle = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
-  void addTakeRowFunction();
+  /// The files beside the database, as the system tells them apart; absent ones are empty.
+  struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool operator==(const FileIdentity&) const = default;
+  };
+  using SidecarIdentities = std::array<FileIdentity, 2>;
 
+  struct Interruption {
+    std::function<bool()> isEndWanted;
+    std::optional<double> wantedSince;  ///< on the monotonic clock
+  };
+
+  void restrictSchema();
+  void addTakeRowFunction();
+  SidecarIdentities sidecarIdentities() const;
+
+  std::unique_ptr<GuardedVFS> fileLayer_;       ///< outlives the connection
+  std::unique_ptr<Interruption> interruption_;  ///< at an address that SQLite keeps
+  SidecarIdentities sidecars_ = {};
   std::unique_ptr<const RowTaker*> taker_;  ///< whoever takes rows now; at an address that SQLite keeps
   std::unique_ptr<sqlite3, CloseConnection> connection_;
   std::unordered_map<std::string_view, StatementHandle> statements_;  ///< by the address-stable SQL text

@@ -3,9 +3,13 @@
 #include <algorithm>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include "SharedModels/DetailsDataPipeline/DetailsReadModel.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
+#include "SharedModels/Runtime/RuntimeLog.hpp"
 #include "SharedModels/Runtime/Text.hpp"
+#include "Storage/DatabaseFiles.hpp"
 #include "Storage/DetailsQueries.hpp"
 #include "Storage/EnergyQueries.hpp"
 #include "Storage/SharedSnapshotSidecarPermissions.hpp"
@@ -20,15 +24,24 @@ namespace {
 
 using platform::MutexLock;
 
+constexpr std::string_view logComponent = "SnapshotStore";
+
 constexpr std::string_view deleteOlder = "DELETE FROM snapshots WHERE timestamp < ?;";
 
-Database openDatabase(const std::string& path, SQLiteSnapshotStore::Mode mode) {
+std::unique_ptr<Database> openDatabase(const std::string& path, SQLiteSnapshotStore::Mode mode) {
   if (path.empty()) throw SnapshotStoreError::invalidPath();
-  if (mode == SQLiteSnapshotStore::Mode::readOnly) return {path, Database::Access::readOnly};
-  SnapshotSchema::prepareFile(path);
-  Database database(path, Database::Access::readWriteCreate);
-  SnapshotSchema::configureForWriting(database);
-  SnapshotSchema::ensure(database);
+  const DatabaseFiles files(path);
+  if (mode == SQLiteSnapshotStore::Mode::readOnly) {
+    auto database = std::make_unique<Database>(files, Database::Access::readOnly);
+    SnapshotSchema::requirePlainTables(*database);
+    return database;
+  }
+  SnapshotSchema::prepareFile(files.path());
+  auto database = std::make_unique<Database>(files, Database::Access::readWriteCreate);
+  SnapshotSchema::requirePlainTables(*database);
+  SnapshotSchema::configureForWriting(*database);
+  SnapshotSchema::ensure(*database);
+  database->rememberFiles();
   return database;
 }
 
@@ -72,65 +85,119 @@ std::string_view rawValue(SnapshotInsertOutcome outcome) {
 
 SQLiteSnapshotStore::SQLiteSnapshotStore(const std::string& path, Mode mode)
     : path_(path),
+      mode_(mode),
       ownBundlePrefix_(lowercased(AppConfiguration::bundleIdentifierPrefix())),
       usageSummarySQL_(EnergyQueries::usageSummarySQL(ownBundlePrefix_)),
-      database_(openDatabase(path, mode)) {}
+      connection_(openDatabase(path, mode)) {}
+
+Database& SQLiteSnapshotStore::database() const {
+  if (!connection_) {
+    connection_ = openDatabase(path_, mode_);
+    if (isEndWanted_) connection_->interruptWhen(isEndWanted_);
+  }
+  return *connection_;
+}
+
+void SQLiteSnapshotStore::interruptWhen(std::function<bool()> isEndWanted) {
+  const MutexLock guard(lock_);
+  isEndWanted_ = std::move(isEndWanted);
+  database().interruptWhen(isEndWanted_);
+}
+
+/// A store that only reads goes on with the file that it has.
+bool SQLiteSnapshotStore::isReplaced() const {
+  return mode_ == Mode::readWriteCreate && database().wasReplaced();
+}
+
+void SQLiteSnapshotStore::reopenIfReplaced() {
+  if (mode_ == Mode::readOnly) return;
+  if (isReplaced()) {
+    RuntimeLog::warn(logComponent, fmt::format("{} was removed or replaced: opening it anew", path_));
+    connection_->abandon();
+    connection_.reset();
+  } else if (!SnapshotSchema::isComplete(database())) {
+    RuntimeLog::warn(logComponent, fmt::format("{} lost its tables: making them anew", path_));
+    SnapshotSchema::ensure(database());
+  }
+}
+
+/// Carries out a change that may be carried out again in the file that has taken the place of the one that it
+/// was made in.
+template <typename Change>
+auto SQLiteSnapshotStore::change(Change change) {
+  constexpr int mostAttempts = 5;
+  for (int attempt = 1;; ++attempt) {
+    reopenIfReplaced();
+    try {
+      const auto result = change(database());
+      if (!isReplaced()) return result;
+    } catch (const SnapshotStoreError&) {
+      if (!isReplaced()) throw;
+    }
+    if (attempt == mostAttempts)
+      throw SnapshotStoreError::withMessage("The database is replaced again and again");
+  }
+}
 
 SnapshotInsertOutcome SQLiteSnapshotStore::insert(const DrainSnapshot& snapshot) {
   using Kind = SnapshotInsertion::Decision::Kind;
   const MutexLock guard(lock_);
   validateForInsertion(snapshot);
-  const auto decision = SnapshotInsertion::decide(database_, snapshot);
-  if (decision.kind == Kind::drop) return SnapshotInsertOutcome::droppedNearDuplicate;
+  return change([&](Database& database) {
+    const auto decision = SnapshotInsertion::decide(database, snapshot);
+    if (decision.kind == Kind::drop) return SnapshotInsertOutcome::droppedNearDuplicate;
 
-  WriteTransaction transaction(database_);
-  if (decision.kind == Kind::replace) SnapshotInsertion::deleteSnapshot(database_, decision.existingID);
-  SnapshotInsertion::writeRows(database_, snapshot, ownBundlePrefix_);
-  transaction.commit();
-  // SQLite may just have created the files beside the database.
-  if (database_.changes() > 0) ensureSharedSnapshotSidecarPermissions(path_);
-  return decision.kind == Kind::replace ? SnapshotInsertOutcome::replacedNearDuplicate
-                                        : SnapshotInsertOutcome::inserted;
+    WriteTransaction transaction(database);
+    if (decision.kind == Kind::replace) SnapshotInsertion::deleteSnapshot(database, decision.existingID);
+    SnapshotInsertion::writeRows(database, snapshot, ownBundlePrefix_);
+    transaction.commit();
+    // SQLite may just have created the files beside the database.
+    if (database.changes() > 0) ensureSharedSnapshotSidecarPermissions(path_);
+    return decision.kind == Kind::replace ? SnapshotInsertOutcome::replacedNearDuplicate
+                                          : SnapshotInsertOutcome::inserted;
+  });
 }
 
 std::int64_t SQLiteSnapshotStore::purgeSnapshots(PointInTime olderThan) {
   const MutexLock guard(lock_);
-  database_.prepared(deleteOlder).run(olderThan.secondsSince1970());
-  const std::int64_t deleted = database_.changes();
-  if (deleted > 0) {
-    tryExecute(database_, "PRAGMA wal_checkpoint(TRUNCATE);");
-    tryExecute(database_, "VACUUM;");
-  }
-  return deleted;
+  return change([&](Database& database) {
+    database.prepared(deleteOlder).run(olderThan.secondsSince1970());
+    const std::int64_t deleted = database.changes();
+    if (deleted > 0) {
+      tryExecute(database, "PRAGMA wal_checkpoint(TRUNCATE);");
+      tryExecute(database, "VACUUM;");
+    }
+    return deleted;
+  });
 }
 
 std::vector<DrainSnapshot> SQLiteSnapshotStore::fetchLatest(std::int64_t limit) const {
   const MutexLock guard(lock_);
-  const ReadTransaction reading(database_);
-  return SnapshotQueries::latest(database_, limit);
+  const ReadTransaction reading(database());
+  return SnapshotQueries::latest(database(), limit);
 }
 
 std::optional<DrainSnapshot> SQLiteSnapshotStore::fetchSnapshot(std::int64_t id) const {
   const MutexLock guard(lock_);
-  const ReadTransaction reading(database_);
-  return SnapshotQueries::withID(database_, id);
+  const ReadTransaction reading(database());
+  return SnapshotQueries::withID(database(), id);
 }
 
 std::vector<std::int64_t> SQLiteSnapshotStore::fetchSnapshotIDs() const {
   const MutexLock guard(lock_);
-  return SnapshotQueries::ids(database_);
+  return SnapshotQueries::ids(database());
 }
 
 SnapshotHistoryReadModel SQLiteSnapshotStore::fetchHistoryReadModel(std::int64_t limit) const {
   const MutexLock guard(lock_);
-  const ReadTransaction reading(database_);
-  return {SnapshotQueries::latest(database_, limit),
-          EnergyQueries::usageSummary(database_, usageSummarySQL_, limit)};
+  const ReadTransaction reading(database());
+  return {SnapshotQueries::latest(database(), limit),
+          EnergyQueries::usageSummary(database(), usageSummarySQL_, limit)};
 }
 
 EnergyUsageSummary SQLiteSnapshotStore::fetchEnergyUsageSummary(std::int64_t limit) const {
   const MutexLock guard(lock_);
-  return EnergyQueries::usageSummary(database_, usageSummarySQL_, limit);
+  return EnergyQueries::usageSummary(database(), usageSummarySQL_, limit);
 }
 
 std::vector<DrainSnapshot> SQLiteSnapshotStore::fetchWindowSnapshots(
@@ -138,59 +205,61 @@ std::vector<DrainSnapshot> SQLiteSnapshotStore::fetchWindowSnapshots(
   constexpr std::int64_t mostRows = 10000;
   const std::int64_t rows = std::clamp<std::int64_t>(maxRows, 1, mostRows);
   const MutexLock guard(lock_);
-  const ReadTransaction reading(database_);
-  const auto window = windowEndingAt(database_, windowSeconds, anchorTimestamp);
+  const ReadTransaction reading(database());
+  const auto window = windowEndingAt(database(), windowSeconds, anchorTimestamp);
   if (!window) return {};
-  const std::int64_t count = SnapshotQueries::count(database_, window->cutoff, window->anchor);
+  const std::int64_t count = SnapshotQueries::count(database(), window->cutoff, window->anchor);
   if (count < 1) return {};
   const std::int64_t stride = std::max<std::int64_t>(count / rows, 1);
-  return SnapshotQueries::thinned(database_, window->cutoff, window->anchor, stride);
+  return SnapshotQueries::thinned(database(), window->cutoff, window->anchor, stride);
 }
 
 std::vector<PreparedSnapshot> SQLiteSnapshotStore::fetchPreparedSnapshots(
     double windowSeconds, std::optional<PointInTime> anchorTimestamp) const {
   const MutexLock guard(lock_);
-  const ReadTransaction reading(database_);
-  const auto window = windowEndingAt(database_, windowSeconds, anchorTimestamp);
+  const ReadTransaction reading(database());
+  const auto window = windowEndingAt(database(), windowSeconds, anchorTimestamp);
   if (!window) return {};
-  return DetailsQueries::preparedSnapshots(database_, window->cutoff, window->anchor);
+  return DetailsQueries::preparedSnapshots(database(), window->cutoff, window->anchor);
 }
 
 DetailsPipelineOutput SQLiteSnapshotStore::fetchDetailsReadModel(
     double windowSeconds, std::int64_t maxAppSeries, std::optional<PointInTime> anchorTimestamp,
     const DrainSnapshot& fallbackSnapshot) const {
   const MutexLock guard(lock_);
-  const ReadTransaction reading(database_);
-  const auto window = windowEndingAt(database_, windowSeconds, anchorTimestamp);
+  const ReadTransaction reading(database());
+  const auto window = windowEndingAt(database(), windowSeconds, anchorTimestamp);
   if (!window) return emptyDetailsReadModel(secondsOfWindow(windowSeconds), fallbackSnapshot);
-  return DetailsQueries::readModel(database_, window->cutoff, window->anchor, maxAppSeries, fallbackSnapshot);
+  return DetailsQueries::readModel(database(), window->cutoff, window->anchor, maxAppSeries,
+                                   fallbackSnapshot);
 }
 
 DetailsWindowSummary SQLiteSnapshotStore::fetchDetailsWindowSummary(PointInTime cutoffTimestamp,
                                                                     PointInTime anchorTimestamp) const {
   const MutexLock guard(lock_);
-  return EnergyQueries::windowSummary(database_, cutoffTimestamp, anchorTimestamp);
+  return EnergyQueries::windowSummary(database(), cutoffTimestamp, anchorTimestamp);
 }
 
 std::int64_t SQLiteSnapshotStore::insert(const EstimateTrackingEstimateInput& estimate) {
   const MutexLock guard(lock_);
-  return EstimateTracking::insert(database_, estimate);
+  return change([&](Database& database) { return EstimateTracking::insert(database, estimate); });
 }
 
 bool SQLiteSnapshotStore::applyEvaluation(std::int64_t recordID,
                                           const EstimateTrackingEvaluationInput& evaluation) {
   const MutexLock guard(lock_);
-  return EstimateTracking::applyEvaluation(database_, recordID, evaluation);
+  return change(
+      [&](Database& database) { return EstimateTracking::applyEvaluation(database, recordID, evaluation); });
 }
 
 std::vector<EstimateTrackingRow> SQLiteSnapshotStore::fetchPendingEstimates(std::int64_t limit) const {
   const MutexLock guard(lock_);
-  return EstimateTracking::fetchPending(database_, limit);
+  return EstimateTracking::fetchPending(database(), limit);
 }
 
 std::vector<EstimateTrackingRow> SQLiteSnapshotStore::fetchEstimateRows(std::int64_t limit) const {
   const MutexLock guard(lock_);
-  return EstimateTracking::fetchNewest(database_, limit);
+  return EstimateTracking::fetchNewest(database(), limit);
 }
 
 void SQLiteSnapshotStore::ensureSharedSnapshotSidecarPermissions(

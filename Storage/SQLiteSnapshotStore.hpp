@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,6 +30,10 @@ std::string_view rawValue(SnapshotInsertOutcome outcome);
 
 /// The history of published snapshots, and the estimates made on it, in one SQLite database that several
 /// processes may share (write-ahead logging; a writer waits up to 5 s for another).
+///
+/// A store that writes notices when the database is removed or replaced while it has it open: it opens the
+/// file of that name anew, makes its tables where they are missing, logs that it did, and what was to be
+/// written is written there.
 ///
 /// Thread-safe: every operation holds the store's one lock from its beginning to its end. Each throws
 /// SnapshotStoreError, and then has changed nothing.
@@ -94,15 +100,27 @@ class SQLiteSnapshotStore {
   /// All estimates, newest first.
   std::vector<EstimateTrackingRow> fetchEstimateRows(std::int64_t limit) const;
 
+  /// Ends whatever statement still runs two seconds after the function first returned true, with the error
+  /// "interrupted". The function is called from within every operation, and outlives the store.
+  void interruptWhen(std::function<bool()> isEndWanted);
+
   /// Opens the shared database to every local user: see SharedSnapshotSidecarPermissions.
   static void ensureSharedSnapshotSidecarPermissions(const std::string& forDatabaseAtPath) noexcept;
 
  private:
+  Database& database() const REQUIRES(lock_);
+  bool isReplaced() const REQUIRES(lock_);
+  void reopenIfReplaced() REQUIRES(lock_);
+  template <typename Change>
+  auto change(Change change) REQUIRES(lock_);
+
   const std::string path_;
+  const Mode mode_;
   const std::string ownBundlePrefix_;  ///< in lower case
   const std::string usageSummarySQL_;  ///< kept with the statement that is prepared from it
   mutable platform::Mutex lock_;
-  mutable Database database_ GUARDED_BY(lock_);
+  std::function<bool()> isEndWanted_ GUARDED_BY(lock_);
+  mutable std::unique_ptr<Database> connection_ GUARDED_BY(lock_);  ///< none after a failed opening
 };
 
 }  // namespace quenzel

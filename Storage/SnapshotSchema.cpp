@@ -1,6 +1,7 @@
 #include "Storage/SnapshotSchema.hpp"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -174,6 +175,31 @@ void createFolders(const std::filesystem::path& folder) {
   if (!platform::createSharedDataDirectory(folder)) throw cannotCreate("folder", folder, errno);
 }
 
+#define QUENZEL_TABLES                                                                            \
+  "('schema_metadata', 'snapshots', 'process_samples', 'process_source_flags', 'hidden_drains', " \
+  "'battery_status_samples', 'estimate_tracking')"
+constexpr int tableCount = 7;
+
+constexpr std::string_view countTables =
+    "SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' AND name IN " QUENZEL_TABLES ";";
+
+// Virtual tables have hidden columns.
+constexpr std::string_view selectForeignTable =
+    "SELECT name, 'it is a view' FROM sqlite_master\n"
+    "WHERE type = 'view' AND lower(name) IN " QUENZEL_TABLES
+    "\n"
+    "UNION ALL\n"
+    "SELECT entry.name, 'its column ' || columns.name || ' is computed'\n"
+    "FROM sqlite_master AS entry JOIN pragma_table_xinfo(entry.name) AS columns\n"
+    "WHERE entry.type = 'table' AND lower(entry.name) IN " QUENZEL_TABLES
+    " AND columns.hidden <> 0\n"
+    "LIMIT 1;";
+
+bool hasAllTables(Database& database) {
+  Statement count = database.prepared(countTables);
+  return count.next() && count.column<std::int64_t>(0) == tableCount;
+}
+
 bool hasCurrentVersion(Database& database) {
   Statement select = database.prepared(selectVersion);
   if (!select.next()) return false;
@@ -201,7 +227,7 @@ void SnapshotSchema::prepareFile(const std::string& path) {
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, everybody));
   if (file.valid()) {
     ::fchmod(file.get(), everybody);
-  } else if (errno != EEXIST) {
+  } else if (errno != EEXIST && errno != EISDIR) {  // SQLite has words for a folder
     throw cannotCreate("file", path, errno);
   }
 }
@@ -222,6 +248,19 @@ void SnapshotSchema::ensure(Database& database) {
     database.execute("PRAGMA foreign_keys = ON;");
   }
   for (const char* sql : createEstimateTracking) database.execute(sql);
+  if (hasAllTables(database)) return;
+  for (const char* sql : createSnapshotTables) database.execute(sql);
+}
+
+void SnapshotSchema::requirePlainTables(Database& database) {
+  Statement select = database.prepared(selectForeignTable);
+  if (!select.next()) return;
+  throw SnapshotStoreError::withMessage(fmt::format(
+      "{} is no table of this history: {}", select.column<std::string>(0), select.column<std::string>(1)));
+}
+
+bool SnapshotSchema::isComplete(Database& database) {
+  return hasAllTables(database) && hasCurrentVersion(database);
 }
 
 }  // namespace quenzel

@@ -21,6 +21,13 @@ void configureForWriting(Database& database);
 /// Creates the tables that are missing. Snapshot tables of another version are dropped, with what they hold,
 /// and made anew; the estimates are kept.
 void ensure(Database& database);
+
+/// Refuses a database in which one of the tables is a view, a virtual table or has a computed column: those
+/// make endless rows and values of next to nothing.
+void requirePlainTables(Database& database);
+
+/// Whether all tables are there, of this version.
+bool isComplete(Database& database);
 }  // namespace SnapshotSchema
 
 }  // namespace quenzel

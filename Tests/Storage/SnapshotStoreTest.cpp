@@ -322,6 +322,18 @@ TEST(SQLiteSnapshotStoreLocation, IsSharedOrTheUsersOwn) {
   const ScopedEnvironment home({{"XDG_DATA_HOME", "relative"}, {"HOME", "/u"}});
   EXPECT_EQ(SQLiteSnapshotStoreLocation::localAppDatabaseURL(),
             "/u/.local/share/Quenzel/battery_history.sqlite");
+  const TemporaryDirectory folder;
+  folder.write("file", "");
+  folder.write("there/Quenzel/battery_history.sqlite", "");
+  const std::pair<const char*, bool> rows[] = {
+      {".", true}, {"missing/too", true}, {"there", true}, {"file", false}, {"file/below", false}};
+  for (const auto& [directory, isShared] : rows) {
+    const ScopedEnvironment shared({{"QZL_SHARED_DIRECTORY", folder / directory}});
+    EXPECT_EQ(SQLiteSnapshotStoreLocation::defaultDatabaseURL(),
+              isShared ? SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL()
+                       : "/u/.local/share/Quenzel/battery_history.sqlite")
+        << directory;
+  }
 }
 
 TEST_F(SnapshotStoreTest, FailsWithSQLitesOwnWords) {

@@ -1,8 +1,10 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <functional>
 #include <future>
 #include <random>
+#include <regex>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -13,6 +15,7 @@
 #include <unistd.h>
 
 #include "SharedModels/Runtime/JSONCoding.hpp"
+#include "Storage/DatabaseFiles.hpp"
 #include "Storage/SQLiteSnapshotStore.hpp"
 #include "Storage/SQLiteSnapshotStoreLocation.hpp"
 #include "Storage/SnapshotStoreError.hpp"
@@ -20,6 +23,7 @@
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
+#include "Tests/Support/ThrownBy.hpp"
 
 // What becomes of the history when processes, disks and clocks fail, tried on the real executable.
 
@@ -281,7 +285,7 @@ TEST_F(StoreFaultTest, OnlyFilesAreDatabases) {
   ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
   // clang-format off
   const struct { std::string path, reading, writing; } rows[] = {
-      {folder.path(), odd, odd}, {folder / "fifo", odd, odd}, {"/dev/null", odd, odd}, {folder / "missing", unableToOpen, ""},
+      {folder.path(), unableToOpen, unableToOpen}, {folder / "fifo", odd, odd}, {"/dev/null", odd, odd}, {folder / "missing", unableToOpen, ""},
       {line + "/h", unableToOpen, format("Can't create the folder {}: File exists", line)}};
   // clang-format on
   const auto failure = [](const auto& row, const std::string& why) {
@@ -307,6 +311,202 @@ TEST_F(StoreFaultTest, OnlyFilesAreDatabases) {
     EXPECT_EQ(runCommand(format("{} {} history {} --database {} </dev/null", asUser, program, command,
                                 folder / "missing")),
               (CommandResult{1, format("quenzel: {}: {}\n", folder / "missing", unableToOpen)}));
+}
+
+// What any user may do in a folder that is open to all, to whoever opens the history there next.
+TEST_F(StoreFaultTest, PlantedFilesAreRefused) {
+  using Plant = void (*)(const std::filesystem::path& victim, const std::filesystem::path& name);
+  const Plant symbolicLink = [](const auto& victim, const auto& name) {
+    std::filesystem::create_symlink(victim, name);
+  };
+  const Plant hardLink = [](const auto& victim, const auto& name) {
+    std::filesystem::create_hard_link(victim, name);
+  };
+  const Plant fifo = [](const auto&, const auto& name) { ::mkfifo(name.c_str(), 0666); };
+  const struct {
+    const char* suffix;
+    Plant plant;
+    std::string message;
+  } rows[] = {{"", symbolicLink, "Symbolic links are refused"},
+              {"", hardLink, "Files with a second hard link are refused"},
+              {"", fifo, "Not a regular file"},
+              {"-journal", symbolicLink, "Symbolic links are refused"},
+              {"-journal", fifo, "Not a regular file"},
+              {"-wal", hardLink, "Files with a second hard link are refused"},
+              {"-shm", fifo, "Not a regular file"},
+              {"-shm", hardLink, "Files with a second hard link are refused"}};
+  const std::string victim = folder / "victim", other = folder / "other.sqlite";
+  SQLiteSnapshotStore(other, Mode::readWriteCreate).insert(wholeSnapshot(start));
+  const std::string content = folder.read("other.sqlite");
+  for (const auto& row : rows) {
+    removeDatabase();
+    store(wholeSnapshots(start, 1));
+    folder.write("victim", content);
+    std::filesystem::remove(path + row.suffix);
+    row.plant(victim, path + row.suffix);
+    const std::string where = *row.suffix == '\0' ? "" : format(": {}{}", path, row.suffix);
+    for (const std::string& command :
+         {program + "history latest --database " + path, import(path, wholeSnapshots(start + 50, 1))}) {
+      EXPECT_EQ(runCommand("timeout 20 " + command),
+                (CommandResult{1, format("quenzel: {}: {}{}\n", path, row.message, where)}));
+    }
+    EXPECT_EQ(folder.read("victim"), content) << row.suffix;
+  }
+}
+
+TEST_F(StoreFaultTest, FoldersAreReachedOverTrustedLinksOnly) {
+  const std::string link = folder / "link";
+  std::filesystem::create_directory(disk);
+  std::filesystem::create_symlink("disk/.", link);
+  EXPECT_EQ(DatabaseFiles(link + "/../link/h.sqlite").path(), path);
+  SQLiteSnapshotStore(link + "/h.sqlite", Mode::readWriteCreate).insert(wholeSnapshot(start));
+  EXPECT_EQ(soundContent(path).size(), 1U);
+  const uid_t stranger = 54321;
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::lchown(link.c_str(), stranger - 1, stranger - 1), 0);
+  }
+  try {
+    const DatabaseFiles files(link + "/h.sqlite", stranger);
+    ADD_FAILURE() << files.path();
+  } catch (const SnapshotStoreError& error) {
+    EXPECT_EQ(error.what(), format("The symbolic link {} of another user is not followed", link));
+  }
+}
+
+/// A rollback journal of a transaction that was cut short, which names a super-journal.
+std::string hotJournal(const std::string& superJournal, unsigned pages) {
+  const auto number = [](unsigned value) {
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift & 0xFF);
+    return bytes;
+  };
+  const std::string magic = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
+  unsigned sum = 0;
+  for (const char byte : superJournal) sum += static_cast<unsigned char>(byte);
+  std::string journal = magic + number(0) + number(0) + number(pages) + number(512) + number(4096);
+  journal.resize(512);
+  return journal + number(0x40000000 / 4096 + 1) + superJournal +
+         number(static_cast<unsigned>(superJournal.size())) + number(sum) + magic;
+}
+
+TEST_F(StoreFaultTest, NoJournalHasAnotherFileDeleted) {
+  store(wholeSnapshots(start, 1));
+  const std::string victim = folder.write("victim", "precious");
+  folder.write("disk/h.sqlite-journal",
+               hotJournal(victim, static_cast<unsigned>(std::filesystem::file_size(path) / 4096)));
+  EXPECT_EQ(runCommand(import(path, wholeSnapshots(start + 50, 1))), (CommandResult{0, "inserted\n"}));
+  EXPECT_EQ(folder.read("victim"), "precious");
+  EXPECT_EQ(soundContent(path).size(), 2U);
+}
+
+TEST_F(StoreFaultTest, ForeignSchemasAreNotCarriedOut) {
+  const std::string endless = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) ";
+  const struct {
+    std::string change, reading, writing;
+  } rows[] = {{"CREATE TRIGGER t AFTER INSERT ON snapshots BEGIN INSERT INTO hidden_drains " + endless +
+                   "SELECT new.id, 'x', i, 0 FROM n; END;",
+               "", "inserted\n"},
+              {"DROP TABLE snapshots; CREATE VIEW snapshots AS " + endless +
+                   "SELECT i AS id, i AS timestamp, 1 AS total_watts FROM n;",
+               "snapshots is no table of this history: it is a view\n",
+               "snapshots is no table of this history: it is a view\n"},
+              {"ALTER TABLE process_samples ADD COLUMN c TEXT AS (hex(zeroblob(9999999)));",
+               "process_samples is no table of this history: its column c is computed\n",
+               "process_samples is no table of this history: its column c is computed\n"}};
+  for (const auto& row : rows) {
+    removeDatabase();
+    store(wholeSnapshots(start, 1));
+    ASSERT_EQ(
+        runCommand(format("sqlite3 {} '{}'", path, std::regex_replace(row.change, std::regex("'"), "'\\''")))
+            .output,
+        "");
+    for (const char* command : {"history latest", "show"}) {
+      const CommandResult read = runCommand(format("timeout 20 {} {} --database {}", program, command, path));
+      if (row.reading.empty()) {
+        EXPECT_EQ(read.status, 0) << read.output;
+      } else {
+        EXPECT_EQ(read, (CommandResult{1, format("quenzel: {}: {}", path, row.reading)}));
+      }
+    }
+    EXPECT_THAT(runCommand("timeout 20 " + import(path, wholeSnapshots(start + 50, 1))).output,
+                ::testing::EndsWith(row.writing));
+  }
+}
+
+TEST_F(StoreFaultTest, AnEndlessStatementEndsWhenItIsWantedTo) {
+  Database database(folder / "h.sqlite", Database::Access::readWriteCreate);
+  bool isEndWanted = false;
+  int looks = 0;
+  database.interruptWhen([&] {
+    isEndWanted |= ++looks > 3;
+    return isEndWanted;
+  });
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_STREQ(thrownBy<SnapshotStoreError>([&] {
+                 database.execute(
+                     "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) "
+                     "SELECT COUNT(*) FROM n;");
+               }).what(),
+               "interrupted");
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::seconds(2)) << "what is sound gets done";
+  EXPECT_THROW(text(database, "SELECT zeroblob(20000000);"), SnapshotStoreError) << "a value without end";
+}
+
+TEST_F(StoreFaultTest, WhatIsStoredReachesTheFileOfThatName) {
+  const std::string other = folder / "other.sqlite";
+  SQLiteSnapshotStore(other, Mode::readWriteCreate).insert(wholeSnapshot(start));
+  const auto drop = [&](const char* sql) { Database(path, Database::Access::readWriteCreate).execute(sql); };
+  const struct {
+    const char* what;
+    std::function<void()> happens;
+    std::size_t kept;  ///< of what was stored before
+    const char* log;
+  } rows[] = {
+      {"nothing", [] {}, 1, ""},
+      {"removed", [&] { removeDatabase(); }, 0, "was removed or replaced: opening it anew"},
+      {"replaced",
+       [&] {
+         removeDatabase();
+         std::filesystem::create_directory(disk);
+         std::filesystem::copy_file(other, path);
+       },
+       1, "was removed or replaced: opening it anew"},
+      {"log removed", [&] { std::filesystem::remove(path + "-wal"); }, 1, "was removed or replaced"},
+      {"all tables dropped",
+       [&] {
+         drop(
+             "PRAGMA foreign_keys = OFF; DROP TABLE snapshots; DROP TABLE process_samples; DROP TABLE "
+             "estimate_tracking; DROP TABLE schema_metadata;");
+       },
+       0, "lost its tables: making them anew"},
+      {"one table dropped", [&] { drop("DROP TABLE hidden_drains;"); }, 1, "lost its tables"},
+      {"of another version", [&] { drop("UPDATE schema_metadata SET value = '4';"); }, 0, "lost its tables"}};
+  for (const auto& row : rows) {
+    removeDatabase();
+    SQLiteSnapshotStore store(path, Mode::readWriteCreate);
+    store.insert(wholeSnapshot(start));
+    drop("PRAGMA wal_checkpoint(TRUNCATE);");
+    row.happens();
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(store.insert(wholeSnapshot(start + 60)), inserted) << row.what;
+    EXPECT_EQ(store.insert(EstimateTrackingEstimateInput{}), 1) << row.what;
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr(row.log)) << row.what;
+    const SQLiteSnapshotStore reader(path, Mode::readOnly);
+    EXPECT_EQ(reader.fetchLatest(9).size(), row.kept + 1) << row.what;
+    EXPECT_EQ(reader.fetchLatest(1).front().timestamp.secondsSince1970(), start + 60) << row.what;
+  }
+}
+
+TEST_F(StoreFaultTest, EveryCommandFindsTheUsersOwnHistory) {
+  const std::string environment =
+      format("QZL_SHARED_DIRECTORY={} XDG_DATA_HOME={} ", folder.write("file", "") + "/x", folder / "data");
+  const std::string line = folder.write("line", linesOf(wholeSnapshots(start, 1)));
+  EXPECT_EQ(runCommand(environment + program + "history import " + line), (CommandResult{0, "inserted\n"}));
+  EXPECT_EQ(runCommand(environment + program + "history export").output, folder.read("line"));
+  EXPECT_EQ(runCommand(environment + program + "show").status, 0);
+  const std::string own = folder / "data/Quenzel/battery_history.sqlite";
+  EXPECT_EQ(soundContent(own).size(), 1U);
+  EXPECT_THAT(runCommand(environment + program + "record --help").output, ::testing::HasSubstr(own));
 }
 
 TEST_F(StoreFaultTest, AnotherSchemaVersionCostsTheSnapshotsOnly) {
