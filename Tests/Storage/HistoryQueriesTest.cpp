@@ -144,13 +144,15 @@ TEST_F(HistoryQueriesTest, ThinsAWindowToEveryNthFromTheOldest) {
     std::optional<PointInTime> anchor;
     std::vector<double> watts;
   };
-  // clang-format off
   const Row rows[] = {
-      {100, 10, {}, {0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24}}, {100, 0, {}, {0}},
-      {4, 100, {}, {20, 21, 22, 23, 24}}, {0, 9, {}, {23, 24}},       {2, 2, at(10), {8, 9, 10}},
-      {2, 9, at(10.5), {9, 10}},          {5, 9, at(-1), {}},
+      {100, 10, {}, {0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24}},
+      {100, 0, {}, {0}},
+      {4, 100, {}, {20, 21, 22, 23, 24}},
+      {0, 9, {}, {23, 24}},
+      {2, 2, at(10), {8, 9, 10}},
+      {2, 9, at(10.5), {9, 10}},
+      {5, 9, at(-1), {}},
   };
-  // clang-format on
   for (const Row& row : rows) {
     std::vector<double> watts;
     for (const DrainSnapshot& snapshot :

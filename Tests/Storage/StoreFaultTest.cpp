@@ -223,13 +223,15 @@ TEST_F(StoreFaultTest, ReadOnlyDiskIsOneClearLine) {
   if (!canMount()) GTEST_SKIP() << "no file system can be mounted here";
   std::filesystem::create_directory(disk);
   const Snapshots one = wholeSnapshots(start, 1);
-  // clang-format off
-  const struct { std::string command, file, message; } rows[] = {
-      {"history latest", "/h.sqlite", unableToOpen}, {"history purge --older-than 1", "/h.sqlite", unableToOpen},
-      {"estimates list", "/h.sqlite", unableToOpen}, {"history import", "/h.sqlite", unableToOpen},
+  const struct {
+    std::string command, file, message;
+  } rows[] = {
+      {"history latest", "/h.sqlite", unableToOpen},
+      {"history purge --older-than 1", "/h.sqlite", unableToOpen},
+      {"estimates list", "/h.sqlite", unableToOpen},
+      {"history import", "/h.sqlite", unableToOpen},
       {"history import", "/n", format("Can't create the file {}/n: Read-only file system", disk)},
       {"history import", "/s/n", format("Can't create the folder {}/s: Read-only file system", disk)}};
-  // clang-format on
   std::string script =
       format("mount -t tmpfs none {0}; {1}; mount -o remount,ro {0}; ls {0}", disk, import(path, one));
   std::string expected = "inserted\nh.sqlite\n";
@@ -251,17 +253,23 @@ TEST_F(StoreFaultTest, DamagedFileIsReported) {
   const std::size_t middle = bytes.size() / 2 / page * page;
   const std::string malformed = "database disk image is malformed", foreign = "file is not a database";
   const std::string database = format(" --database {} ", path);
-  // clang-format off
   const Texts commands = {program + "history latest" + database, program + "history details" + database,
-                          program + "estimates list" + database, import(path, wholeSnapshots(start + 5000, 1)),
+                          program + "estimates list" + database,
+                          import(path, wholeSnapshots(start + 5000, 1)),
                           program + "history purge" + database + "--older-than 1700000015"};
-  const struct { const char* name; std::string content, log, message; int fewest, most; } rows[] = {
-      {"cut in the header", bytes.substr(0, 60), "", malformed, 5, 5}, {"cut behind it", bytes.substr(0, 100), "", malformed, 5, 5},
-      {"cut in a page", bytes.substr(0, middle + 77), "", malformed, 5, 5}, {"of another kind", "hello", "", foreign, 5, 5},
-      {"header overwritten", with(0, 100), "", foreign, 5, 5}, {"first page overwritten", with(100, page), "", malformed, 5, 5},
-      {"all other pages overwritten", with(page, bytes.size()), "", malformed, 5, 5},
-      {"one page overwritten", with(middle, middle + page), "", malformed, 1, 5}, {"log overwritten", bytes, garbage, "", 0, 0}};
-  // clang-format on
+  const struct {
+    const char* name;
+    std::string content, log, message;
+    int fewest, most;
+  } rows[] = {{"cut in the header", bytes.substr(0, 60), "", malformed, 5, 5},
+              {"cut behind it", bytes.substr(0, 100), "", malformed, 5, 5},
+              {"cut in a page", bytes.substr(0, middle + 77), "", malformed, 5, 5},
+              {"of another kind", "hello", "", foreign, 5, 5},
+              {"header overwritten", with(0, 100), "", foreign, 5, 5},
+              {"first page overwritten", with(100, page), "", malformed, 5, 5},
+              {"all other pages overwritten", with(page, bytes.size()), "", malformed, 5, 5},
+              {"one page overwritten", with(middle, middle + page), "", malformed, 1, 5},
+              {"log overwritten", bytes, garbage, "", 0, 0}};
   for (const auto& row : rows) {
     int failures = 0;
     for (const std::string& command : commands) {
@@ -283,11 +291,13 @@ TEST_F(StoreFaultTest, OnlyFilesAreDatabases) {
   const std::string line = folder.write("line", linesOf(wholeSnapshots(start, 1))),
                     odd = "Not a regular file";
   ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-  // clang-format off
-  const struct { std::string path, reading, writing; } rows[] = {
-      {folder.path(), unableToOpen, unableToOpen}, {folder / "fifo", odd, odd}, {"/dev/null", odd, odd}, {folder / "missing", unableToOpen, ""},
-      {line + "/h", unableToOpen, format("Can't create the folder {}: File exists", line)}};
-  // clang-format on
+  const struct {
+    std::string path, reading, writing;
+  } rows[] = {{folder.path(), unableToOpen, unableToOpen},
+              {folder / "fifo", odd, odd},
+              {"/dev/null", odd, odd},
+              {folder / "missing", unableToOpen, ""},
+              {line + "/h", unableToOpen, format("Can't create the folder {}: File exists", line)}};
   const auto failure = [](const auto& row, const std::string& why) {
     return CommandResult{1, format("quenzel: {}: {}\n", row.path, why)};
   };
@@ -511,11 +521,12 @@ TEST_F(StoreFaultTest, EveryCommandFindsTheUsersOwnHistory) {
 
 TEST_F(StoreFaultTest, AnotherSchemaVersionCostsTheSnapshotsOnly) {
   const char* const set = "UPDATE schema_metadata SET value = ";
-  // clang-format off
-  const struct { std::string change; std::size_t kept; } rows[] = {
-      {set + "'4'"s, 0}, {set + "'6'"s, 0}, {set + "'abc'"s, 0}, {set + "' 5'"s, 0}, {set + "''"s, 0}, {set + "'5.0'"s, 0},
-      {set + "'05'"s, 1}, {"DELETE FROM schema_metadata", 0}};
-  // clang-format on
+  const struct {
+    std::string change;
+    std::size_t kept;
+  } rows[] = {
+      {set + "'4'"s, 0}, {set + "'6'"s, 0},   {set + "'abc'"s, 0}, {set + "' 5'"s, 0},
+      {set + "''"s, 0},  {set + "'5.0'"s, 0}, {set + "'05'"s, 1},  {"DELETE FROM schema_metadata", 0}};
   constexpr const char* selectVersion = "SELECT value FROM schema_metadata;";
   for (const auto& row : rows) {
     removeDatabase();
@@ -588,10 +599,12 @@ TEST_F(StoreFaultTest, SettingModesKeepsSQLitesLocks) {
 
 TEST_F(StoreFaultTest, ClockMayJump) {
   SQLiteSnapshotStore store(path, Mode::readWriteCreate);
-  // clang-format off
-  const struct { double hours; SnapshotInsertOutcome outcome; } rows[] = {
-      {0, inserted}, {4, inserted}, {4, replacedNearDuplicate}, {1, inserted}, {4, replacedNearDuplicate}, {-1, inserted}};
-  // clang-format on
+  const struct {
+    double hours;
+    SnapshotInsertOutcome outcome;
+  } rows[] = {
+      {0, inserted}, {4, inserted}, {4, replacedNearDuplicate}, {1, inserted}, {4, replacedNearDuplicate},
+      {-1, inserted}};
   for (const auto& row : rows) EXPECT_EQ(store.insert(wholeSnapshot(start + row.hours * 3600)), row.outcome);
   Snapshots expected;
   for (const int hours : {-1, 0, 1, 4}) expected.push_back(wholeSnapshot(start + hours * 3600));
