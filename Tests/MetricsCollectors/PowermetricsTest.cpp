@@ -107,6 +107,10 @@ TEST(PowermetricsParser, CutsColumnsByUserPerceivedCharacters) {
                   .rows,
               ElementsAre(Row{12, "Caf\u0065\u0301 \U0001F1E9\U0001F1EA", 25.03, 1.5},
                           Row{13, "\U0001F469\u200D\U0001F4BB", 2, 0.5}, Row{14, "wide blank", 3, 0.25}));
+  const std::string accented = "*** Running tasks ***\n\u00E9\u00E9 Name ID CPU ms/s GPU ms/s\n";
+  EXPECT_THAT(Parser::parseRunningTasks(splitAtLineFeeds(accented + "    a    7  1        2\n")).rows,
+              ElementsAre(Row{7, "a", 1, 2}))
+      << "titles stand behind characters, too";
   const std::tuple<int, std::optional<int>, std::string_view> columns[] = {
       {1, 2, "b"}, {2, 2, ""}, {7, 9, ""}, {2, std::nullopt, "c"}, {-2, 1, "a"}, {-2, -1, ""}, {2, 1, ""}};
   for (const auto& [start, end, text] : columns) EXPECT_EQ(Parser::columnValue("abc", start, end), text);

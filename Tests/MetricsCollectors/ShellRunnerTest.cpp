@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "MetricsCollectors/DefaultShellRunner.hpp"
+#include "MetricsCollectors/ThreadSafeDataCollector.hpp"
 #include "MetricsCollectors/ToolCommand.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
@@ -123,6 +124,13 @@ TEST(ShellRunner, ReturnsTheWholeOutput) {
   // What is written after the child's own end belongs to it as well.
   EXPECT_EQ(runScript(DefaultShellRunner(), "(sleep 0.3; echo late; echo later >&2) & echo early"),
             (ShellResult{0, "early\nlate\n", "later\n"}));
+}
+
+TEST(ThreadSafeDataCollector, KeepsWhatIsAppended) {
+  ThreadSafeDataCollector collector;
+  for (const auto* chunk : {"a", "", "bc"}) collector.append(chunk);
+  const platform::MutexLock guard(collector.lock);
+  EXPECT_EQ(collector.data, "abc");
 }
 
 TEST(ShellRunner, EndsAChildThatWritesWithoutEnd) {

@@ -11,14 +11,18 @@
 
 namespace quenzel::testing {
 
-/// The lines that the call logs at any level, without their times: "[LEVEL] [component] message". The call
-/// must not throw.
+/// The lines that the call logs at any level, without their times: "[LEVEL] [component] message".
 template <typename Call>
 std::vector<std::string> linesLoggedBy(Call&& call) {
   const ScopedEnvironment loud{{{"QZL_LOG_DISABLED", std::nullopt}}};
   RuntimeLog::setMinimumLevel(RuntimeLogLevel::info);
   ::testing::internal::CaptureStderr();
-  call();
+  try {
+    call();
+  } catch (...) {
+    ::testing::internal::GetCapturedStderr();  // or the next capture ends the whole program
+    throw;
+  }
   std::istringstream written(::testing::internal::GetCapturedStderr());
   RuntimeLog::setMinimumLevel(RuntimeLogLevel::warn);
   std::vector<std::string> lines;
