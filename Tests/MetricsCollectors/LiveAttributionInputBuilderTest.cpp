@@ -194,12 +194,14 @@ TEST_F(InputBuilding, TimesEveryStageUnderOneCorrelation) {
   std::set<std::string> correlations;
   for (const ComponentSpan& span : spans_) {
     components.emplace_back(span.component);
-    correlations.insert(span.origin.correlationID);
+    correlations.insert(
+        fmt::format("{} {} {}", span.origin.correlationID, span.origin.sourceFile, span.origin.function));
   }
   ASSERT_THAT(components,
               ElementsAre("daemonInputPowermetrics", "daemonInputProcessMerge", "daemonInputBatteryStatus",
                           "daemonInputDisplayEstimate", "daemonInputUSBEstimate", "daemonInputBuild"));
-  EXPECT_THAT(correlations, ElementsAre("input-builder-1"));
+  EXPECT_THAT(correlations, ElementsAre("input-builder-1 MetricsCollectors/LiveAttributionInputBuilder "
+                                        "buildWithMetadata(processSamples:hiddenMappings:config:)"));
   using Context = ComponentProfiler::Context;
   EXPECT_EQ(spans_[1].context, (Context{{"mergedProcesses", "2"}, {"powermetricsOnly", "1"}}));
   EXPECT_EQ(spans_[5].context,
