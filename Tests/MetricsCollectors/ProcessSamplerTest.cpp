@@ -285,6 +285,11 @@ TEST(RunningProcessMetadataCache, PrunesOldEntriesAndKeepsTheNewest) {
   EXPECT_EQ(known.cache.size(), 63U);
   known.resolve(63);  // the 64th look-up prunes
   EXPECT_EQ(known.cache.size(), 1U);
+  known.clock.advance(100);
+  known.resolve(63);
+  known.clock.advance(120);
+  for (std::int32_t pid = 100; pid < 163; ++pid) known.resolve(pid);
+  EXPECT_EQ(known.cache.size(), 64U) << "what was looked up again counts from then";
   for (std::int32_t pid = 1000; pid < 6000; ++pid) {
     known.clock.advance(0.001);
     known.resolve(pid);
