@@ -138,6 +138,10 @@ TEST(StatsSystemTotalPowerReader, KeepsAnEnergyAccount) {
   EXPECT_EQ(reader.sample(clock.now()), (StatsSystemTotalSnapshot{72, 60, 0.5, true}));
   clock.advance(-5);  // a clock set back adds no energy
   EXPECT_EQ(reader.sample(clock.now()).totalConsumptionWh, 0.5);
+  StatsSystemTotalPowerReader small(source, clock.now());
+  source->total = 0.5;
+  clock.advance(0.5);
+  EXPECT_DOUBLE_EQ(small.sample(clock.now()).averageW, 0.5) << "little power for little time counts too";
 }
 
 TEST(StatsSystemTotalSnapshot, ShowsTheAverageWhereNothingIsDrawn) {
