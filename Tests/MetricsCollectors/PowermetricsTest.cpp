@@ -7,6 +7,7 @@
 #include "MetricsCollectors/PowermetricsCollector.hpp"
 #include "MetricsCollectors/PowermetricsParser.hpp"
 #include "SharedModels/Runtime/Text.hpp"
+#include "Tests/Support/Command.hpp"
 #include "Tests/Support/FakeShell.hpp"
 #include "Tests/Support/LoggedLines.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
@@ -152,6 +153,9 @@ TEST(PowermetricsCollector, RunsTheToolAtLowPriorityAndWithoutAPrompt) {
   std::vector<std::string> user = root;
   user.insert(user.begin(), {"-n", "/usr/bin/nice"});
   EXPECT_EQ(PowermetricsCollector::command(false), (ToolCommand{"/usr/bin/sudo", user}));
+  std::string allowed = "(root) NOPASSWD:";  // the line for sudoers matches what sudo is given, word for word
+  for (auto word = user.begin() + 1; word != user.end(); ++word) allowed += " " + *word;
+  EXPECT_EQ(testing::runCommand("grep -cF '" + allowed + "' " QUENZEL_README).output, "1\n");
 
   FakeShell shell;
   shell.output(expectedCommand().executable, "System Average Power: 4 W\n");
