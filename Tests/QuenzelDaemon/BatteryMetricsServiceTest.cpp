@@ -73,7 +73,6 @@ TEST_F(BatteryMetricsServiceTest, SetsLowPowerModeAndReadsItBack) {
     std::string log;  // the message follows
     Message message;
   };
-  // clang-format off
   const Row rows[] = {
       {true, {done, prints("Currently in use:\n lowpowermode         1\n")}, applied, {}},
       {false, {done, prints(" sleep 1\r lowpowermode         0\r disksleep 10")}, applied, {}},
@@ -86,13 +85,16 @@ TEST_F(BatteryMetricsServiceTest, SetsLowPowerModeAndReadsItBack) {
       {true, {ShellResult{64, "", "\nfoo\nbar"}}, failed, "foo"},
       {true, {ShellResult{64, "", " \nfoo"}}, failed, " "},  // blanks are not empty, and no line is trimmed
       {true, {ShellRunnerError::failedToLaunch("gone")}, broken, "Failed to launch command: gone"},
-      {true, {done, ShellRunnerError::timedOut("/usr/bin/pmset -g", 4)},
-       broken, "Command timed out after 4.0s: /usr/bin/pmset -g"},
+      {true,
+       {done, ShellRunnerError::timedOut("/usr/bin/pmset -g", 4)},
+       broken,
+       "Command timed out after 4.0s: /usr/bin/pmset -g"},
       {true, {done, ShellResult{3, "lowpowermode 1", "no"}}, broken, "Command exited with status 3: no"},
-      {true, {done, prints("xlowpowermode 1\nlowpowermode")},
-       broken, "Failed to launch command: Unable to determine lowpowermode state from pmset output."},
+      {true,
+       {done, prints("xlowpowermode 1\nlowpowermode")},
+       broken,
+       "Failed to launch command: Unable to determine lowpowermode state from pmset output."},
   };
-  // clang-format on
   for (const Row& row : rows) {
     FakeShell shell;
     for (const FakeShell::Reply& reply : row.replies) shell.reply("/usr/bin/pmset", reply);

@@ -42,20 +42,52 @@ TEST(AppConfiguration, ResolvesIdentifiers) {
 
 TEST(AppConfiguration, TakesTheFeedFromTheFirstPlaceThatSetsOne) {
   constexpr auto variable = "QZL_UPDATE_FEED_URL";
+  using AppConfiguration::Updates::feedURL;
   const std::string standard = AppConfiguration::Updates::defaultFeedURL();
-  const PropertyDictionary none, ours{{"SUFeedURL", "https://b.example"}}, odd{{"SUFeedURL", true}};
-  const std::tuple<std::map<std::string, std::string>, PropertyDictionary, std::string> rows[] = {
-      {{}, none, standard},
-      {{{variable, "https://a.example/feed.xml?x=%20"}}, none, "https://a.example/feed.xml?x=%20"},
-      {{{variable, "not a url"}}, ours, standard},
-      {{{variable, ""}}, ours, standard},
-      {{{variable, "https://a.example/%2"}}, none, standard},
-      {{{variable, "https://"}}, none, standard},
-      {{}, ours, "https://b.example"},
-      {{}, odd, standard},
-  };
-  for (const auto& [environment, info, feed] : rows) {
-    EXPECT_EQ(AppConfiguration::Updates::feedURL(environment, &info), feed);
+  const PropertyDictionary ours{{"SUFeedURL", "https://b.example"}};
+  const PropertyDictionary odd{{"SUFeedURL", true}}, wrong{{"SUFeedURL", "b.example"}};
+  EXPECT_EQ(feedURL({}, nullptr), standard);
+  EXPECT_EQ(feedURL({}, &ours), "https://b.example");
+  EXPECT_EQ(feedURL({}, &odd), standard);
+  EXPECT_EQ(feedURL({}, &wrong), standard);
+  for (const char* url :
+       {"https://a.example/feed.xml?x=%20", "H2+x-y.z://a", "file://host/%aF%Fa%09", "https://a:8080",
+        "https://user:word@a:1", "https://[::1]:80/x", "https://[fe80::1]", "https://a:", "https://a?b#c",
+        "https://AZaz09-._~:/?#[]@!$&'()*+,;="}) {
+    EXPECT_EQ(feedURL({{variable, url}}, &ours), url);
+  }
+  for (const char* text : {"",
+                           "not a url",
+                           "https",
+                           "https:/a",
+                           "https:a",
+                           "://a",
+                           "1https://a",
+                           "-x://a",
+                           "ht_tp://a",
+                           "https://",
+                           "https:///a",
+                           "https://?a",
+                           "https://#a",
+                           "https://:80",
+                           "https://user@",
+                           "https://u@:1",
+                           "https://a:8x",
+                           "https://a:80a/",
+                           "https://[::1",
+                           "https://[::1]:x",
+                           "https://a/%",
+                           "https://a/%2",
+                           "https://a/%2g",
+                           "https://a/%g2",
+                           "https://a/%20%",
+                           "https://a/b c",
+                           "https://a/\"",
+                           "https://a/\xC3\xA4",
+                           "https://a#b#c",
+                           " https://a",
+                           "https://a\n"}) {
+    EXPECT_EQ(feedURL({{variable, text}}, &ours), standard) << text;
   }
   using AppConfiguration::Updates::publicEDKey;
   const PropertyDictionary info{{"SUPublicEDKey", " a2V5 "}};
