@@ -21,6 +21,7 @@
 #include "Platform/StopSignals.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/HistoryDatabase.hpp"
+#include "QuenzelMonitor/LastingMessage.hpp"
 #include "QuenzelMonitor/SnapshotRecorder.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 #include "SharedModels/Runtime/Number.hpp"
@@ -59,10 +60,11 @@ std::string figures(const RecordedCycle& cycle) {
       cycle.modelled ? " (modelled)" : "");
 }
 
-std::string textLine(const RecordedCycle& cycle) {
+/// @param reason of a rejection
+std::string textLine(const RecordedCycle& cycle, std::string_view reason) {
   const PointInTime time = cycle.snapshot.timestamp;
   return fmt::format("{} {} {} {}", rawValue(cycle.outcome), shortestDecimal(time.secondsSince1970()),
-                     iso8601Text(time), cycle.reason.empty() ? figures(cycle) : printableLine(cycle.reason));
+                     iso8601Text(time), reason.empty() ? figures(cycle) : printableLine(reason));
 }
 
 std::string jsonLine(const RecordedCycle& cycle) {
@@ -110,6 +112,16 @@ void complain(const std::string& failure, Console& console) {
     reportError(CommandError(failure), console);
 }
 
+/// What this user may not read, with the remedy.
+std::string refusals(const SamplingCycleResult& sampled) {
+  std::string text;
+  for (const UnavailableSource& source : sampled.unavailable) {
+    if (source.isRefusal)
+      text += fmt::format("{}{}: {}", text.empty() ? "" : "; ", source.source, trimmed(source.reason));
+  }
+  return text;
+}
+
 /// Dropped snapshots had a better one of the same moment.
 bool nothingIsStored(const RecordingTally& tally) {
   return tally[RecordingOutcome::inserted] + tally[RecordingOutcome::replacedNearDuplicate] +
@@ -133,8 +145,15 @@ int record(SQLiteSnapshotStore& store, const RecordOptions& options, Console& co
         options, console);
   }
   store.interruptWhen([&stop] { return stop.waitFor(0); });
+  std::string refused;
+  LastingMessage rejection, refusal;
   SnapshotRecorder recorder(
-      {.sample = [&cycle] { return cycle.run(); },
+      {.sample =
+           [&cycle, &refused] {
+             SamplingCycleResult sampled = cycle.run();
+             refused = refusals(sampled);
+             return sampled;
+           },
        .insert = [&store](const DrainSnapshot& snapshot) { return store.insert(snapshot); },
        .purge = [&store](PointInTime olderThan) { return store.purgeSnapshots(olderThan); },
        .newestStored =
@@ -147,11 +166,18 @@ int record(SQLiteSnapshotStore& store, const RecordOptions& options, Console& co
        .waitForStop = [&stop](double seconds) { return stop.waitFor(seconds); },
        .report =
            [&](const RecordedCycle& recorded) {
+             const double seconds = platform::monotonicSeconds();
+             const bool isRejected = recorded.outcome == RecordingOutcome::rejected;
+             const bool isLasting = isRejected && !rejection.isDue(recorded.reason, seconds);
+             if (!isRejected) rejection.isDue("", seconds);
              if (options.json) {
                printLine(jsonLine(recorded), options, console);
              } else if (recorded.outcome != RecordingOutcome::failed) {
-               printLine(textLine(recorded), options, console);
+               printLine(textLine(recorded, isLasting ? "for the same reason as before" : recorded.reason),
+                         options, console);
              }
+             const bool isSaid = isRejected && !options.json && !options.quiet;  // in its reason
+             if (!isSaid && refusal.isDue(refused, seconds)) complain(refused, console);
            },
        .complain = [&](const std::string& failure) { complain(failure, console); }},
       recording);

@@ -10,6 +10,7 @@
 
 #include "MetricsCollectors/BatteryStatusRules.hpp"
 #include "MetricsCollectors/RunningProcessMetadataResolver.hpp"
+#include "Platform/EnergyCounterAccess.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
 
 namespace quenzel {
@@ -26,8 +27,9 @@ class NotingPowermetricsCollector final : public PowermetricsCollecting {
   PowermetricsParseOutput collectNormalizedSample() const override {
     try {
       return collector_.collectNormalizedSample();
-    } catch (const std::exception& error) {
-      unavailable_.push_back({"powermetrics", error.what()});
+    } catch (const PowermetricsCollectorError& error) {
+      const bool isRefusal = error.kind() == PowermetricsCollectorError::Kind::insufficientPrivileges;
+      unavailable_.push_back({"powermetrics", error.what(), isRefusal});
       throw;
     }
   }
@@ -103,7 +105,10 @@ void logModelled(const platform::ModelledHardware& modelled) {
 
 void noteSilentSources(const AttributionBuildMetadata& metadata, UnavailableSources& unavailable) {
   if (metadata.powermetricsCommandOK && !metadata.powermetricsHasPackagePower) {
-    unavailable.push_back({"package power", "powermetrics reports no CPU, GPU or ANE power on this machine"});
+    const auto refusal = platform::energyCounterRefusal();
+    unavailable.push_back({"package power",
+                           refusal.value_or("powermetrics reports no CPU, GPU or ANE power on this machine"),
+                           refusal.has_value()});
   }
   if (!metadata.screenModelAvailable) {
     unavailable.push_back({"display power", "the System Management Controller gives no reading above 0 W"});

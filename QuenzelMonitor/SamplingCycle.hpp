@@ -16,6 +16,7 @@ namespace quenzel {
 struct UnavailableSource {
   std::string source;
   std::string reason;
+  bool isRefusal = false;  ///< it is there, and this user may not read it; the reason names the remedy
 
   bool operator==(const UnavailableSource&) const = default;
 };

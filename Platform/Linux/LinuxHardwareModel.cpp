@@ -9,7 +9,7 @@ namespace quenzel::platform {
 ModelledHardware modelledHardware() {
   if (!modelsHardware()) return {};
   return {.battery = readPowerSupplies(sysfsRoot()).batteries.empty(),
-          .powerCounters = readRaplZones(sysfsRoot()).empty(),
+          .powerCounters = readRaplZones(sysfsRoot()).readable.empty(),
           .lowPowerMode = !lowPowerProfile(sysfsRoot())};
 }
 

@@ -260,8 +260,10 @@ std::string taskSection(const PowermetricsTaskReport& report, bool showAll) {
          tableLine(report.all.name, report.all, showAll) + '\n';
 }
 
-std::string powerSection(const std::optional<PowermetricsPower>& power) {
+std::string powerSection(const std::optional<PowermetricsPower>& power,
+                         const std::optional<std::string>& refusal) {
   std::string text = "**** Processor usage ****\n\n";
+  if (!power && refusal) return text + "Energy counters: " + *refusal + "\n\n";
   if (!power) return text + "No energy counters are readable on this machine.\n\n";
   if (power->modelled) text += "Modelled hardware: these figures are modelled from the measured load.\n";
   const auto line = [&](const char* label, const std::optional<double>& milliwatts) {

@@ -84,6 +84,8 @@ PowermetricsPower modelledPower(const PowermetricsScan& before, const Powermetri
 std::string taskSection(const PowermetricsTaskReport& report, bool showAll);
 
 /// The section of power, which ends the task section; what nothing measured has no line.
-std::string powerSection(const std::optional<PowermetricsPower>& power);
+/// @param refusal why the counters may not be read, where that is why there is no power
+std::string powerSection(const std::optional<PowermetricsPower>& power,
+                         const std::optional<std::string>& refusal = std::nullopt);
 
 }  // namespace quenzel::platform

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,13 @@ struct RaplZone {
   bool operator==(const RaplZone&) const = default;
 };
 
-/// The zones whose counters this process may read, usually all (as root) or none, in the order of their
-/// folders.
-std::vector<RaplZone> readRaplZones(const std::string& sysfsRoot);
+struct RaplZones {
+  std::vector<RaplZone> readable;      ///< in the order of their folders
+  std::optional<std::string> refused;  ///< the file of a counter that this process may not read
+};
+
+/// The zones of the machine. Since their counters give away what a processor computes, kernels let only root
+/// read them: usually all are readable, or none.
+RaplZones readRaplZones(const std::string& sysfsRoot);
 
 }  // namespace quenzel::platform

@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "Platform/BatteryRegistry.hpp"
+#include "Platform/EnergyCounterAccess.hpp"
 #include "Platform/EnergyModelChannels.hpp"
 #include "Platform/FileDescriptor.hpp"
 #include "Platform/HardwareModel.hpp"
@@ -60,6 +62,32 @@ TEST(LinuxEnergyChannels, NeverGoBackWhenCountersWrapOrDisagree) {
   write(671'150, 406'000, 270, 2'000'900);
   std::filesystem::remove(tree.sys() + "/class/powercap/intel-rapl:0:2/energy_uj");
   EXPECT_EQ(energy->sample(), expected(600'000, 401'000, 200, 2'000'000));
+}
+
+/// As an ordinary user sees it: root reads everything.
+TEST(LinuxEnergyChannels, TellRefusedCountersFromNone) {
+  SystemTree tree;
+  std::filesystem::permissions(tree.folder().path(), std::filesystem::perms(0755));
+  EXPECT_EQ(platform::energyCounterRefusal(), std::nullopt);
+  tree.energyZone("intel-rapl:0", "package-0", 1, 1000);
+  tree.folder().write("sys/class/powercap/intel-rapl:1/name", "psys\n");  // a zone without a counter
+  const std::string counter = tree.sys() + "/class/powercap/intel-rapl:0/energy_uj";
+  const auto refusalAs = [&](std::filesystem::perms mode) {
+    std::filesystem::permissions(counter, mode);
+    const uid_t user = ::geteuid();
+    EXPECT_EQ(::seteuid(user == 0 ? 65534 : user), 0);
+    const auto refusal = platform::energyCounterRefusal();
+    EXPECT_EQ(platform::makeEnergyModelChannels()->sample().has_value(), !refusal);
+    EXPECT_EQ(::seteuid(user), 0);
+    return refusal;
+  };
+  EXPECT_EQ(refusalAs(std::filesystem::perms(0444)), std::nullopt);
+  EXPECT_EQ(refusalAs(std::filesystem::perms(0)),
+            "not permitted: this machine has energy counters, but only root may read them (" + counter +
+                "); to allow your group to until the next start: f='" + tree.sys() +
+                "/class/powercap/intel-rapl:*/energy_uj'; sudo chgrp \"$(id -gn)\" $f && sudo chmod g+r $f");
+  tree.set("QZL_MODEL_HARDWARE", "1");
+  EXPECT_EQ(platform::energyCounterRefusal(), std::nullopt) << "a model stands in";
 }
 
 constexpr double fullWh = 4560 * 11.4 / 1000;  // 51.984

@@ -3,11 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
+#include "QuenzelMonitor/LastingMessage.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 #include "Storage/SQLiteSnapshotStore.hpp"
 #include "Tests/Support/Command.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
+#include "Tests/Support/SystemTree.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
 
 namespace quenzel {
@@ -63,6 +66,41 @@ TEST_F(RecordCommand, TellsWhatFailsInOneLine) {
   }
 }
 // clang-format on
+
+/// As an ordinary user runs it, whom the machine's counters are kept from.
+TEST_F(RecordCommand, SaysOnceWhatItMayNotRead) {
+  const testing::SystemTree tree;
+  tree.energyZone("intel-rapl:0", "package-0", 1, 1000);
+  tree.processors("60 0 40 900 0 0 0 0 0 0", "100.50");
+  tree.process(7, {{"stat", testing::taskStatText(7, "task", 1, 1)}});
+  std::filesystem::permissions(tree.sys() + "/class/powercap/intel-rapl:0/energy_uj",
+                               std::filesystem::perms(0));
+  for (const auto& folder : {folder_.path(), tree.folder().path()})
+    std::filesystem::permissions(folder, std::filesystem::perms::all);
+  const std::string asUser = ::geteuid() == 0 ? "setpriv --reuid=65534 --clear-groups " : "";
+  const std::string refusal =
+      "package power: not permitted: this machine has energy counters, [^\n]*chmod g\\+r[^\n]*\n";
+  const std::string record = enter_ + asUser + record_ + "--interval 2 --count 2 ";
+  EXPECT_THAT(testing::runCommand(enter_ + asUser + QUENZEL_BINARY_DIRECTORY "/quenzel sample").output,
+              ::testing::ContainsRegex("\n  " + refusal));
+  EXPECT_THAT(testing::runCommand(record).output,
+              ::testing::MatchesRegex("recording [^\n]*\nrejected [^\n]*; " + refusal +
+                                      "rejected [^\n]* for the same reason as before\nended: [^\n]*\n"));
+  tree.powerSupply("BAT0",
+                   testing::attributes("type=Battery,status=Discharging,capacity=50,charge_full=4000000,"
+                                       "voltage_now=12000000,current_now=1000000"));
+  EXPECT_THAT(testing::runCommand(record).output,
+              ::testing::MatchesRegex("recording [^\n]*\ninserted [^\n]*\nquenzel: " + refusal +
+                                      "inserted [^\n]*\nended: [^\n]*\n"));
+}
+
+TEST(LastingMessage, IsSaidWhenItIsNewAndEveryTenthMinute) {
+  LastingMessage message;
+  const std::tuple<const char*, double, bool> rows[] = {
+      {"", 0, false},    {"a", 20, true},  {"a", 40, false}, {"a", 619, false}, {"a", 620, true},
+      {"a", 630, false}, {"b", 640, true}, {"a", 660, true}, {"", 680, false},  {"a", 700, true}};
+  for (const auto& [text, seconds, isDue] : rows) EXPECT_EQ(message.isDue(text, seconds), isDue) << seconds;
+}
 
 }  // namespace
 }  // namespace quenzel

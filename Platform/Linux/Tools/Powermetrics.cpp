@@ -12,6 +12,7 @@
 #include <getopt.h>
 #include <sys/utsname.h>
 
+#include "Platform/EnergyCounterAccess.hpp"
 #include "Platform/FileDescriptor.hpp"
 #include "Platform/HardwareModel.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
@@ -176,8 +177,9 @@ class Sampler {
                       options_.showAll);
     }
     if (options_.power) {
-      text += powerSection(modelled_ ? std::optional(modelledPower(before, after))
-                                     : measuredPower(before, after));
+      text +=
+          powerSection(modelled_ ? std::optional(modelledPower(before, after)) : measuredPower(before, after),
+                       energyCounterRefusal());
     }
     return text;
   }
