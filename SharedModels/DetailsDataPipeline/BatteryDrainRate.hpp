@@ -22,4 +22,9 @@ struct BatteryLevelReading {
 /// @param readings oldest first
 std::optional<double> batteryDrainRatePerHour(std::span<const BatteryLevelReading> readings);
 
+/// The same rate where it is worth showing: absent unless its readings lie at least 10 minutes or 3 percent
+/// points apart. Levels come in whole percents on many machines, and one step of 1 % within 45 seconds would
+/// read as 80 % an hour.
+std::optional<double> reliableBatteryDrainRatePerHour(std::span<const BatteryLevelReading> readings);
+
 }  // namespace quenzel

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <span>
 #include <vector>
@@ -21,14 +22,23 @@ struct BatteryLevelPoint {
 
 namespace GraphBuildEngine {
 
-/// The levels of snapshots at even distances, and of the last; those without a battery reading give none.
-/// @param graphMaxPoints how many are wanted; nearly twice as many may come back. Below 1 it counts as 1.
+/// The battery levels of every n-th snapshot and of the last one; a snapshot without a battery reading gives
+/// no point.
+/// @param graphMaxPoints how many are wanted, read as pointBudget reads it; nearly twice as many may come
+/// back
 std::vector<BatteryLevelPoint> buildBatteryLevelTrend(std::span<const PreparedSnapshot> snapshots,
+                                                      std::int64_t graphMaxPoints);
+std::vector<BatteryLevelPoint> buildBatteryLevelTrend(std::span<const DrainSnapshot> snapshots,
+                                                      std::int64_t graphMaxPoints);
+std::vector<BatteryLevelPoint> buildBatteryLevelTrend(std::initializer_list<DrainSnapshot> snapshots,
                                                       std::int64_t graphMaxPoints);
 
 /// Percent an hour over the last 15 minutes that have a level, positive while the battery drains: see
 /// batteryDrainRatePerHour.
 std::optional<double> calculateDrainRate(std::span<const PreparedSnapshot> snapshots);
+
+/// The same rate, absent where it is too rough to be shown: see reliableBatteryDrainRatePerHour.
+std::optional<double> reliableDrainRate(std::span<const PreparedSnapshot> snapshots);
 
 }  // namespace GraphBuildEngine
 

@@ -11,11 +11,17 @@ GraphPeriodTrends buildPeriodTrends(std::span<const PreparedSnapshot> snapshots,
   return {.powerTrend = downsample(smoothed, spec.graphMaxPoints),
           .energyTrend = downsampleEnergyTrend(buildEnergyTrend(smoothed), spec.graphMaxPoints),
           .batteryLevelTrend = buildBatteryLevelTrend(snapshots, spec.graphMaxPoints),
-          .batteryDrainRatePerHour = calculateDrainRate(snapshots)};
+          .batteryDrainRatePerHour = calculateDrainRate(snapshots),
+          .reliableBatteryDrainRatePerHour = reliableDrainRate(snapshots)};
 }
 
 PointInTime chartAnchorTimestamp(std::span<const PreparedSnapshot> snapshots,
                                  const PreparedSnapshot& fallbackSnapshot) {
+  return snapshots.empty() ? fallbackSnapshot.timestamp : snapshots.back().timestamp;
+}
+
+PointInTime chartAnchorTimestamp(std::span<const DrainSnapshot> snapshots,
+                                 const DrainSnapshot& fallbackSnapshot) {
   return snapshots.empty() ? fallbackSnapshot.timestamp : snapshots.back().timestamp;
 }
 

@@ -27,7 +27,9 @@ struct GraphPeriodTrends {
   std::vector<PowerTrendPoint> powerTrend = {};
   std::vector<EnergyTrendPoint> energyTrend = {};
   std::vector<BatteryLevelPoint> batteryLevelTrend = {};
-  std::optional<double> batteryDrainRatePerHour = {};  ///< percent, positive while the battery drains
+  /// Percent, positive while the battery drains; as calculateDrainRate and as reliableDrainRate give it.
+  std::optional<double> batteryDrainRatePerHour = {};
+  std::optional<double> reliableBatteryDrainRatePerHour = {};
 
   bool operator==(const GraphPeriodTrends&) const = default;
 };
@@ -37,9 +39,11 @@ namespace GraphBuildEngine {
 /// @param snapshots those of the period, oldest first, without near-duplicates
 GraphPeriodTrends buildPeriodTrends(std::span<const PreparedSnapshot> snapshots, const GraphPeriodSpec& spec);
 
-/// The time that the time axis ends at: that of the last snapshot, or of the fallback when there is none.
+/// The end of the time axis: the time of the last snapshot, or of the fallback when there is none.
 PointInTime chartAnchorTimestamp(std::span<const PreparedSnapshot> snapshots,
                                  const PreparedSnapshot& fallbackSnapshot);
+PointInTime chartAnchorTimestamp(std::span<const DrainSnapshot> snapshots,
+                                 const DrainSnapshot& fallbackSnapshot);
 
 /// Chooses between near-duplicates here as everywhere.
 using quenzel::snapshotQuality;

@@ -15,4 +15,11 @@ PreparedSnapshot preparedSnapshot(const DrainSnapshot& snapshot) {
   return prepared;
 }
 
+std::vector<PreparedSnapshot> preparedSnapshots(std::span<const DrainSnapshot> snapshots) {
+  std::vector<PreparedSnapshot> prepared;
+  prepared.reserve(snapshots.size());
+  for (const DrainSnapshot& snapshot : snapshots) prepared.push_back(preparedSnapshot(snapshot));
+  return prepared;
+}
+
 }  // namespace quenzel::GraphBuildEngine

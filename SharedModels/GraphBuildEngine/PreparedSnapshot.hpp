@@ -1,6 +1,8 @@
 #pragma once
 
 #include <optional>
+#include <span>
+#include <vector>
 
 #include "SharedModels/Snapshot/DrainSnapshot.hpp"
 
@@ -26,6 +28,7 @@ struct PreparedSnapshot {
 namespace GraphBuildEngine {
 
 PreparedSnapshot preparedSnapshot(const DrainSnapshot& snapshot);
+std::vector<PreparedSnapshot> preparedSnapshots(std::span<const DrainSnapshot> snapshots);
 
 }  // namespace GraphBuildEngine
 

@@ -1,14 +1,10 @@
 #include "SharedModels/GraphBuildEngine/TrendDownsampling.hpp"
 
 #include <algorithm>
-#include <cstddef>
+#include <limits>
 
 namespace quenzel::GraphBuildEngine {
 namespace {
-
-std::size_t budgetOf(std::int64_t maxPoints) {
-  return static_cast<std::size_t>(std::max<std::int64_t>(maxPoints, 1));
-}
 
 /// How many points share one place; at least 1.
 std::size_t pointsAPlace(std::size_t count, std::size_t budget) {
@@ -37,8 +33,13 @@ std::vector<Point> everyNth(std::span<const Point> points, std::size_t stride, c
 
 }  // namespace
 
+std::size_t pointBudget(std::int64_t maxPoints) {
+  if (maxPoints < 0) return std::numeric_limits<std::size_t>::max();
+  return static_cast<std::size_t>(std::max<std::int64_t>(maxPoints, 1));
+}
+
 std::vector<PowerTrendPoint> downsample(std::span<const PowerTrendPoint> points, std::int64_t maxPoints) {
-  const std::size_t budget = budgetOf(maxPoints);
+  const std::size_t budget = pointBudget(maxPoints);
   if (points.size() <= budget) return {points.begin(), points.end()};
   const std::size_t bucketSize = pointsAPlace(points.size(), budget);
   std::vector<PowerTrendPoint> averaged;
@@ -52,7 +53,7 @@ std::vector<PowerTrendPoint> downsample(std::span<const PowerTrendPoint> points,
 
 std::vector<EnergyTrendPoint> downsampleEnergyTrend(std::span<const EnergyTrendPoint> points,
                                                     std::int64_t maxPoints) {
-  const std::size_t budget = budgetOf(maxPoints);
+  const std::size_t budget = pointBudget(maxPoints);
   if (points.size() <= budget) return {points.begin(), points.end()};
   return everyNth(points, pointsAPlace(points.size(), budget), points.back());
 }
