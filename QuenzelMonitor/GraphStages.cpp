@@ -124,7 +124,7 @@ OrderedJson inspectSummary(std::string_view input) {
   const std::map<std::string, double> sorted(summary.groupedWhByName.begin(), summary.groupedWhByName.end());
   return {
       {"windowed",
-       encodeJSONList(windowed, [](const auto& snapshot) { return encodeJSONValue(snapshot->timestamp); })},
+       encodeJSONList(windowed, [](const auto& snapshot) { return encodeJSONValue(snapshot.timestamp); })},
       {"totalWh", summary.totalWh},
       {"groupedWhByName", OrderedJson(sorted)},
       {"processGroups", encodeJSONList(summary.processGroups, encodeGroup)},
@@ -150,10 +150,7 @@ OrderedJson inspectPowerTrend(std::string_view input) {
 
 OrderedJson inspectBatteryTrend(std::string_view input) {
   const auto captured = decodeJSONRecord<BatteryTrendInput>(parseJSON(input), {}, batteryTrendInputFields);
-  std::vector<PreparedSnapshot> prepared;
-  prepared.reserve(captured.snapshots.size());
-  for (const DrainSnapshot& snapshot : captured.snapshots)
-    prepared.push_back(Engine::preparedSnapshot(snapshot));
+  const std::vector<PreparedSnapshot> prepared = Engine::preparedSnapshots(captured.snapshots);
   const auto trend = Engine::buildBatteryLevelTrend(prepared, captured.graphMaxPoints);
   OrderedJson json = {{"batteryLevelTrend", encodeJSONList(trend, [](const BatteryLevelPoint& point) {
                          return encodeJSONRecord(point, batteryPointFields);

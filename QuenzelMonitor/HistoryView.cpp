@@ -1,12 +1,16 @@
 #include "QuenzelMonitor/HistoryView.hpp"
 
 #include <algorithm>
+#include <map>
+#include <tuple>
+#include <unordered_set>
 
 #include <nlohmann/json.hpp>
 
 #include "QuenzelMonitor/HistoryDatabase.hpp"
 #include "SharedModels/Presentation/ProcessAttributionPresentationService.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
+#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -16,12 +20,10 @@ using OrderedJson = nlohmann::ordered_json;
 /// Clocks are adjusted by less than this all the time.
 constexpr double clockSlackSeconds = 60;
 
-std::vector<ApplicationUsage> applicationsOf(const DetailsPipelineOutput& details) {
-  TextMap<double> whByName;
-  for (const GroupedProcessData& group : details.processes) whByName[group.canonicalName] += group.energyWh;
-  const auto grouping =
-      ProcessAttributionPresentationService::groupVisibleProcesses(details.latestSnapshot, {}, whByName);
-  const double hours = details.summary.sampleHours;
+/// The applications with a row in the newest snapshot.
+std::vector<ApplicationUsage> runningApplications(const DrainSnapshot& newest,
+                                                  const TextMap<double>& whByName) {
+  const auto grouping = ProcessAttributionPresentationService::groupVisibleProcesses(newest, {}, whByName);
   std::vector<ApplicationUsage> applications;
   for (const ProcessDrain& process : grouping.processes) {
     const std::string id = process.id();
@@ -29,7 +31,6 @@ std::vector<ApplicationUsage> applicationsOf(const DetailsPipelineOutput& detail
     const auto members = grouping.subprocessesByID.find(id);
     ApplicationUsage usage{.name = process.canonicalName.value_or(process.name), .latestW = process.drainW};
     if (energy != grouping.processWhByID.end()) usage.energyWh = energy->second;
-    usage.averageW = hours > 0 ? usage.energyWh / hours : 0;
     if (members != grouping.subprocessesByID.end()) {
       usage.memberCount = static_cast<std::int64_t>(members->second.size());
     } else {
@@ -37,6 +38,38 @@ std::vector<ApplicationUsage> applicationsOf(const DetailsPipelineOutput& detail
     }
     applications.push_back(std::move(usage));
   }
+  return applications;
+}
+
+/// Adds the applications without a row in the newest snapshot: they drew energy within the window, and have
+/// ended or draw next to nothing now. Names that differ only in case are one application.
+void addEndedApplications(const TextMap<double>& whByName, std::vector<ApplicationUsage>& applications) {
+  std::unordered_set<std::string> running;
+  for (const ApplicationUsage& usage : applications) running.insert(lowercased(usage.name));
+  std::map<std::string, ApplicationUsage> ended;
+  for (const auto& [name, energyWh] : whByName) {
+    const std::string key = lowercased(name);
+    if (!(energyWh > 0) || running.contains(key)) continue;
+    ApplicationUsage& usage = ended[key];
+    if (usage.name.empty() || name < usage.name) usage.name = name;
+    usage.energyWh += energyWh;
+  }
+  for (auto& [key, usage] : ended) applications.push_back(std::move(usage));
+}
+
+/// All applications of the window, so that their energies add up to that of its processes.
+std::vector<ApplicationUsage> applicationsOf(const DetailsPipelineOutput& details) {
+  TextMap<double> whByName;
+  for (const GroupedProcessData& group : details.processes) whByName[group.canonicalName] += group.energyWh;
+  std::vector<ApplicationUsage> applications = runningApplications(details.latestSnapshot, whByName);
+  addEndedApplications(whByName, applications);
+  const double hours = details.summary.sampleHours;
+  for (ApplicationUsage& usage : applications) usage.averageW = hours > 0 ? usage.energyWh / hours : 0;
+  std::stable_sort(applications.begin(), applications.end(),
+                   [](const ApplicationUsage& left, const ApplicationUsage& right) {
+                     return std::tie(right.energyWh, right.latestW, left.name) <
+                            std::tie(left.energyWh, left.latestW, right.name);
+                   });
   return applications;
 }
 

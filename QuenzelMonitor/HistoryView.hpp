@@ -13,14 +13,14 @@
 
 namespace quenzel {
 
-/// An application, or a program that stands for itself, over a window.
+/// An application, or a program that stands for itself, over a window; it may have ended since.
 struct ApplicationUsage {
   std::string name = {};
   double energyWh = 0;
   double averageW = 0;  ///< over the sampled hours; 0 where there are none
   double latestW = 0;   ///< in the newest snapshot
-  std::int64_t memberCount =
-      0;  ///< its processes in the newest snapshot; those that drew next to nothing have no row in it
+  /// Its processes in the newest snapshot; those that drew next to nothing have no row in it.
+  std::int64_t memberCount = 0;
 };
 
 /// What `quenzel show` shows of a window.

@@ -19,14 +19,23 @@ namespace {
 
 namespace Presentation = ProcessAttributionPresentationService;
 
+/// Snapshots of the caller, who outlives the list.
+using SnapshotList = std::vector<const DrainSnapshot*>;
+
 /// Snapshots no further apart show the same moment.
 constexpr double sameMomentSeconds = 0.5;
 
-/// Asked twice for every row of a history, and settled by the first letter of nearly every name.
+/// Called twice for every row of a history; the first letter of nearly every name settles it.
 bool isStored(const std::optional<std::string>& name) {
   if (!name || name->empty()) return false;
   const char first = name->front();
   return (first > ' ' && first <= '~') || !isBlank(*name);
+}
+
+bool hasStoredNames(const DrainSnapshot& snapshot) {
+  return std::all_of(snapshot.processes.begin(), snapshot.processes.end(), [](const ProcessDrain& process) {
+    return isStored(process.displayName) && isStored(process.canonicalName);
+  });
 }
 
 void keepBetterOfNearDuplicates(SnapshotList& snapshots) {
@@ -42,7 +51,7 @@ void keepBetterOfNearDuplicates(SnapshotList& snapshots) {
   snapshots = std::move(kept);
 }
 
-/// The newest stays even where the cutoff lies after it, or is no time at all.
+/// The newest snapshot stays even where the cutoff lies after it or is not a number.
 void keepFromCutoff(SnapshotList& snapshots, double windowSeconds) {
   const PointInTime cutoff = snapshots.back()->timestamp - windowSeconds;
   const auto first = std::find_if(snapshots.begin(), snapshots.end() - 1, [&](const DrainSnapshot* snapshot) {
@@ -51,9 +60,28 @@ void keepFromCutoff(SnapshotList& snapshots, double windowSeconds) {
   snapshots.erase(snapshots.begin(), first);
 }
 
+SnapshotList windowOf(std::span<const DrainSnapshot> sourceRaw, const DrainSnapshot& fallbackSnapshot,
+                      double windowSeconds) {
+  if (sourceRaw.empty()) return {&fallbackSnapshot};
+  SnapshotList snapshots;
+  snapshots.reserve(sourceRaw.size());
+  for (const DrainSnapshot& snapshot : sourceRaw) snapshots.push_back(&snapshot);
+  if (!isAscending(sourceRaw)) {
+    std::stable_sort(snapshots.begin(), snapshots.end(),
+                     [](const DrainSnapshot* left, const DrainSnapshot* right) {
+                       return left->timestamp < right->timestamp;
+                     });
+  }
+  keepBetterOfNearDuplicates(snapshots);
+  keepFromCutoff(snapshots, windowSeconds);
+  return snapshots;
+}
+
 ProcessPresentationContext contextOf(const SnapshotList& snapshots, const CancellationToken& cancellation) {
-  if (hasStoredPresentationData(snapshots)) return {};
-  return Presentation::makeLatestOnlyPresentationContext(snapshots, cancellation);
+  const bool isNamed = std::all_of(snapshots.begin(), snapshots.end(),
+                                   [](const DrainSnapshot* snapshot) { return hasStoredNames(*snapshot); });
+  if (isNamed) return {};
+  return Presentation::makeLatestOnlyContextInPlace(snapshots, cancellation);
 }
 
 void integrate(const SnapshotList& windowed, const ProcessPresentationContext& context,
@@ -94,7 +122,7 @@ ProcessGroup groupOf(const ProcessDrain& representative, VisibleProcessGroupingR
 WindowedProcessSummary summarize(std::span<const DrainSnapshot> sourceRaw,
                                  const DrainSnapshot& fallbackSnapshot, double windowSeconds,
                                  const CancellationToken& cancellation) {
-  const SnapshotList windowed = windowedSnapshots(sourceRaw, fallbackSnapshot, windowSeconds);
+  const SnapshotList windowed = windowOf(sourceRaw, fallbackSnapshot, windowSeconds);
   const ProcessPresentationContext context = contextOf(windowed, cancellation);
   WindowedProcessSummary summary;
   summary.rangeSnapshot = *windowed.back();
@@ -107,37 +135,24 @@ WindowedProcessSummary summarize(std::span<const DrainSnapshot> sourceRaw,
   return summary;
 }
 
-SnapshotList windowedSnapshots(std::span<const DrainSnapshot> sourceRaw,
-                               const DrainSnapshot& fallbackSnapshot, double windowSeconds) {
-  if (sourceRaw.empty()) return {&fallbackSnapshot};
-  SnapshotList snapshots;
-  snapshots.reserve(sourceRaw.size());
-  for (const DrainSnapshot& snapshot : sourceRaw) snapshots.push_back(&snapshot);
-  if (!isAscending(snapshots)) {
-    std::stable_sort(snapshots.begin(), snapshots.end(),
-                     [](const DrainSnapshot* left, const DrainSnapshot* right) {
-                       return left->timestamp < right->timestamp;
-                     });
-  }
-  keepBetterOfNearDuplicates(snapshots);
-  keepFromCutoff(snapshots, windowSeconds);
+std::vector<DrainSnapshot> windowedSnapshots(std::span<const DrainSnapshot> sourceRaw,
+                                             const DrainSnapshot& fallbackSnapshot, double windowSeconds) {
+  const SnapshotList window = windowOf(sourceRaw, fallbackSnapshot, windowSeconds);
+  std::vector<DrainSnapshot> snapshots;
+  snapshots.reserve(window.size());
+  for (const DrainSnapshot* snapshot : window) snapshots.push_back(*snapshot);
   return snapshots;
 }
 
-bool isAscending(const SnapshotList& snapshots) {
-  const auto runsBack = [](const DrainSnapshot* earlier, const DrainSnapshot* later) {
-    return later->timestamp < earlier->timestamp;
+bool isAscending(std::span<const DrainSnapshot> snapshots) {
+  const auto runsBack = [](const DrainSnapshot& earlier, const DrainSnapshot& later) {
+    return later.timestamp < earlier.timestamp;
   };
   return std::adjacent_find(snapshots.begin(), snapshots.end(), runsBack) == snapshots.end();
 }
 
-bool hasStoredPresentationData(const SnapshotList& snapshots) {
-  const auto isNamed = [](const ProcessDrain& process) {
-    return isStored(process.displayName) && isStored(process.canonicalName);
-  };
-  return std::all_of(snapshots.begin(), snapshots.end(), [&](const DrainSnapshot* snapshot) {
-    return std::all_of(snapshot->processes.begin(), snapshot->processes.end(), isNamed);
-  });
+bool hasStoredPresentationData(std::span<const DrainSnapshot> snapshots) {
+  return std::all_of(snapshots.begin(), snapshots.end(), hasStoredNames);
 }
 
 void accumulateAverageEnergy(const TextMap<double>& previous, const TextMap<double>& current,

@@ -36,14 +36,12 @@ struct WindowedProcessSummary {
 /// is for a task of its own.
 namespace WindowedProcessSummaryBuilder {
 
-/// Snapshots that belong to somebody else, who outlives the list.
-using SnapshotList = std::vector<const DrainSnapshot*>;
-
-/// The energy of a window and its groups. The rows are not copied, and each is named once.
+/// The energy of a window and its groups. Rows are not copied, and each is named once. A process that has
+/// ended within the window is in groupedWhByName, but in no group: groups are those of the range snapshot.
 /// @param sourceRaw the history in any order
 /// @param fallbackSnapshot stands for an empty history
 /// @param windowSeconds how far the window reaches back from the newest snapshot
-/// @param cancellation looked at once an interval; once it is cancelled the rest is left out
+/// @param cancellation checked once an interval; once it is cancelled the rest is left out
 WindowedProcessSummary summarize(std::span<const DrainSnapshot> sourceRaw,
                                  const DrainSnapshot& fallbackSnapshot, double windowSeconds,
                                  const CancellationToken& cancellation = {});
@@ -51,18 +49,18 @@ WindowedProcessSummary summarize(std::span<const DrainSnapshot> sourceRaw,
 /// The snapshots of the window, oldest first: of those at most half a second apart only the better one, of
 /// equally good ones the later. Never empty: the newest snapshot is in every window, and the fallback
 /// snapshot is the window of an empty history.
-SnapshotList windowedSnapshots(std::span<const DrainSnapshot> sourceRaw,
-                               const DrainSnapshot& fallbackSnapshot, double windowSeconds);
+std::vector<DrainSnapshot> windowedSnapshots(std::span<const DrainSnapshot> sourceRaw,
+                                             const DrainSnapshot& fallbackSnapshot, double windowSeconds);
 
 /// Whether time never runs back from one snapshot to the next.
-bool isAscending(const SnapshotList& snapshots);
+bool isAscending(std::span<const DrainSnapshot> snapshots);
 
 /// Whether every row has a display name and a canonical name that aren't blank, as annotateSnapshot stores
-/// them: then rows are grouped by these, and nothing has to be derived from the history. So with no rows.
-bool hasStoredPresentationData(const SnapshotList& snapshots);
+/// them: rows are then grouped by these, and nothing has to be derived from the history. True without rows.
+bool hasStoredPresentationData(std::span<const DrainSnapshot> snapshots);
 
-/// Adds the energy of one interval to each name: the mean of its watts at both ends, 0 where it is missing,
-/// held for that long. Adds no entry for no energy; does nothing unless intervalHours is above 0.
+/// Adds the energy of one interval to each name: the mean of its watts at both ends (0 where it is missing)
+/// times the interval. A name without energy gets no entry. Does nothing unless intervalHours is above 0.
 void accumulateAverageEnergy(const TextMap<double>& previous, const TextMap<double>& current,
                              double intervalHours, TextMap<double>& whByName);
 

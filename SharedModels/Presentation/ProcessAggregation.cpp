@@ -47,11 +47,10 @@ class Groups {
     group.wattHours += wattHours;
     group.members.push_back(std::move(annotated));
   }
-  /// To the group of that name, made for it where no member has it.
+  /// Adds to the group of that name, if there is one.
   void addEnergy(const std::string& name, double wattHours) {
-    const auto [entry, isNew] = groups_.try_emplace(lowercased(name));
-    if (isNew) entry->second.name = name;
-    entry->second.wattHours += wattHours;
+    const auto entry = groups_.find(lowercased(name));
+    if (entry != groups_.end()) entry->second.wattHours += wattHours;
   }
   std::map<std::string, Group>& byKey() { return groups_; }
 
@@ -70,19 +69,28 @@ void addFigures(ProcessDrain& sum, const ProcessDrain& member) {
   addOptional(sum.cpuCapacityFraction, member.cpuCapacityFraction);
   addOptional(sum.cpuAttributedW, member.cpuAttributedW);
   addOptional(sum.ramAttributedW, member.ramAttributedW);
-  for (const std::string& flag : member.sourceFlags) {
-    if (std::find(sum.sourceFlags.begin(), sum.sourceFlags.end(), flag) == sum.sourceFlags.end())
-      sum.sourceFlags.push_back(flag);
-  }
 }
 
-/// A row that is no process's own, with the figures of the members.
+/// The flags of all members, each once, in the order in which they first appear.
+std::vector<std::string> distinctSourceFlags(const std::vector<ProcessDrain>& members) {
+  std::vector<std::string> flags;
+  std::unordered_set<std::string_view> seen;
+  for (const ProcessDrain& member : members) {
+    for (const std::string& flag : member.sourceFlags) {
+      if (seen.insert(flag).second) flags.push_back(flag);
+    }
+  }
+  return flags;
+}
+
+/// A row that stands for no single process, with the figures of the members.
 ProcessDrain syntheticRow(const std::string& key, const Group& group) {
   ProcessDrain row;
   row.pid = stableSyntheticPID(key);
   row.name = group.name;
   row.processGroupKey = processGroupKeySource(row, group.name);
   for (const ProcessDrain& member : group.members) addFigures(row, member);
+  row.sourceFlags = distinctSourceFlags(group.members);
   return row;
 }
 

@@ -9,23 +9,24 @@
 #include "SharedModels/Presentation/ProcessPresentationContext.hpp"
 #include "SharedModels/Presentation/TextMap.hpp"
 
-// Folding rows into the list that a person sees.
+// Folds rows into the list that a person sees.
 //
-// Rows are folded by canonical name (visibleName) in any case, because a visible row is known by its name in
-// lower case; of several spellings the one that sorts first is shown. A visible row is
-// - of one process: its row, under its own number and without members;
-// - of several: the figures of all of them added up, the name and bundle of the member that represents them,
-//   a synthetic number made from the name in lower case, no parent, and the members listed beside it;
-// - of one process that another visible row stands for already (it was stored twice, under two names): the
-//   same, so that no two rows share an id() and with it their energy;
-// - of none any more (there is energy of that name but no row): the name alone, under such a number too.
+// Rows are folded by canonical name (visibleName), ignoring case, because the lower-case name identifies a
+// visible row; of several spellings the one that sorts first is shown. A visible row is
+// - for one process: its row, under its own PID and without members;
+// - for several: the sums of their figures, the name and bundle of the member that represents them, a
+//   synthetic PID made from the lower-case name, no parent, and the members listed beside it;
+// - for one process that another visible row already stands for (it was stored twice, under two names): the
+//   same as for several, so that no two rows share an id() and thereby their energy.
 // Its displayName and canonicalName are the visible name; members are annotated (annotateProcess).
 //
 // Visible rows are ordered by energy, then by power, both descending, then by name and number; members by
 // power, then by number and name. So the result depends on nothing but the values that went in.
 //
-// Power and energy that are negative or no number count as 0. Nothing else is lost: the energies of the
-// visible rows add up to those handed in for the rows, and their power to that of the rows.
+// Power and energy that are negative or not finite count as 0. Nothing else is lost: the energies of the
+// visible rows add up to those given for the names of the rows, and their power to that of the rows.
+//
+// Time is n log n in the rows, names and source flags.
 
 namespace quenzel {
 
@@ -67,8 +68,9 @@ UniqueProcessesResult makeUniqueProcesses(std::span<const DrainSnapshot> snapsho
                                           const DrainSnapshot& fallbackSnapshot,
                                           const ProcessPresentationContext& context);
 
-/// The visible rows of one snapshot with the energy that their names drew over a window. A name that has
-/// energy but no row in the snapshot is listed too, with 0 watts: its processes ended within the window.
+/// The visible rows of one snapshot with the energy that their names drew over a window. Energy of a name
+/// without a row in the snapshot (its processes ended within the window) is left out: rows are folded, not
+/// made.
 /// @param groupedWhByName watt-hours by visible name, as integrated from processWattsByDisplayName
 VisibleProcessGroupingResult groupVisibleProcesses(const DrainSnapshot& snapshot,
                                                    const ProcessPresentationContext& context,

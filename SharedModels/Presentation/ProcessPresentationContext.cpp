@@ -144,8 +144,8 @@ ProcessPresentationContext makeLatestOnlyPresentationContext(std::span<const Dra
                               [](const DrainSnapshot& snapshot) { return &snapshot; });
 }
 
-ProcessPresentationContext makeLatestOnlyPresentationContext(std::span<const DrainSnapshot* const> snapshots,
-                                                             const CancellationToken& cancellation) {
+ProcessPresentationContext makeLatestOnlyContextInPlace(std::span<const DrainSnapshot* const> snapshots,
+                                                        const CancellationToken& cancellation) {
   return namedUnlessCancelled(snapshots, cancellation,
                               [](const DrainSnapshot* snapshot) { return snapshot; });
 }

@@ -51,9 +51,9 @@ ProcessPresentationContext makePresentationContext(std::span<const DrainSnapshot
 /// as soon as it is cancelled.
 ProcessPresentationContext makeLatestOnlyPresentationContext(std::span<const DrainSnapshot> snapshots,
                                                              const CancellationToken& cancellation = {});
-/// The same over snapshots that don't stand side by side; none is null.
-ProcessPresentationContext makeLatestOnlyPresentationContext(std::span<const DrainSnapshot* const> snapshots,
-                                                             const CancellationToken& cancellation = {});
+/// The same over snapshots that are not contiguous in memory; no pointer is null.
+ProcessPresentationContext makeLatestOnlyContextInPlace(std::span<const DrainSnapshot* const> snapshots,
+                                                        const CancellationToken& cancellation = {});
 
 /// The context of a history that went on: equals the one built from the old snapshots followed by these, but
 /// does not need the old ones. Costs the new rows and one run of the naming passes over all processes.

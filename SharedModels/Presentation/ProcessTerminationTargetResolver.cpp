@@ -4,6 +4,8 @@
 #include <functional>
 #include <iterator>
 #include <limits>
+#include <optional>
+#include <string>
 #include <tuple>
 
 #include <fmt/format.h>
@@ -20,6 +22,31 @@ struct Target {
   std::int32_t pid;
 };
 
+/// What a member is compared with; each rule runs once for the group, however many members it has.
+struct GroupTraits {
+  explicit GroupTraits(const ProcessDrain& groupedProcess)
+      : displayName(lowercased(processDisplayName(groupedProcess))) {
+    if (groupedProcess.bundleID) bundleID = lowercased(*groupedProcess.bundleID);
+  }
+
+  std::string displayName;
+  std::optional<std::string> bundleID = {};
+};
+
+Priority priorityWithin(const GroupTraits& group, const ProcessDrain& member,
+                        const std::unordered_set<std::int64_t>& memberPIDs) {
+  const bool sameBundle =
+      member.bundleID && group.bundleID && lowercased(*member.bundleID) == *group.bundleID;
+  const bool sameName = lowercased(processDisplayName(member)) == group.displayName;
+  const bool isRoot = !member.parentPID || !memberPIDs.contains(*member.parentPID);
+  return {sameBundle,
+          sameName,
+          directAppExecutableScore(member),
+          hasBundleIDScore(member),
+          isRoot,
+          processPresentationScore(member)};
+}
+
 std::int32_t processNumber(std::int64_t pid) {
   using Range = std::numeric_limits<std::int32_t>;
   if (pid < Range::min() || pid > Range::max())
@@ -31,17 +58,7 @@ std::int32_t processNumber(std::int64_t pid) {
 
 Priority terminationPriority(const ProcessDrain& member, const ProcessDrain& groupedProcess,
                              const std::unordered_set<std::int64_t>& memberPIDs) {
-  const bool sameBundle = member.bundleID && groupedProcess.bundleID &&
-                          lowercased(*member.bundleID) == lowercased(*groupedProcess.bundleID);
-  const bool sameName =
-      lowercased(processDisplayName(member)) == lowercased(processDisplayName(groupedProcess));
-  const bool isRoot = !member.parentPID || !memberPIDs.contains(*member.parentPID);
-  return {sameBundle,
-          sameName,
-          directAppExecutableScore(member),
-          hasBundleIDScore(member),
-          isRoot,
-          processPresentationScore(member)};
+  return priorityWithin(GroupTraits(groupedProcess), member, memberPIDs);
 }
 
 int directAppExecutableScore(const ProcessDrain& process) {
@@ -57,10 +74,11 @@ std::vector<std::int32_t> prioritizedTerminationTargets(const ProcessDrain& grou
                                                         std::span<const ProcessDrain> subprocesses) {
   std::unordered_set<std::int64_t> memberPIDs;
   for (const ProcessDrain& member : subprocesses) memberPIDs.insert(member.pid);
+  const GroupTraits group(groupedProcess);
   std::vector<Target> targets;
   targets.reserve(subprocesses.size());
   for (const ProcessDrain& member : subprocesses) {
-    targets.push_back({terminationPriority(member, groupedProcess, memberPIDs), processNumber(member.pid)});
+    targets.push_back({priorityWithin(group, member, memberPIDs), processNumber(member.pid)});
   }
   std::sort(targets.begin(), targets.end(), [](const Target& left, const Target& right) {
     return std::tie(right.priority, left.pid) < std::tie(left.priority, right.pid);

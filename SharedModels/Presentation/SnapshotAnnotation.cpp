@@ -98,4 +98,9 @@ DrainSnapshot annotateSnapshot(const DrainSnapshot& snapshot,
   return annotateSnapshot(snapshot, makePresentationContext(recentSnapshots));
 }
 
+DrainSnapshot annotateSnapshot(const DrainSnapshot& snapshot,
+                               std::initializer_list<DrainSnapshot> recentSnapshots) {
+  return annotateSnapshot(snapshot, std::span(recentSnapshots.begin(), recentSnapshots.size()));
+}
+
 }  // namespace quenzel::ProcessAttributionPresentationService

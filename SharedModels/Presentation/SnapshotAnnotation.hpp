@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <optional>
 #include <span>
 #include <string>
@@ -42,5 +43,7 @@ ProcessDrain annotateProcess(ProcessDrain process, const ProcessPresentationCont
 DrainSnapshot annotateSnapshot(const DrainSnapshot& snapshot, const ProcessPresentationContext& context);
 /// The same with the context of these snapshots, oldest first.
 DrainSnapshot annotateSnapshot(const DrainSnapshot& snapshot, std::span<const DrainSnapshot> recentSnapshots);
+DrainSnapshot annotateSnapshot(const DrainSnapshot& snapshot,
+                               std::initializer_list<DrainSnapshot> recentSnapshots);
 
 }  // namespace quenzel::ProcessAttributionPresentationService

@@ -1,12 +1,14 @@
 #include <map>
 #include <numeric>
 #include <random>
+#include <set>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "SharedModels/Presentation/ProcessAttributionPresentationService.hpp"
+#include "SharedModels/Runtime/Text.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
 
 namespace quenzel {
@@ -14,6 +16,7 @@ namespace {
 
 using namespace ProcessAttributionPresentationService;
 using ::testing::ElementsAre;
+using namespace std::string_literals;
 
 using Text = std::optional<std::string>;
 constexpr auto none = std::nullopt;
@@ -28,9 +31,9 @@ TEST(ProcessPresentation, DerivesWhatARowShows) {
     int score;
     std::string leaf, groupKey;
   };
-  // clang-format off
   const Row rows[] = {
-      {7, "/Applications/Foo.app/Contents/MacOS/Foo Agent", "com.E.foo ", none, "Foo", "/Applications/Foo.app", 34, "Foo Agent", "bundle:com.e.foo"},
+      {7, "/Applications/Foo.app/Contents/MacOS/Foo Agent", "com.E.foo ", none, "Foo",
+       "/Applications/Foo.app", 34, "Foo Agent", "bundle:com.e.foo"},
       {7, "/usr/libexec/Bar", none, none, "Bar", "/usr/libexec/Bar", 11, "Bar", "exec:/usr/libexec/bar"},
       {0, "/x//A.APP/Contents/b.app/c/", " ", " A B ", " A B ", "/x/A.APP", 33, "c", "app:/x/a.app"},
       {0, "/\u00C9.app/\u00C9x", none, "\u2003", "\u00C9", "/\u00C9.app", 30, "\u00C9x", "app:/\u00E9.app"},
@@ -42,10 +45,15 @@ TEST(ProcessPresentation, DerivesWhatARowShows) {
       {1, " kworker/0:1 ", "", none, "kworker/0:1", none, 1, "0:1", "name:kworker/0:1"},
       {0, " ", none, none, " ", none, 0, " ", "raw:"},
   };
-  const std::pair<const char*, const char*> names[] = {
-      {"( )", "( )"}, {"( a )", "a"}, {"(", "("}, {"com.example", "com.example"}, {"my.app.thing", "my.app.thing"},
-      {"com.example.Foo Bar", "com.example.Foo Bar"}, {"CO..x.y.", "y"}, {"com.a/b.c", "com.a/b.c"}, {"\n", "\n"}};
-  // clang-format on
+  const std::pair<const char*, const char*> names[] = {{"( )", "( )"},
+                                                       {"( a )", "a"},
+                                                       {"(", "("},
+                                                       {"com.example", "com.example"},
+                                                       {"my.app.thing", "my.app.thing"},
+                                                       {"com.example.Foo Bar", "com.example.Foo Bar"},
+                                                       {"CO..x.y.", "y"},
+                                                       {"com.a/b.c", "com.a/b.c"},
+                                                       {"\n", "\n"}};
   for (const Row& row : rows) {
     const ProcessDrain process{
         .pid = row.pid, .name = row.name, .bundleID = row.bundleID, .displayName = row.stored};
@@ -64,10 +72,12 @@ TEST(ProcessPresentation, NumbersRowsThatAreNoProcess) {
   EXPECT_EQ(stableSyntheticPID(""), -1935665603);
   // (0x14650FB0739D0383 ^ 'a') * 0x100000001B3 mod 2^64 = 4953267810257967366
   EXPECT_EQ(stableSyntheticPID("a"), -258967366);
+  EXPECT_EQ(stableSyntheticPID("\u00E9"), -119930795) << "each of the bytes C3 A9 counts from 0 to 255";
 }
 
-ProcessDrain child(std::int64_t pid, std::int64_t parent, std::string name, double drainW = 0) {
-  ProcessDrain process = makeProcessDrain(pid, std::move(name), drainW);
+ProcessDrain child(std::int64_t pid, std::int64_t parent, std::string name, double drainW = 0,
+                   std::vector<std::string> sourceFlags = {"powermetrics_cpu"}) {
+  ProcessDrain process = makeProcessDrain(pid, std::move(name), drainW, std::move(sourceFlags));
   process.parentPID = parent;
   return process;
 }
@@ -83,7 +93,9 @@ TEST(ProcessPresentation, ShowsHelpersUnderTheApplicationThatHostsThem) {
   rows.push_back(makeProcessDrain(60, "/opt/tool", 0));
   rows.back().bundleID = "org.tool";
   rows.push_back(child(61, 60, "/opt/Foo"));
-  const auto annotated = annotateSnapshot(makeSnapshot(0, 1, rows), std::vector{makeSnapshot(0, 1, rows)});
+  rows.push_back(child(70, 10, "/Applications/Bar.app/Contents/MacOS/Bar"));  // hosts itself
+  rows.push_back(child(71, 70, "/opt/bar-helper"));
+  const auto annotated = annotateSnapshot(makeSnapshot(0, 1, rows), {makeSnapshot(0, 1, rows)});
   std::map<std::int64_t, std::string> canonical;
   for (const ProcessDrain& row : annotated.processes) canonical[row.pid] = *row.canonicalName;
   EXPECT_EQ(canonical[18], "Foo") << "eight hops";
@@ -92,6 +104,7 @@ TEST(ProcessPresentation, ShowsHelpersUnderTheApplicationThatHostsThem) {
   EXPECT_EQ(canonical[41], "Foo");
   EXPECT_EQ(canonical[50], "Foo");
   EXPECT_EQ(canonical[61], "tool") << "a host's name goes before an alias";
+  EXPECT_EQ(std::pair(canonical[70], canonical[71]), std::pair("Bar"s, "Bar"s)) << "the nearest application";
   EXPECT_EQ(annotated.processes[1].displayName, "helper");
   EXPECT_EQ(annotated.processes[1].processGroupKey, "app:/applications/foo.app") << "the host's";
 
@@ -99,7 +112,7 @@ TEST(ProcessPresentation, ShowsHelpersUnderTheApplicationThatHostsThem) {
   stored.displayName = " shown ";
   stored.canonicalName = " kept ";
   stored.processGroupKey = " key ";
-  stored = annotateSnapshot(makeSnapshot(0, 1, {stored}), ProcessPresentationContext{}).processes[0];
+  stored = annotateSnapshot(makeSnapshot(0, 1, {stored}), {}).processes[0];
   EXPECT_THAT((std::vector{*stored.displayName, *stored.canonicalName, *stored.processGroupKey}),
               ElementsAre("shown", "kept", "key"));
 }
@@ -176,7 +189,7 @@ TEST(ProcessPresentation, ExtendingAContextEqualsRebuildingIt) {
     ASSERT_EQ(extended, makeLatestOnlyPresentationContext(history));
     std::vector<const DrainSnapshot*> places;
     for (const DrainSnapshot& snapshot : history) places.push_back(&snapshot);
-    ASSERT_EQ(extended, makeLatestOnlyPresentationContext(places));
+    ASSERT_EQ(extended, makeLatestOnlyContextInPlace(places));
     std::map<std::int64_t, ProcessDrain> latest;
     for (const DrainSnapshot& snapshot : history) {
       for (const ProcessDrain& row : snapshot.processes) latest.insert_or_assign(row.pid, row);
@@ -213,7 +226,7 @@ TEST(ProcessPresentation, FoldingLosesNoEnergyAndNoPower) {
     const std::vector<DrainSnapshot> history = randomHistory(random);
     const auto context =  // without one the stored names count
         round % 2 ? makePresentationContext(history) : ProcessPresentationContext{};
-    TextMap<double> whByName = {{"ended", 0.25}};
+    TextMap<double> whByName;
     TextMap<double> whByID;
     for (const DrainSnapshot& snapshot : history) {
       for (const auto& [name, watts] : processWattsByDisplayName(snapshot, context))
@@ -221,6 +234,9 @@ TEST(ProcessPresentation, FoldingLosesNoEnergyAndNoPower) {
       for (const ProcessDrain& row : snapshot.processes) whByID[row.id()] += std::max(0.0, row.drainW) / 8;
     }
     const auto visible = groupVisibleProcesses(history.back(), context, whByName);
+    std::set<std::string> shown;
+    for (const ProcessDrain& row : visible.processes) shown.insert(lowercased(*row.canonicalName));
+    std::erase_if(whByName, [&](const auto& entry) { return !shown.contains(lowercased(entry.first)); });
     EXPECT_DOUBLE_EQ(totalEnergy(visible.processes, visible.processWhByID), sum(whByName));
     EXPECT_DOUBLE_EQ(totalPower(visible.processes), totalPower(history.back().processes));
     const auto unique = makeUniqueProcesses(history, whByID, {}, 0.5, {}, context);
@@ -232,9 +248,9 @@ TEST(ProcessPresentation, FoldingLosesNoEnergyAndNoPower) {
 TEST(ProcessPresentation, GroupsRowsUnderTheNameThatIsShown) {
   const DrainSnapshot snapshot =
       makeSnapshot(0, 9,
-                   {child(12, 10, "/opt/helper", 3), makeProcessDrain(20, "bar", std::nan("")),
-                    makeProcessDrain(10, "/Foo.app/Contents/MacOS/Foo", 1), makeProcessDrain(21, "baz", 0),
-                    child(11, 10, "/Foo.app/Contents/Agents/Foo", 3)});
+                   {child(12, 10, "/opt/helper", 3, {"a", "b"}), makeProcessDrain(20, "bar", std::nan("")),
+                    makeProcessDrain(10, "/Foo.app/Contents/MacOS/Foo", 1, {"b", "c", "c"}),
+                    makeProcessDrain(21, "baz", 0), child(11, 10, "/Foo.app/Contents/Agents/Foo", 3)});
   const auto context = makePresentationContext(std::span(&snapshot, 1));
   const auto visible = groupVisibleProcesses(
       snapshot, context, {{"Foo", 2}, {"FOO", 1}, {"ended", 0.5}, {"bar", -1}, {"baz", 0}});
@@ -245,13 +261,14 @@ TEST(ProcessPresentation, GroupsRowsUnderTheNameThatIsShown) {
   }
   const std::int32_t foo = stableSyntheticPID("foo");
   EXPECT_THAT(rows, ElementsAre(fmt::format("{} /Foo.app/Contents/MacOS/Foo Foo 3 Wh 7 W", foo),
-                                fmt::format("{} ended ended 0.5 Wh 0 W", stableSyntheticPID("ended")),
                                 "20 bar bar 0 Wh 0 W", "21 baz baz 0 Wh 0 W"));
+  ASSERT_FALSE(visible.processes.empty());
   ASSERT_EQ(visible.subprocessesByID.size(), 1U);
   std::vector<std::int64_t> members;
   for (const ProcessDrain& member : visible.subprocessesByID.at(visible.processes[0].id()))
     members.push_back(member.pid);
   EXPECT_THAT(members, ElementsAre(11, 12, 10)) << "by power, then by number";
+  EXPECT_THAT(visible.processes[0].sourceFlags, ElementsAre("powermetrics_cpu", "a", "b", "c"));
 
   DrainSnapshot earlier = snapshot;
   earlier.hidden = {{HiddenDrainKind::dockerContainer, "web", 4},

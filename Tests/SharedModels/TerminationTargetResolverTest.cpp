@@ -1,3 +1,5 @@
+#include <set>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,24 +20,51 @@ TEST(AppleProcessDetector, KnowsTheSystemsOwnProcesses) {
     const char* displayName;
     bool isSystem;
   };
-  // clang-format off
   const Row rows[] = {
-      {"/usr/libexec/foo", {}, "foo", true},        {"/usr/local/bin/foo", {}, "foo", false},
-      {"/usr/local/bin/LaunchD", {}, "x", true},    {"/SYSTEM/library/q", {}, "q", true},
-      {"mdworker shared", {}, "x", true},           {"x", {}, "Natural Language Service", false},
-      {"kernel_task", {}, "x", true},               {"/opt/\u212Aernel_Task/", {}, "x", true},
-      {"x", "COM.APPLE.Example", "x", true},        {"x", "org.com.apple.x", "x", false},
-      {"my.com.Apple.helper", {}, "x", true},       {"x", {}, "Com.Apple.X", true},
-      {"x", {}, "my com.apple.x", false},           {"x", {}, "AccessibilityVizSuport", true},
-      {"x", {}, "accessibilityvizsupport", false},  {"usr/sbin/foo", {}, "", false},
+      {"/usr/libexec/foo", {}, "foo", true},
+      {"/usr/local/bin/foo", {}, "foo", false},
+      {"/usr/local/bin/LaunchD", {}, "x", true},
+      {"/SYSTEM/library/q", {}, "q", true},
+      {"mdworker shared", {}, "x", true},
+      {"x", {}, "Natural Language Service", false},
+      {"kernel_task", {}, "x", true},
+      {"/opt/\u212Aernel_Task/", {}, "x", true},
+      {"x", "COM.APPLE.Example", "x", true},
+      {"x", "org.com.apple.x", "x", false},
+      {"x", "COM.APPLEX.y", "x", false},
+      {"x", "com.apple", "x", false},
+      {"my.com.Apple.helper", {}, "x", true},
+      {"x", {}, "Com.Apple.X", true},
+      {"/opt/mds", {}, "x", true},
+      {"/opt/mds/x", {}, "x", false},
+      {"x", {}, "WidgetKit Simulator", true},
+      {"x", {}, "widgetkit-simulator", false},
+      {"Knowledge-Agent", {}, "x", true},
+      {"knowledge agent", {}, "x", false},
+      {"x", {}, "my com.apple.x", false},
+      {"x", {}, "AccessibilityVizSuport", true},
+      {"x", {}, "accessibilityvizsupport", false},
+      {"usr/sbin/foo", {}, "", false},
   };
-  // clang-format on
   for (const Row& row : rows) {
     EXPECT_EQ(AppleProcessDetector::isAppleSystemProcess(row.name, row.bundleID, row.displayName),
               row.isSystem)
         << row.name << ", " << row.displayName;
   }
-  EXPECT_EQ(AppleProcessDetector::systemProcessNames().size(), 188U);
+  for (const std::string_view prefix : AppleProcessDetector::systemPathPrefixes)
+    EXPECT_TRUE(AppleProcessDetector::isAppleSystemProcess(std::string(prefix) + "x", {}, "")) << prefix;
+}
+
+TEST(AppleProcessDetector, KnowsEveryNameAsItStands) {
+  // The sorted names, one a line, as the product has published them.
+  const auto& names = AppleProcessDetector::systemProcessNames();
+  std::string sorted;
+  for (const std::string_view name : std::set<std::string_view>(names.begin(), names.end()))
+    sorted.append(name) += '\n';
+  EXPECT_EQ(names.size(), 188U);
+  std::uint64_t hash = 0xCBF29CE484222325U;  // FNV-1a, 64 bits
+  for (const char byte : sorted) hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3U;
+  EXPECT_EQ(hash, 0xE8132131AAEC8BE9U) << sorted;
 }
 
 TEST(TerminationTargetResolver, EndsTheApplicationBeforeItsHelpers) {
