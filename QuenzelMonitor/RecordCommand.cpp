@@ -54,24 +54,26 @@ double intervalOf(const RecordOptions& options) {
 std::string figures(const RecordedCycle& cycle) {
   const DrainSnapshot& snapshot = cycle.snapshot;
   return fmt::format(
-      "{:.2f} W: {} processes {:.2f} W, hidden {:.2f} W, display and USB {:.2f} W, unattributed {:.2f} W{}",
-      snapshot.totalDischargeW, snapshot.processes.size(), attributedProcessW(snapshot),
-      hiddenWorkloadW(snapshot), snapshot.components.displayPlusUsbW(), snapshot.unattributedW,
-      cycle.modelled ? " (modelled)" : "");
+      "{:.2f} W: {} {:.2f} W, hidden {:.2f} W, display and USB {:.2f} W, unattributed {:.2f} W{}",
+      snapshot.totalDischargeW,
+      quantity(static_cast<std::int64_t>(snapshot.processes.size()), "process", "processes"),
+      attributedProcessW(snapshot), hiddenWorkloadW(snapshot), snapshot.components.displayPlusUsbW(),
+      snapshot.unattributedW, cycle.modelled ? " (modelled)" : "");
 }
 
 /// @param reason of a rejection
 std::string textLine(const RecordedCycle& cycle, std::string_view reason) {
   const PointInTime time = cycle.snapshot.timestamp;
   return fmt::format("{} {} {} {}", rawValue(cycle.outcome), shortestDecimal(time.secondsSince1970()),
-                     iso8601Text(time), reason.empty() ? figures(cycle) : printableLine(reason));
+                     localTimestampText(time), reason.empty() ? figures(cycle) : printableLine(reason));
 }
 
 std::string jsonLine(const RecordedCycle& cycle) {
   const DrainSnapshot& snapshot = cycle.snapshot;
   nlohmann::ordered_json line = {{"outcome", rawValue(cycle.outcome)},
                                  {"timestamp", snapshot.timestamp.secondsSince2001},
-                                 {"databaseTimestamp", snapshot.timestamp.secondsSince1970()}};
+                                 {"databaseTimestamp", snapshot.timestamp.secondsSince1970()},
+                                 {"time", iso8601Text(snapshot.timestamp)}};
   if (!cycle.reason.empty()) line["reason"] = printableLine(cycle.reason);
   if (cycle.outcome != RecordingOutcome::failed) {
     line["totalDischargeW"] = snapshot.totalDischargeW;
@@ -104,12 +106,13 @@ void printLine(const std::string& line, const RecordOptions& options, Console& c
   if (!console.out) throw CommandError("can't write the output");
 }
 
-/// The log's own line stands on standard error too, unless the log is switched off.
-void complain(const std::string& failure, Console& console) {
-  RuntimeLog::error("SnapshotRecorder", printableLine(failure));
+/// The log's own line also goes to standard error, unless the log is switched off.
+void tell(void (*log)(std::string_view component, std::string_view message), const std::string& text,
+          Console& console) {
+  log("SnapshotRecorder", printableLine(text));
   const auto* const info = platform::mainBundle().infoDictionary();
   if (RuntimeLog::isDisabled(platform::environmentValue("QZL_LOG_DISABLED"), info))
-    reportError(CommandError(failure), console);
+    reportError(CommandError(text), console);
 }
 
 /// What this user may not read, with the remedy.
@@ -177,9 +180,10 @@ int record(SQLiteSnapshotStore& store, const RecordOptions& options, Console& co
                          options, console);
              }
              const bool isSaid = isRejected && !options.json && !options.quiet;  // in its reason
-             if (!isSaid && refusal.isDue(refused, seconds)) complain(refused, console);
+             if (!isSaid && refusal.isDue(refused, seconds)) tell(RuntimeLog::warn, refused, console);
            },
-       .complain = [&](const std::string& failure) { complain(failure, console); }},
+       .notice = [&](const std::string& text) { tell(RuntimeLog::warn, text, console); },
+       .complain = [&](const std::string& failure) { tell(RuntimeLog::error, failure, console); }},
       recording);
   const RecordingTally tally = recorder.run();
   printLine(tallyLine(tally, options.json), options, console);
@@ -191,18 +195,23 @@ int record(SQLiteSnapshotStore& store, const RecordOptions& options, Console& co
 void addRecordCommand(CLI::App& app, std::function<int()>& command, Console& console) {
   CLI::App* recordApp = app.add_subcommand("record", "Record the history until it is stopped");
   const auto options = std::make_shared<RecordOptions>();
-  // A sample of the power counters takes a second; and of a longer interval only a minute's energy would
-  // count.
+  // A sample of the power counters takes a second (where a cycle takes longer than the interval, the recorder
+  // lengthens it); and of a longer interval only a minute's energy would count.
   constexpr double shortestIntervalSeconds = 2, longestIntervalSeconds = 60;
   constexpr double longestKeptDays = 36500;
   addDatabaseOption(*recordApp, options->database);
-  recordApp->add_option("--mode", options->mode, "background, interactive or burst: every 20, 8 or 8 s")
-      ->check(CLI::IsMember({"background", "interactive", "burst"}));
+  recordApp->add_option("--mode", options->mode, "a cycle every 20, 8 or 8 seconds")
+      ->type_name("MODE")
+      ->check(CLI::IsMember({"background", "interactive", "burst"}))
+      ->capture_default_str();
   addNumberOption(*recordApp, "--interval", options->intervalSeconds, shortestIntervalSeconds,
-                  longestIntervalSeconds, "seconds between cycles, in place of the mode's");
-  addIntegerOption(*recordApp, "--count", options->count, 1, anyCount, "stop after that many cycles");
+                  longestIntervalSeconds, "time between cycles, in place of the mode's")
+      ->type_name("SECONDS");
+  addIntegerOption(*recordApp, "--count", options->count, 1, anyCount,
+                   "stop after that many cycles; never when left out");
   addNumberOption(*recordApp, "--keep-days", options->keepDays, 0.01, longestKeptDays,
-                  "delete what is older, at the start and from time to time");
+                  "delete what is older, at the start and from time to time; nothing when left out")
+      ->type_name("DAYS");
   recordApp->add_flag("--json", options->json, "print one JSON document a line");
   recordApp->add_flag("--quiet", options->quiet, "print nothing but failures");
   recordApp->callback([&command, &console, options] {

@@ -48,6 +48,42 @@ void nameTheNameless(DrainSnapshot& snapshot) {
   }
 }
 
+/// The moments at which cycles start, on the monotonic clock.
+class Cadence {
+ public:
+  Cadence(double startSeconds, double intervalSeconds)
+      : startSeconds_(startSeconds), intervalSeconds_(intervalSeconds) {}
+
+  double intervalSeconds() const { return intervalSeconds_; }
+  double nextSeconds() const { return startSeconds_ + slot_ * intervalSeconds_; }
+
+  /// Moves on to the first start that is still to come.
+  void advance(double nowSeconds) {
+    const double passedSlots = std::floor((nowSeconds - startSeconds_) / intervalSeconds_);
+    slot_ = std::max(slot_, passedSlots) + 1;
+  }
+
+  /// Takes note of how long a cycle took. One may be slow by chance (a tool timed out, the machine slept);
+  /// two in a row show that the interval is too short. It then becomes what both took and a tenth more, in
+  /// whole seconds, counted from the start of the later one.
+  /// @return whether this cycle lengthened the interval
+  bool lengthen(double cycleStartSeconds, double cycleSeconds) {
+    const double bothTookSeconds = std::min(cycleSeconds, std::exchange(previousCycleSeconds_, cycleSeconds));
+    if (bothTookSeconds < intervalSeconds_) return false;
+    constexpr double headroom = 1.1;
+    startSeconds_ = cycleStartSeconds;
+    intervalSeconds_ = std::ceil(bothTookSeconds * headroom);
+    slot_ = 0;
+    return true;
+  }
+
+ private:
+  double startSeconds_;
+  double intervalSeconds_;
+  double slot_ = 0;
+  double previousCycleSeconds_ = 0;
+};
+
 DrainSnapshot named(const DrainSnapshot& snapshot) {
   DrainSnapshot annotated =
       ProcessAttributionPresentationService::annotateSnapshot(snapshot, std::span(&snapshot, 1));
@@ -81,17 +117,22 @@ RecordingTally SnapshotRecorder::run() {
   const double start = with_.monotonicSeconds();
   nextPurgeSeconds_ = start;
   purgeWhenDue();
-  double slot = 0;
+  Cadence cadence(start, options_.intervalSeconds);
   for (std::int64_t done = 0; options_.cycleCount == 0 || done < options_.cycleCount; ++done) {
-    const double startsAt = start + slot * options_.intervalSeconds;
-    if (with_.waitForStop(std::max(startsAt - with_.monotonicSeconds(), 0.0))) break;
+    if (with_.waitForStop(std::max(cadence.nextSeconds() - with_.monotonicSeconds(), 0.0))) break;
+    const double cycleStart = with_.monotonicSeconds();
     const auto cycle = runCycle();
     if (!cycle) break;
+    const double cycleSeconds = with_.monotonicSeconds() - cycleStart;
     tally.count(cycle->outcome);
     with_.report(*cycle);
+    const double tooShort = cadence.intervalSeconds();
+    if (cadence.lengthen(cycleStart, cycleSeconds)) {
+      with_.notice(fmt::format("cycles take longer than {} s: from now on there is one every {} s", tooShort,
+                               cadence.intervalSeconds()));
+    }
     purgeWhenDue();
-    const double passedSlots = std::floor((with_.monotonicSeconds() - start) / options_.intervalSeconds);
-    slot = std::max(slot, passedSlots) + 1;
+    cadence.advance(with_.monotonicSeconds());
   }
   return tally;
 }

@@ -60,7 +60,8 @@ struct SnapshotRecorderOptions {
 /// Records the history: samples, attributes, names and stores, cycle after cycle. Not thread-safe.
 ///
 /// Cadence: cycles start at multiples of the interval on the monotonic clock. Those that lie in the past when
-/// a cycle ends (it took long, or the machine slept) are left out, never caught up with.
+/// a cycle ends (it took long, or the machine slept) are left out, never caught up with. When two cycles in a
+/// row take the whole interval, it is lengthened to one that they fit into, and the user is told.
 ///
 /// Wall clock: it only stamps the snapshots. Where it is set back, snapshots go on being stored at the times
 /// that it shows, between older ones; the rule against near duplicates looks at the newest row alone, so that
@@ -76,8 +77,8 @@ struct SnapshotRecorderOptions {
 /// than after a day.
 class SnapshotRecorder {
  public:
-  /// The world outside. `report` and `complain` may throw, which ends the recording; a throw of anything else
-  /// is a failure of that cycle or purge, and the next one comes.
+  /// The world outside. `report`, `notice` and `complain` may throw, which ends the recording; a throw of
+  /// anything else is a failure of that cycle or purge, and the next one comes.
   struct Collaborators {
     std::function<SamplingCycleResult()> sample;
     std::function<SnapshotInsertOutcome(const DrainSnapshot&)> insert;  ///< returns behind the commit
@@ -87,6 +88,7 @@ class SnapshotRecorder {
     std::function<double()> monotonicSeconds;
     std::function<bool(double seconds)> waitForStop;  ///< up to so long; whether recording is to stop
     std::function<void(const RecordedCycle&)> report;
+    std::function<void(const std::string& text)> notice;  ///< tells the user what is no failure
     std::function<void(const std::string& failure)> complain;
   };
 

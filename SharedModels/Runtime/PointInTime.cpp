@@ -38,4 +38,6 @@ std::string iso8601Text(PointInTime time) { return text(time, "%Y-%m-%dT%H:%M:%S
 
 std::string localTimeText(PointInTime time, const char* format) { return text(time, format, ::localtime_r); }
 
+std::string localTimestampText(PointInTime time) { return localTimeText(time, "%Y-%m-%d %H:%M:%S %z"); }
+
 }  // namespace quenzel

@@ -38,4 +38,8 @@ std::string iso8601Text(PointInTime time);
 /// The machine's local time in a form of strftime(3); empty for an instant beyond any calendar.
 std::string localTimeText(PointInTime time, const char* format);
 
+/// A moment as every report for people shows it: local time with its offset from UTC, as in
+/// "2025-01-31 13:00:00 +0100"; empty for an instant beyond any calendar.
+std::string localTimestampText(PointInTime time);
+
 }  // namespace quenzel

@@ -346,6 +346,10 @@ std::string printableLine(std::string_view text) {
   return line;
 }
 
+std::string quantity(std::int64_t count, std::string_view one, std::string_view many) {
+  return std::to_string(count).append(1, ' ').append(count == 1 ? one : many);
+}
+
 std::string_view lastPathComponent(std::string_view path) {
   while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
   const std::size_t slash = path.rfind('/');

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -71,6 +72,9 @@ std::string printableLine(std::string_view text);
 
 /// The text with "?" for each user-perceived character that is not ASCII.
 std::string asciiLine(std::string_view text);
+
+/// A number of things, in words: "1 process", "2 processes".
+std::string quantity(std::int64_t count, std::string_view one, std::string_view many);
 
 /// What follows the last "/" that is not at the end: "ps" of "/bin/ps" and of "/bin/ps/".
 std::string_view lastPathComponent(std::string_view path);

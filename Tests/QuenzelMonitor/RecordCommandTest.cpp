@@ -16,15 +16,19 @@
 namespace quenzel {
 namespace {
 
-// clang-format off
 class RecordCommand : public ::testing::Test {
  protected:
   testing::TemporaryDirectory folder_;
-  testing::ScopedEnvironment environment_{{{"QZL_SHARED_DIRECTORY", folder_.path().string()}, {"QZL_LOG_DISABLED", "1"},
-                                           {"QZL_MODEL_HARDWARE", "1"}, {"QZL_TOOL_ROOT", QUENZEL_TOOL_DIRECTORY}}};
-  const std::string enter_ = "cd " + folder_.path().string() + "; ", record_ = QUENZEL_BINARY_DIRECTORY "/quenzel record --database h.sqlite ";
+  testing::ScopedEnvironment environment_{{{"QZL_SHARED_DIRECTORY", folder_.path().string()},
+                                           {"QZL_LOG_DISABLED", "1"},
+                                           {"QZL_MODEL_HARDWARE", "1"},
+                                           {"QZL_TOOL_ROOT", QUENZEL_TOOL_DIRECTORY}}};
+  const std::string enter_ = "cd " + folder_.path().string() + "; ",
+                    record_ = QUENZEL_BINARY_DIRECTORY "/quenzel record --database h.sqlite ";
 
-  std::vector<DrainSnapshot> history() { return SQLiteSnapshotStore(folder_ / "h.sqlite", SQLiteSnapshotStore::Mode::readOnly).fetchLatest(9); }
+  std::vector<DrainSnapshot> history() {
+    return SQLiteSnapshotStore(folder_ / "h.sqlite", SQLiteSnapshotStore::Mode::readOnly).fetchLatest(9);
+  }
 };
 
 TEST_F(RecordCommand, AcknowledgesWhatTheDatabaseHolds) {
@@ -36,26 +40,40 @@ TEST_F(RecordCommand, AcknowledgesWhatTheDatabaseHolds) {
     const auto acknowledged = parseJSON(line);
     EXPECT_EQ(acknowledged["outcome"], "inserted");
     EXPECT_EQ(acknowledged["databaseTimestamp"], stored.timestamp.secondsSince1970());
+    EXPECT_EQ(acknowledged["time"], iso8601Text(stored.timestamp));
     EXPECT_EQ(acknowledged["processCount"], stored.processes.size());
   }
   EXPECT_EQ(history().size(), 2U);
 }
 
 TEST_F(RecordCommand, EndsCleanlyOnASignal) {
-  for (const std::string signal : {"INT", "TERM"}) {  // in the wait of hours behind the line that acknowledges the first cycle
-    const auto result = testing::runCommand(enter_ + "mkfifo " + signal + "; " + record_ + "--interval 60 >" + signal + " & exec 3<" + signal +
-                                            "; read opening <&3; read line <&3; kill -" + signal + " $!; cat <&3; wait $!");
-    EXPECT_EQ(result, (testing::CommandResult{0, "ended: 1 inserted 0 replacedNearDuplicate 0 droppedNearDuplicate 0 rejected 0 failed\n"})) << signal;
+  for (const std::string signal :
+       {"INT", "TERM"}) {  // in the wait of hours behind the line that acknowledges the first cycle
+    const auto result = testing::runCommand(
+        enter_ + "mkfifo " + signal + "; " + record_ + "--interval 60 >" + signal + " & exec 3<" + signal +
+        "; read opening <&3; read line <&3; kill -" + signal + " $!; cat <&3; wait $!");
+    EXPECT_EQ(
+        result,
+        (testing::CommandResult{
+            0, "ended: 1 inserted 0 replacedNearDuplicate 0 droppedNearDuplicate 0 rejected 0 failed\n"}))
+        << signal;
   }
   EXPECT_EQ(history().size(), 2U);
 }
 
 TEST_F(RecordCommand, TellsWhatFailsInOneLine) {
-  std::filesystem::permissions(folder_.write("tools/bin/ps", "#!/bin/sh\necho gone >&2\nexit 3\n"), std::filesystem::perms::owner_all);
-  const struct Row { const char* options; int status; const char* output; } rows[] = {
+  std::filesystem::permissions(folder_.write("tools/bin/ps", "#!/bin/sh\necho gone >&2\nexit 3\n"),
+                               std::filesystem::perms::owner_all);
+  const struct Row {
+    const char* options;
+    int status;
+    const char* output;
+  } rows[] = {
       {"--interval 0.5", 2, "quenzel: .*\"0.5\" is not a number from 2 to 60.*\n"},
-      {"--mode fast", 2, "quenzel: --mode: .*\n"}, {"--count 0", 2, "quenzel: .*at least 1.*\n"},
-      {"--quiet --count 1 >/dev/full", 0, ""}, {"--count 1 >/dev/full", 1, "quenzel: can't write the output\n"},
+      {"--mode fast", 2, "quenzel: --mode: .*\n"},
+      {"--count 0", 2, "quenzel: .*at least 1.*\n"},
+      {"--quiet --count 1 >/dev/full", 0, ""},
+      {"--count 1 >/dev/full", 1, "quenzel: can't write the output\n"},
       {"--quiet --interval 2 --count 2", 1, "quenzel: .*: gone\nquenzel: .*: gone\n"},  // every cycle failed
   };
   for (const Row& row : rows) {
@@ -65,7 +83,6 @@ TEST_F(RecordCommand, TellsWhatFailsInOneLine) {
     EXPECT_THAT(result.output, ::testing::MatchesRegex(row.output)) << row.options;
   }
 }
-// clang-format on
 
 /// As an ordinary user runs it, whom the machine's counters are kept from.
 TEST_F(RecordCommand, SaysOnceWhatItMayNotRead) {

@@ -12,9 +12,11 @@ namespace {
 using enum RecordingOutcome;
 using Seconds = std::vector<double>;
 
-// clang-format off
 SamplingCycleResult cycleOf(double totalW, std::vector<ProcessSample> processes = {}, bool whole = true) {
-  return {.build = {{{}, totalW, std::move(processes)}, {.powermetricsCommandOK = whole}, {}}, .unavailable = {}, .componentPower = {}, .modelled = {}};
+  return {.build = {{{}, totalW, std::move(processes)}, {.powermetricsCommandOK = whole}, {}},
+          .unavailable = {},
+          .componentPower = {},
+          .modelled = {}};
 }
 
 /// A machine whose time passes only while the recorder waits or a cycle lets it.
@@ -25,67 +27,132 @@ struct World {
   std::function<SamplingCycleResult()> cycle = [] { return cycleOf(5); };
   std::function<SnapshotInsertOutcome()> insertion = [] { return SnapshotInsertOutcome::inserted; };
   std::function<void()> purging = [] {};
-  Seconds startedAt, purgedAt; DrainSnapshot stored;
+  Seconds startedAt, purgedAt;
+  DrainSnapshot stored;
   std::vector<PointInTime> purgedBefore;
   std::vector<RecordingOutcome> reported;
-  std::vector<std::string> complaints;
-  void pass(double span) { seconds += span; wall.advance(span); }
+  std::vector<std::string> complaints, notices;
+  void pass(double span) {
+    seconds += span;
+    wall.advance(span);
+  }
   RecordingTally record(SnapshotRecorderOptions options) {
-    return SnapshotRecorder({
-        .sample = [this] { startedAt.push_back(seconds); return cycle(); },
-        .insert = [this](const DrainSnapshot& snapshot) { stored = snapshot; return insertion(); },
-        .purge = [this](PointInTime before) { purgedAt.push_back(seconds); purgedBefore.push_back(before); purging(); return 1; },
-        .newestStored = [this] { return newest; }, .now = wall.provider(), .monotonicSeconds = [this] { return seconds; },
-        .waitForStop = [this](double span) { pass(std::min(span, std::max(stopAt - seconds, 0.0))); return seconds >= stopAt; },
-        .report = [this](const RecordedCycle& recorded) { reported.push_back(recorded.outcome); }, .complain = [this](const std::string& failure) { complaints.push_back(failure); }}, options).run();
+    return SnapshotRecorder(
+               {.sample =
+                    [this] {
+                      startedAt.push_back(seconds);
+                      return cycle();
+                    },
+                .insert =
+                    [this](const DrainSnapshot& snapshot) {
+                      stored = snapshot;
+                      return insertion();
+                    },
+                .purge =
+                    [this](PointInTime before) {
+                      purgedAt.push_back(seconds);
+                      purgedBefore.push_back(before);
+                      purging();
+                      return 1;
+                    },
+                .newestStored = [this] { return newest; },
+                .now = wall.provider(),
+                .monotonicSeconds = [this] { return seconds; },
+                .waitForStop =
+                    [this](double span) {
+                      pass(std::min(span, std::max(stopAt - seconds, 0.0)));
+                      return seconds >= stopAt;
+                    },
+                .report = [this](const RecordedCycle& recorded) { reported.push_back(recorded.outcome); },
+                .notice = [this](const std::string& text) { notices.push_back(text); },
+                .complain = [this](const std::string& failure) { complaints.push_back(failure); }},
+               options)
+        .run();
   }
 };
 
 TEST(SnapshotRecorder, KeepsItsCadenceAndCatchesUpWithNothing) {
   World slow, setBack;
-  slow.cycle = [&, took = Seconds{1, 25, 10, 7200, 0}] { slow.pass(took.at(slow.startedAt.size() - 1)); return cycleOf(5); };
+  slow.cycle = [&, took = Seconds{1, 25, 9, 7200, 0}] {
+    slow.pass(took.at(slow.startedAt.size() - 1));
+    return cycleOf(5);
+  };
   slow.record({.intervalSeconds = 10, .cycleCount = 5});
-  EXPECT_EQ(slow.startedAt, (Seconds{0, 10, 40, 60, 7270}));
-  setBack.cycle = [&] { setBack.wall.advance(-3600); return cycleOf(5); };
+  EXPECT_EQ(slow.startedAt, (Seconds{0, 10, 40, 50, 7260}));
+  setBack.cycle = [&] {
+    setBack.wall.advance(-3600);
+    return cycleOf(5);
+  };
   EXPECT_EQ(setBack.record({.intervalSeconds = 0.1, .cycleCount = 50})[inserted], 50);
+  ASSERT_EQ(setBack.startedAt.size(), 50U);
   EXPECT_NEAR(setBack.startedAt.back(), 4.9, 1e-9);
+}
+
+TEST(SnapshotRecorder, LengthensAnIntervalThatCyclesDoNotFitInto) {
+  World mac;  // its powermetrics samples for 5 s
+  mac.cycle = [&, took = Seconds{5.25, 5.5, 5.25, 5.75, 5.25, 12, 2, 8, 7, 1}] {
+    mac.pass(took.at(mac.startedAt.size() - 1));
+    return cycleOf(5);
+  };
+  mac.record({.intervalSeconds = 2, .cycleCount = 10});
+  EXPECT_EQ(mac.startedAt, (Seconds{0, 6, 12, 18, 24, 30, 48, 54, 66, 74}));
+  EXPECT_EQ(mac.notices,
+            (std::vector<std::string>{"cycles take longer than 2 s: from now on there is one every 6 s",
+                                      "cycles take longer than 6 s: from now on there is one every 8 s"}));
 }
 
 TEST(SnapshotRecorder, GoesOnAfterEveryFailure) {
   World world;
   const auto number = [&] { return world.startedAt.size(); };
-  world.cycle = [&] { return number() == 1 ? throw std::runtime_error("ps gone\n") : cycleOf(number() == 2 ? 0.1 : 5); };
-  world.insertion = [&] { using enum SnapshotInsertOutcome; return number() == 3 ? throw std::runtime_error("disk full") : number() == 4 ? inserted : droppedNearDuplicate; };
+  world.cycle = [&] {
+    return number() == 1 ? throw std::runtime_error("ps gone\n") : cycleOf(number() == 2 ? 0.1 : 5);
+  };
+  world.insertion = [&] {
+    using enum SnapshotInsertOutcome;
+    return number() == 3   ? throw std::runtime_error("disk full")
+           : number() == 4 ? inserted
+                           : droppedNearDuplicate;
+  };
   world.record({.cycleCount = 5});
   EXPECT_EQ(world.reported, (std::vector{failed, rejected, failed, inserted, droppedNearDuplicate}));
-  EXPECT_EQ(world.complaints, (std::vector<std::string>{"the cycle failed: ps gone", "can't store the snapshot: disk full"}));
+  EXPECT_EQ(world.complaints,
+            (std::vector<std::string>{"the cycle failed: ps gone", "can't store the snapshot: disk full"}));
 }
 
 TEST(SnapshotRecorder, StopsBetweenCycles) {
   World waiting;
   waiting.stopAt = 35;
-  EXPECT_EQ(std::tuple(waiting.record({.intervalSeconds = 10})[inserted], waiting.seconds), std::tuple(4, 35));
+  EXPECT_EQ(std::tuple(waiting.record({.intervalSeconds = 10})[inserted], waiting.seconds),
+            std::tuple(4, 35));
   for (const bool toolsWereSpared : {true, false}) {
     World sampling;
-    sampling.cycle = [&] { sampling.stopAt = 0; return cycleOf(5, {}, toolsWereSpared); };
+    sampling.cycle = [&] {
+      sampling.stopAt = 0;
+      return cycleOf(5, {}, toolsWereSpared);
+    };
     EXPECT_EQ(sampling.record({})[inserted], toolsWereSpared ? 1 : 0);
   }
 }
 
 TEST(SnapshotRecorder, NamesEveryRowThatItStores) {
   World world;
-  const ProcessSample idle = makeProcessSample(7, "/Applications/Foo.app/Contents/MacOS/Foo"), helper{.pid = 8, .parentPID = 7, .name = "/opt/helper", .cpuPercent = 50};
+  const ProcessSample idle = makeProcessSample(7, "/Applications/Foo.app/Contents/MacOS/Foo"),
+                      helper{.pid = 8, .parentPID = 7, .name = "/opt/helper", .cpuPercent = 50};
   world.cycle = [&] { return cycleOf(8, {idle, helper, makeProcessSample(9, " \n", 25)}); };
   world.record({.cycleCount = 1, .logicalCPUCount = 1});
   ASSERT_EQ(world.stored.processes.size(), 2U) << "the idle application has no row";
   const ProcessDrain& row = world.stored.processes[0];
-  EXPECT_EQ(std::tuple(row.canonicalName, row.processGroupKey), std::tuple("Foo", "app:/applications/foo.app")) << "but lends its name";
+  EXPECT_EQ(std::tuple(row.canonicalName, row.processGroupKey),
+            std::tuple("Foo", "app:/applications/foo.app"))
+      << "but lends its name";
   EXPECT_EQ(world.stored.processes[1].displayName, "pid 9");
 }
 
 TEST(SnapshotRecorder, PurgesAtTheStartAndThenSeldom) {
   World world;
-  world.purging = [&] { if (world.purgedAt.size() == 2) throw std::runtime_error("locked"); };
+  world.purging = [&] {
+    if (world.purgedAt.size() == 2) throw std::runtime_error("locked");
+  };
   world.record({.intervalSeconds = 600, .cycleCount = 40, .keepDays = 1});  // a tenth of a day is 8640 s
   EXPECT_EQ(world.purgedAt, (Seconds{0, 9000, 12600, 21600}));
   EXPECT_EQ(world.purgedBefore.back() - world.purgedBefore.front(), 21600) << "a day back from now";
@@ -95,7 +162,6 @@ TEST(SnapshotRecorder, PurgesAtTheStartAndThenSeldom) {
   EXPECT_EQ(ahead.newest - ahead.purgedBefore.at(0), 86'400) << "a day back from the newest snapshot";
   EXPECT_EQ(world.complaints, std::vector<std::string>{"can't purge the history: locked"});
 }
-// clang-format on
 
 }  // namespace
 }  // namespace quenzel

@@ -78,5 +78,11 @@ TEST(Text, RepairsIllFormedUTF8) {
     EXPECT_EQ(repairedUTF8(std::string(bytes)), repaired) << repaired;
 }
 
+TEST(Text, CountsInWords) {
+  EXPECT_EQ(quantity(0, "process", "processes"), "0 processes");
+  EXPECT_EQ(quantity(1, "process", "processes"), "1 process");
+  EXPECT_EQ(quantity(-1, "point", "points"), "-1 points");
+}
+
 }  // namespace
 }  // namespace quenzel
