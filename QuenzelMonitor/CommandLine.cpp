@@ -17,6 +17,15 @@
 #include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
+namespace {
+
+/// The program alone, or a group of commands alone, asks what there is.
+int printOverview(const CLI::App& app, Console& console) {
+  console.out << app.help();  // of the group, where one is named
+  return exitSuccess;
+}
+
+}  // namespace
 
 int runCommandLine(int argumentCount, const char* const* arguments, Console console) {
   CLI::App app("Quenzel: where does this computer's power go?", "quenzel");
@@ -32,7 +41,6 @@ int runCommandLine(int argumentCount, const char* const* arguments, Console cons
   addInspectCommand(app, command, console);
   try {
     app.parse(argumentCount, arguments);
-    if (!command) throw CLI::RequiredError("a command");
   } catch (const CLI::Success& request) {  // help or version
     const int status = app.exit(request, console.out, console.err);
     return console.out.flush() ? status : exitFailure;
@@ -40,6 +48,7 @@ int runCommandLine(int argumentCount, const char* const* arguments, Console cons
     console.err << "quenzel: " << printableLine(error.what()) << " (see --help)\n";
     return exitUsage;
   }
+  if (!command) command = [&] { return printOverview(app, console); };
   try {
     const int status = command();
     console.out.flush();

@@ -150,7 +150,9 @@ int quit(const QuitOptions& options, bool json, Console& console) {
   for (const std::int64_t pid : plan.protectedPIDs)
     console.out << fmt::format("{:>8}  left alone: needed by this command\n", pid);
   if (lasting > 0)
-    throw CommandError(fmt::format("{} of {} processes did not end", lasting, outcomes.size()));
+    throw CommandError(
+        fmt::format("{} of {} did not end", lasting,
+                    quantity(static_cast<std::int64_t>(outcomes.size()), "process", "processes")));
   return exitSuccess;
 }
 
@@ -189,7 +191,7 @@ void addDaemonCommand(CLI::App& app, std::function<int()>& command, Console& con
                     fmt::format("Process {} has ended.", number)};
   });
   using PIDRange = std::numeric_limits<std::int32_t>;
-  addIntegerOption(*terminate, "PID", *pid, PIDRange::min(), PIDRange::max(), "its process id")->required();
+  addIntegerOption(*terminate, "PID", *pid, PIDRange::min(), PIDRange::max(), "its process ID")->required();
 
   const auto options = std::make_shared<QuitOptions>();
   CLI::App* quitApp = daemon->add_subcommand("quit", "End an application and its helpers");

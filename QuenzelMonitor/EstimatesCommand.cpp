@@ -73,7 +73,7 @@ void addEstimatesCommand(CLI::App& app, std::function<int()>& command, Console& 
   for (CLI::App* listing :
        {&addSubcommand("pending", "List the estimates to be evaluated, oldest first", pending),
         &addSubcommand("list", "List the estimates, newest first", list)}) {
-    addIntegerOption(*listing, "--limit", options->limit, 1, anyCount, "how many (100)");
+    addIntegerOption(*listing, "--limit", options->limit, 1, anyCount, "how many")->capture_default_str();
   }
 }
 

@@ -138,17 +138,22 @@ class HistorySubcommand {
   CLI::App& app() { return app_; }
   HistoryOptions& options() { return *options_; }
 
-  void addLimit(const char* description) {
-    addIntegerOption(app_, "--limit", options_->limit, 1, anyCount, description);
+  CLI::Option* addLimit(const char* description) {
+    return addIntegerOption(app_, "--limit", options_->limit, 1, anyCount, description);
   }
   void addWindow() {
     addNumberOption(app_, "--seconds", options_->windowSeconds, -anySeconds, anySeconds,
-                    "length of the window (3600)");
+                    "length of the window")
+        ->type_name("SECONDS")
+        ->capture_default_str();
     addNumberOption(app_, "--anchor", options_->anchor, -anySeconds, anySeconds,
-                    "the window's end in seconds since 1970; the newest snapshot when left out");
+                    "the window's end in seconds since 1970; the newest snapshot when left out")
+        ->type_name("SECONDS");
   }
   CLI::Option* addTime(const char* name, double& time, const char* description) {
-    return addNumberOption(app_, name, time, -anySeconds, anySeconds, description)->required();
+    return addNumberOption(app_, name, time, -anySeconds, anySeconds, description)
+        ->type_name("SECONDS")
+        ->required();
   }
 
   void run(std::function<int()>& command, Console& console, HistoryAccess access, Action action) {
@@ -165,8 +170,6 @@ class HistorySubcommand {
   }
 
  private:
-  static constexpr double anySeconds = 1e12;  // thirty thousand years
-
   CLI::App& app_;
   std::shared_ptr<HistoryOptions> options_ = std::make_shared<HistoryOptions>();
 };
@@ -178,7 +181,7 @@ void addHistoryCommand(CLI::App& app, std::function<int()>& command, Console& co
   history.require_subcommand(0, 1);
 
   HistorySubcommand latestApp(history, "latest", "Print the newest snapshots, oldest of them first");
-  latestApp.addLimit("how many (10)");
+  latestApp.addLimit("how many")->capture_default_str();
   latestApp.run(command, console, HistoryAccess::read, latest);
 
   HistorySubcommand showApp(history, "show", "Print one snapshot");
@@ -189,12 +192,13 @@ void addHistoryCommand(CLI::App& app, std::function<int()>& command, Console& co
   HistorySubcommand windowApp(history, "window", "Print the snapshots of a window, thinned");
   windowApp.addWindow();
   addIntegerOption(windowApp.app(), "--max-rows", windowApp.options().maxRows, -anyCount, anyCount,
-                   "about how many, from 1 to 10000 (500)");
+                   "about how many, from 1 to 10000")
+      ->capture_default_str();
   windowApp.run(command, console, HistoryAccess::read, window);
 
   HistorySubcommand energyApp(history, "energy", "Print the energy over the newest snapshots");
   energyApp.options().limit = anyCount;
-  energyApp.addLimit("over how many (all)");
+  energyApp.addLimit("over how many; all when left out");
   energyApp.run(command, console, HistoryAccess::read, energy);
 
   HistorySubcommand summaryApp(history, "summary", "Print the energy totals between two moments");
@@ -205,7 +209,8 @@ void addHistoryCommand(CLI::App& app, std::function<int()>& command, Console& co
   HistorySubcommand detailsApp(history, "details", "Print everything that the details views show");
   detailsApp.addWindow();
   addIntegerOption(detailsApp.app(), "--max-series", detailsApp.options().maxSeries, 0, anyCount,
-                   "the most applications with a curve (5)");
+                   "the most applications with a curve")
+      ->capture_default_str();
   detailsApp.run(command, console, HistoryAccess::read, details);
 
   HistorySubcommand importApp(history, "import", "Store snapshots, one JSON document a line");

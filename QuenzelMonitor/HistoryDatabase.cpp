@@ -13,6 +13,7 @@ namespace quenzel {
 void addDatabaseOption(CLI::App& app, std::optional<std::string>& database) {
   app.add_option("--database", database,
                  "file of the history; when left out the shared one, or your own where that can't be made")
+      ->type_name("PATH")
       ->default_str(SQLiteSnapshotStoreLocation::defaultDatabaseURL());
 }
 

@@ -25,21 +25,23 @@ std::string duration(double hours) {
   return hours < 48 ? fmt::format("{:.1f} h", hours) : fmt::format("{:.1f} days", hours / 24);
 }
 
+std::string futureNote(const HistoryView& view) {
+  if (!view.newestInFuture) return "";
+  return fmt::format("Snapshots of the future (up to {}) are left out: the clock was ahead.\n",
+                     localTimestampText(*view.newestInFuture));
+}
+
 std::string heading(const HistoryView& view) {
   const DetailsPipelineOutput& details = view.details;
-  std::string text =
-      fmt::format("The last {} up to {}: {} snapshot{} over {}{}\n", view.period.label,
-                  localTimeText(details.anchor, "%Y-%m-%d %H:%M:%S"), details.snapshotCount,
-                  details.snapshotCount == 1 ? "" : "s", duration(details.summary.trackedHours),
-                  details.modelled ? " (some figures are modelled, not measured)" : "");
-  // Of a gap only a minute counts, so energy and average are of less than the whole time.
+  std::string text = fmt::format(
+      "The last {} up to {}: {} over {}{}\n", view.period.label, localTimestampText(details.anchor),
+      quantity(details.snapshotCount, "snapshot", "snapshots"), duration(details.summary.trackedHours),
+      details.modelled ? " (some figures are modelled, not measured)" : "");
+  // A gap counts as a minute at most, so energy and average are those of less than the whole time.
   if (details.summary.sampleHours < 0.98 * details.summary.trackedHours)
-    text += fmt::format("Only {} of that were sampled: nothing is known of the rest.\n",
+    text += fmt::format("Only {} of that was sampled; gaps are not interpolated.\n",
                         duration(details.summary.sampleHours));
-  if (view.newestInFuture)
-    text += fmt::format("Snapshots of the future (up to {}) are left out: the clock was ahead.\n",
-                        localTimeText(*view.newestInFuture, "%Y-%m-%d %H:%M:%S"));
-  return text;
+  return text + futureNote(view);
 }
 
 std::string totals(const DetailsWindowSummary& summary) {
@@ -48,7 +50,7 @@ std::string totals(const DetailsWindowSummary& summary) {
   text += fmt::format("On battery {:.3f} Wh\n", summary.batteryWh);
   text += fmt::format("Quenzel    {:.3f} Wh, {:.1f} % of it\n", summary.trackerWh,
                       share(summary.trackerWh, summary.totalWh));
-  text += fmt::format("Went to    processes {:.3f} Wh, display and USB {:.3f} Wh, nobody known {:.3f} Wh\n",
+  text += fmt::format("Went to    processes {:.3f} Wh, display and USB {:.3f} Wh, unattributed {:.3f} Wh\n",
                       summary.processWh, summary.screenWh + summary.usbWh, summary.unattributedWh);
   return text;
 }
@@ -57,7 +59,7 @@ std::string batteryLine(const HistoryView& view) {
   const auto& levels = view.details.batteryLevelPercent;
   if (levels.empty()) return "Battery    unknown\n";
   std::string line = fmt::format("Battery    {:.1f} %", levels.back().value);
-  if (const auto rate = view.trends.batteryDrainRatePerHour) {
+  if (const auto rate = view.trends.reliableBatteryDrainRatePerHour) {
     constexpr double leastShownRate = 0.05;
     if (std::abs(*rate) < leastShownRate) {
       line += ", steady";
@@ -121,7 +123,8 @@ std::string applicationTable(const HistoryView& view, const HistoryReportLayout&
 }  // namespace
 
 std::string historyReport(const HistoryView& view, const HistoryReportLayout& layout) {
-  if (view.details.snapshotCount == 0) return "The history is empty.\n";
+  if (view.details.snapshotCount == 0)
+    return fmt::format("The last {} has no snapshots.\n", view.period.label) + futureNote(view);
   constexpr std::size_t powerHeight = 10, energyHeight = 7;
   return heading(view) + totals(view.details.summary) + batteryLine(view) +
          chart("Power, smoothed", view.trends.powerTrend, &PowerTrendPoint::totalW, axesOf(view, "W"),

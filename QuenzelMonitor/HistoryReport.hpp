@@ -15,7 +15,8 @@ struct HistoryReportLayout {
 };
 
 /// A window of the history for a person: totals, battery, the curves of power and energy, and the
-/// applications that drew most. Says so when figures are modelled.
+/// applications that drew most. Says so when figures are modelled. Times are local, with their offset in the
+/// heading.
 std::string historyReport(const HistoryView& view, const HistoryReportLayout& layout);
 
 }  // namespace quenzel

@@ -83,6 +83,7 @@ OrderedJson encodeApplication(const ApplicationUsage& usage) {
 
 OrderedJson encodePowerPoint(const PowerTrendPoint& point) {
   return {{"timestamp", encodeJSONValue(point.timestamp)},
+          {"time", iso8601Text(point.timestamp)},
           {"totalW", point.totalW},
           {"processW", point.processW},
           {"componentW", point.componentW},
@@ -92,12 +93,15 @@ OrderedJson encodePowerPoint(const PowerTrendPoint& point) {
 
 OrderedJson encodeEnergyPoint(const EnergyTrendPoint& point) {
   return {{"timestamp", encodeJSONValue(point.timestamp)},
+          {"time", iso8601Text(point.timestamp)},
           {"totalWh", point.totalWh},
           {"batteryWh", point.batteryWh}};
 }
 
 OrderedJson encodeLevelPoint(const BatteryLevelPoint& point) {
-  return {{"timestamp", encodeJSONValue(point.timestamp)}, {"levelPercent", point.levelPercent}};
+  return {{"timestamp", encodeJSONValue(point.timestamp)},
+          {"time", iso8601Text(point.timestamp)},
+          {"levelPercent", point.levelPercent}};
 }
 
 }  // namespace
@@ -119,14 +123,16 @@ OrderedJson encodeHistoryView(const HistoryView& view) {
   const DetailsPipelineOutput& details = view.details;
   OrderedJson json = {{"window", view.period.label},
                       {"windowStart", encodeJSONValue(details.windowStart)},
+                      {"windowStartTime", iso8601Text(details.windowStart)},
                       {"anchor", encodeJSONValue(details.anchor)},
+                      {"anchorTime", iso8601Text(details.anchor)},
                       {"snapshotCount", details.snapshotCount},
                       {"modelled", details.modelled},
                       {"summary", encodeDetailsWindowSummary(details.summary)}};
   if (!details.batteryLevelPercent.empty())
     json["batteryLevelPercent"] = details.batteryLevelPercent.back().value;
-  if (view.trends.batteryDrainRatePerHour)
-    json["batteryDrainRatePctPerHour"] = *view.trends.batteryDrainRatePerHour;
+  if (const auto rate = view.trends.reliableBatteryDrainRatePerHour)
+    json["batteryDrainRatePctPerHour"] = *rate;
   json["applications"] = encodeJSONList(view.applications, encodeApplication);
   json["powerTrend"] = encodeJSONList(view.trends.powerTrend, encodePowerPoint);
   json["energyTrend"] = encodeJSONList(view.trends.energyTrend, encodeEnergyPoint);

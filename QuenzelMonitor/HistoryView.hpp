@@ -29,8 +29,8 @@ struct HistoryView {
   DetailsPipelineOutput details = {};
   GraphPeriodTrends trends = {};
   std::vector<ApplicationUsage> applications = {};  ///< most energy first
-  /// The time of the newest snapshot where that is ahead of the clock, as the clock was when it was recorded.
-  /// The window then ends now.
+  /// The time of the newest snapshot where that is ahead of the clock, because the clock was ahead when it
+  /// was recorded. The window then ends now.
   std::optional<PointInTime> newestInFuture = {};
 };
 
@@ -39,6 +39,7 @@ struct HistoryView {
 /// @throws SnapshotStoreError
 HistoryView readHistoryView(const SQLiteSnapshotStore& store, const GraphPeriodSpec& period, PointInTime now);
 
+/// Points in time are seconds since 2001, each beside the same in ISO 8601 (UTC).
 nlohmann::ordered_json encodeHistoryView(const HistoryView& view);
 
 }  // namespace quenzel

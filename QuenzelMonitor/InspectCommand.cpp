@@ -74,7 +74,8 @@ void addInspectCommand(CLI::App& app, std::function<int()>& command, Console& co
   const auto ps = [options](std::string_view input) { return inspectPS(input, *options); };
   CLI::App* psApp = addStage(*inspect, "ps", "text of ps in the sampler's form", ps, command, console);
   addIntegerOption(*psApp, "--limit", options->limit, -anyCount, anyCount,
-                   "how many of the busiest processes to keep (1000)");
+                   "how many of the busiest processes to keep")
+      ->capture_default_str();
   psApp->add_flag("--tree", options->tree, "list every process as well");
   psApp->add_flag("--resolve", options->resolve, "look processes and paths up on this machine");
 }

@@ -82,9 +82,11 @@ void addSampleCommand(CLI::App& app, std::function<int()>& command, Console& con
   const auto options = std::make_shared<SampleOptions>();
   constexpr double longestWatchSeconds = 7 * 24 * 3600;
   sampleApp->add_flag("--json", options->json, "print input, metadata and battery status as JSON");
-  addIntegerOption(*sampleApp, "--top", options->top, 0, anyCount, "how many processes to list (15)");
+  addIntegerOption(*sampleApp, "--top", options->top, 0, anyCount, "how many processes to list")
+      ->capture_default_str();
   auto* watchOption = addNumberOption(*sampleApp, "--watch", options->watchSeconds, 0.1, longestWatchSeconds,
-                                      "repeat every so many seconds until interrupted");
+                                      "repeat every so many seconds until interrupted")
+                          ->type_name("SECONDS");
   addIntegerOption(*sampleApp, "--count", options->count, 1, anyCount,
                    "with --watch: stop after that many cycles")
       ->needs(watchOption);

@@ -157,7 +157,9 @@ std::string processTable(const SamplingCycleResult& result, const SampleReportLa
     table += figures + shownName(row->name, layout.isUnicode, room) + '\n';
   }
   const std::size_t others = result.build.input.processes.size() - rows.size();
-  if (others > 0) table += fmt::format("{:>8}  other processes, at rest or below these\n", others);
+  if (others > 0)
+    table += fmt::format("{:>8}  other {}, at rest or below these\n", others,
+                         others == 1 ? "process" : "processes");
   return table;
 }
 
@@ -185,7 +187,7 @@ std::string sampleReport(const SamplingCycleResult& result, const SampleReportLa
       "  USB        {}\n"
       "{}"
       "  Processes  {} sampled; powermetrics lists {}\n\n",
-      iso8601Text(input.timestamp), powerSituation(result), batteryLine(result), totalLine(result),
+      localTimestampText(input.timestamp), powerSituation(result), batteryLine(result), totalLine(result),
       estimateLine(input.screenModelW, metadata.screenModelAvailable),
       estimateLine(input.usbModelW, metadata.usbModelAvailable), componentsLine(result),
       input.processes.size(), metadata.powermetricsParsedProcessCount);
@@ -207,7 +209,8 @@ std::string sampleReport(const SamplingCycleResult& result, const SampleReportLa
 }
 
 nlohmann::ordered_json encodeSample(const SamplingCycleResult& result) {
-  nlohmann::ordered_json json = {{"input", encodeAttributionInput(result.build.input)},
+  nlohmann::ordered_json json = {{"time", iso8601Text(result.build.input.timestamp)},
+                                 {"input", encodeAttributionInput(result.build.input)},
                                  {"metadata", encodeMetadata(result.build.metadata)}};
   if (result.build.batteryStatus) {
     json["batteryStatus"] = encodeBatteryStatusSample(*result.build.batteryStatus);

@@ -21,7 +21,8 @@ struct SampleReportLayout {
 /// where each figure comes from, and what was unavailable and why. Modelled figures are marked.
 std::string sampleReport(const SamplingCycleResult& result, const SampleReportLayout& layout);
 
-/// The same cycle for a program: input, metadata, battery status, unavailable sources, modelled hardware.
+/// The same cycle for a program: time (ISO 8601, UTC), input, metadata, battery status, unavailable sources,
+/// modelled hardware.
 nlohmann::ordered_json encodeSample(const SamplingCycleResult& result);
 
 }  // namespace quenzel

@@ -2,13 +2,16 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "QuenzelMonitor/Arguments.hpp"
@@ -42,7 +45,22 @@ GraphPeriodSpec periodOf(const ShowOptions& options, std::size_t width) {
           options.json ? DetailsPipelineOutput::maxSeriesPoints : static_cast<std::int64_t>(2 * width)};
 }
 
+/// Nothing to show is a failure that says how to begin.
+[[noreturn]] void refuse(const ShowOptions& options, std::string_view state) {
+  const std::string option = options.database ? " --database " + *options.database : "";
+  throw CommandError(fmt::format("{}; \"quenzel record{}\" records one until it is stopped", state, option));
+}
+
+void requireHistory(const ShowOptions& options) {
+  const std::string path = historyPath(options.database, HistoryAccess::read);
+  std::error_code failure;
+  const auto status = std::filesystem::status(path, failure);
+  if (status.type() == std::filesystem::file_type::not_found)
+    refuse(options, fmt::format("there is no history at {} yet", path));
+}
+
 int show(const ShowOptions& options, Console& console) {
+  requireHistory(options);
   constexpr std::size_t usualWidth = 80, widest = 160;
   HistoryReportLayout layout{.width = std::min(terminalWidth(console).value_or(usualWidth), widest),
                              .topApplications = static_cast<std::size_t>(options.top),
@@ -51,6 +69,9 @@ int show(const ShowOptions& options, Console& console) {
       withHistory(options.database, HistoryAccess::read, [&](SQLiteSnapshotStore& store) {
         return readHistoryView(store, periodOf(options, layout.width), now());
       });
+  if (view.details.snapshotCount == 0 && !view.newestInFuture)
+    refuse(options,
+           fmt::format("the history at {} is empty", historyPath(options.database, HistoryAccess::read)));
   if (options.json) return printJSON(encodeHistoryView(view), console);
   console.out << historyReport(view, layout);
   return exitSuccess;
@@ -62,9 +83,12 @@ void addShowCommand(CLI::App& app, std::function<int()>& command, Console& conso
   CLI::App* showApp = app.add_subcommand("show", "Show where the power of the last hours went");
   const auto options = std::make_shared<ShowOptions>();
   addDatabaseOption(*showApp, options->database);
-  showApp->add_option("--window", options->window, "1h, 24h or 7d (24h)")
-      ->check(CLI::IsMember({"1h", "24h", "7d"}));
-  addIntegerOption(*showApp, "--top", options->top, 0, anyCount, "how many applications to list (10)");
+  showApp->add_option("--window", options->window, "the time that ends with the newest snapshot")
+      ->type_name("LENGTH")
+      ->check(CLI::IsMember({"1h", "24h", "7d"}))
+      ->capture_default_str();
+  addIntegerOption(*showApp, "--top", options->top, 0, anyCount, "how many applications to list")
+      ->capture_default_str();
   showApp->add_flag("--json", options->json, "print the figures and curves as JSON");
   showApp->callback(
       [&command, &console, options] { command = [&console, options] { return show(*options, console); }; });

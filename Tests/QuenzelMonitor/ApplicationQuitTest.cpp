@@ -29,15 +29,27 @@ ProcessSample process(std::int64_t pid, std::int64_t parent, const char* name,
 }
 
 TEST(ApplicationQuit, FindsAnApplicationWithItsHelpersAndSparesItself) {
-  // clang-format off
-  const std::vector<ProcessSample> running = {
-      process(1, 0, "/sbin/init"), process(10, 1, "/Foo.app/Contents/MacOS/Foo"), process(11, 10, "/opt/h\u00C9lper"),
-      process(12, 10, "/usr/bin/ssh"), process(13, 10, "/System/Library/Dock.app/x/panel"), process(14, 1, "panel"),
-      process(20, 1, "/Bar.app/Contents/MacOS/Bar"), process(21, 20, "/opt/h\u00C9lper"), process(30, 1, "/opt/shell"),
-      process(31, 30, "/opt/quenzel"), process(32, 30, "/opt/shell"), process(40, 1, "/usr/bin/tool"), process(41, 1, "/opt/tool"),
-      process(50, 1, "Agent"), process(51, 1, "com.apple.Agent"), process(60, 1, "/Web.app/Contents/MacOS/Web", "org.w"),
-      process(61, 60, "/Web.app/Contents/x/GPU", "org.w.h"), process(62, 61, "/opt/pipe"), process(70, 1, "/opt/b\uFFFDd"),
-      process(80, 1, "ide", "org.ide"), process(81, 80, "/usr/bin/git")};
+  const std::vector<ProcessSample> running = {process(1, 0, "/sbin/init"),
+                                              process(10, 1, "/Foo.app/Contents/MacOS/Foo"),
+                                              process(11, 10, "/opt/h\u00C9lper"),
+                                              process(12, 10, "/usr/bin/ssh"),
+                                              process(13, 10, "/System/Library/Dock.app/x/panel"),
+                                              process(14, 1, "panel"),
+                                              process(20, 1, "/Bar.app/Contents/MacOS/Bar"),
+                                              process(21, 20, "/opt/h\u00C9lper"),
+                                              process(30, 1, "/opt/shell"),
+                                              process(31, 30, "/opt/quenzel"),
+                                              process(32, 30, "/opt/shell"),
+                                              process(40, 1, "/usr/bin/tool"),
+                                              process(41, 1, "/opt/tool"),
+                                              process(50, 1, "Agent"),
+                                              process(51, 1, "com.apple.Agent"),
+                                              process(60, 1, "/Web.app/Contents/MacOS/Web", "org.w"),
+                                              process(61, 60, "/Web.app/Contents/x/GPU", "org.w.h"),
+                                              process(62, 61, "/opt/pipe"),
+                                              process(70, 1, "/opt/b\uFFFDd"),
+                                              process(80, 1, "ide", "org.ide"),
+                                              process(81, 80, "/usr/bin/git")};
   const std::pair<const char*, QuitPlan> plans[] = {
       {" FOO ", {"Foo", false, {{10, "Foo"}, {13, "panel"}, {11, "h\u00C9lper"}, {12, "ssh"}}, {}}},
       {"app:/bar.APP", {"Bar", false, {{20, "Bar"}, {21, "h\u00C9lper"}}, {}}},
@@ -47,15 +59,18 @@ TEST(ApplicationQuit, FindsAnApplicationWithItsHelpersAndSparesItself) {
       {"exec:/usr/bin/tool", {"tool", true, {{40, "tool"}}, {}}},
       {"agent", {"Agent", true, {{50, "Agent"}, {51, "com.apple.Agent"}}, {}}},
       {"ide", {"ide", false, {{80, "ide"}, {81, "git"}}, {}}},  // though the path of the tool represents it
-      {"shell", {"shell", false, {{32, "shell"}}, {30}}}, {"init", {"init", true, {}, {1}}},
-      {"b\xFF" "d", {"b\uFFFDd", false, {{70, "b\uFFFDd"}}, {}}}};
+      {"shell", {"shell", false, {{32, "shell"}}, {30}}},
+      {"init", {"init", true, {}, {1}}},
+      {"b\xFF"
+       "d",
+       {"b\uFFFDd", false, {{70, "b\uFFFDd"}}, {}}}};
   const std::pair<const char*, const char*> refusals[] = {
       {"H\u00E9lper", R"("Hélper" is shown under Bar, Foo; "quit NAME" ends it all)"},
       {"SSH", R"("SSH" is shown under Foo; "quit Foo" ends it all)"},
       {"panel", R"("panel" is shown under Dock; "quit Dock" ends it all)"},  // the one process of its row
-      {"tool", R"("tool" is the name of several: exec:/opt/tool, exec:/usr/bin/tool; "quit KEY" ends one of them)"},
+      {"tool",
+       R"("tool" is the name of several: exec:/opt/tool, exec:/usr/bin/tool; "quit KEY" ends one of them)"},
       {"Fo", R"(no application "Fo" is running)"}};
-  // clang-format on
   for (const auto& [name, plan] : plans) EXPECT_EQ(planQuit(running, name, 31), plan) << name;
   for (const auto& [name, reason] : refusals)
     EXPECT_STREQ(thrownBy<CommandError>([&, wanted = name] { planQuit(running, wanted, 31); }).what(),

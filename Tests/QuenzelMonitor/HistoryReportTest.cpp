@@ -4,6 +4,7 @@
 
 #include "QuenzelMonitor/HistoryReport.hpp"
 #include "SharedModels/Snapshot/ModelledFigures.hpp"
+#include "Tests/Support/ScopedTimeZone.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
 
@@ -12,7 +13,9 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 constexpr double base = 1'700'000'000;
 
@@ -42,16 +45,25 @@ class HistoryReport : public ::testing::Test {
 
 TEST_F(HistoryReport, FoldsWhatBearsOneNameAndLosesNoEnergy) {
   for (const double seconds : {0., 36., 72.})
-    add(seconds, {{"App", 2}, {"app", 1}, {"日本語のとても長いアプリケーションの名前です", 4}},
+    add(seconds,
+        {{"App", 2},
+         {"app", 1},
+         {"日本語のとても長いアプリケーションの名前です", 4},
+         {"Z", 0.5},
+         {"z", 0.25}},
         80 - seconds / 36);
   add(108, {{"App", 2}, {"app", 1}}, 77);
   const HistoryView seen = view(200);
-  ASSERT_EQ(seen.applications.size(), 2u);
+  ASSERT_EQ(seen.applications.size(), 3u);
   EXPECT_NEAR(seen.applications[0].energyWh, 0.1, 1e-9);
   EXPECT_EQ(seen.applications[0].memberCount, 0);
   EXPECT_NEAR(seen.applications[1].energyWh, 0.09, 1e-9);
   EXPECT_EQ(seen.applications[1].memberCount, 2);
   EXPECT_EQ(seen.applications[1].latestW, 3);
+  const ApplicationUsage& ended = seen.applications[2];
+  EXPECT_EQ(std::tie(ended.name, ended.latestW, ended.memberCount), std::tuple("Z", 0.0, 0));
+  EXPECT_NEAR(ended.energyWh, 0.01875, 1e-9) << "both spellings";
+  EXPECT_NEAR(ended.averageW, 0.625, 1e-9) << "over the 108 s";
 
   const std::string text = historyReport(seen, {.width = 80, .isUnicode = true});
   EXPECT_THAT(
@@ -67,15 +79,39 @@ TEST_F(HistoryReport, FoldsWhatBearsOneNameAndLosesNoEnergy) {
 }
 
 TEST_F(HistoryReport, SaysWhatItsFiguresAreWorth) {
-  EXPECT_EQ(historyReport(view(0), {}), "The history is empty.\n");
+  EXPECT_THAT(historyReport(view(0), {}), StartsWith("The last 1h has no snapshots.\n"));
+  const testing::ScopedTimeZone nepal("<+0545>-05:45");
   add(0, {{"a", 1}}, 50);
   add(1800, {{"a", 1}}, 50, modelledSourceFlag.data());
   add(1840, {{"a", 1}}, 50);
   add(1e8, {{"a", 1}}, 50);  // recorded while the clock was ahead
   EXPECT_THAT(historyReport(view(1850), {}),
-              AllOf(HasSubstr(": 3 snapshots over 31 min (some figures are modelled, not measured)\n"),
-                    HasSubstr("Only 100 s of that were sampled: nothing is known of the rest.\n"),
-                    HasSubstr("the clock was ahead.\n"), HasSubstr("Battery    50.0 %, steady\n")));
+              AllOf(StartsWith("The last 1h up to 2023-11-15 04:29:10 +0545: 3 snapshots over 31 min "
+                               "(some figures are modelled, not measured)\n"
+                               "Only 100 s of that was sampled; gaps are not interpolated.\n"
+                               "Snapshots of the future (up to 2027-01-15 13:45:00 +0545) are left out"),
+                    HasSubstr("Battery    50.0 %\n")))
+      << "40 seconds are too short for a rate";
+  add(2400, {{"a", 1}}, 50);
+  EXPECT_THAT(historyReport(view(2410), {}), HasSubstr("Battery    50.0 %, steady\n"));
+  EXPECT_THAT(historyReport(view(9e7), {}), MatchesRegex("The last 1h has no snapshots.\nSnapshots of.*\n"));
+}
+
+TEST_F(HistoryReport, WritesTimesInBothForms) {
+  add(0, {{"a", 1}}, 50);
+  add(36, {{"a", 1}}, 49);
+  const auto json = encodeHistoryView(view(36));
+  EXPECT_EQ(json.at("anchor"), base + 36 - PointInTime::epochOffsetSeconds);
+  EXPECT_EQ(json.at("anchorTime"), "2023-11-14T22:13:56Z");
+  EXPECT_EQ(json.at("windowStartTime"), "2023-11-14T21:13:56Z");
+  for (const char* trend : {"powerTrend", "energyTrend", "batteryLevelTrend"}) {
+    EXPECT_EQ(json.at(trend).at(1).at("timestamp"), json.at("anchor")) << trend;
+    EXPECT_EQ(json.at(trend).at(1).at("time"), json.at("anchorTime")) << trend;
+  }
+  EXPECT_FALSE(json.contains("batteryDrainRatePctPerHour")) << "one step of 1 % within 36 seconds";
+  add(660, {{"a", 1}}, 48);
+  EXPECT_NEAR(encodeHistoryView(view(660)).at("batteryDrainRatePctPerHour").get<double>(), 2 / (660 / 3600.),
+              1e-9);
 }
 
 }  // namespace

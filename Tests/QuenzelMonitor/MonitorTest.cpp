@@ -8,6 +8,7 @@
 #include "QuenzelMonitor/SampleReport.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
+#include "Tests/Support/ScopedTimeZone.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
 
@@ -15,6 +16,7 @@ namespace quenzel {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
@@ -134,15 +136,16 @@ TEST_F(Monitor, AnswersBadInputWithOneLine) {
     std::string complaint;
   };
   const Row rows[] = {
-      {{}, "", exitUsage, "a command is required"},
-      {{"inspect"}, "", exitUsage, "is required"},
       {{"inspect", "nothing"}, "", exitUsage, "nothing"},
       {{"frobnicate"}, "", exitUsage, "frobnicate"},
       {{"daemon", "low-power", "maybe"}, "", exitUsage, "maybe"},
       {{"daemon", "terminate", "1x"}, "", exitUsage, "1x"},
       {{"daemon", "terminate", "0x10"}, "", exitUsage, "\"0x10\" is not a whole number"},
       {{"sample", "--watch", "nan"}, "", exitUsage, "\"nan\" is not a number from 0.1 to 604800"},
-      {{"sample", "--top", "-1"}, "", exitUsage, "\"-1\" is not a whole number of at least 0"},
+      {{"sample", "--top", "-1"}, "", exitUsage, "\"-1\" is not a whole number of at least 0 ("},
+      {{"inspect", "ps", "--limit", "1.5"}, "", exitUsage, "\"1.5\" is not a whole number ("},
+      {{"history", "window", "--anchor", "1e13"}, "", exitUsage, "\"1e13\" is not a number ("},
+      {{"daemon", "terminate", "2147483648"}, "", exitUsage, "from -2147483648 to 2147483647 ("},
       {{"sample", "--count", "2"}, "", exitUsage, "--watch"},
       {{"inspect", "pmset", "/nowhere/file"},
        "",
@@ -173,8 +176,40 @@ TEST_F(Monitor, AnswersBadInputWithOneLine) {
     EXPECT_THAT(outcome.err, AllOf(StartsWith("quenzel: "), HasSubstr(row.complaint)));
     EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
   }
-  EXPECT_EQ(quenzelWith({"--help"}).status, exitSuccess);
-  EXPECT_THAT(quenzelWith({"sample", "--help"}).out, HasSubstr("--watch"));
+}
+
+TEST_F(Monitor, SaysWhatThereIs) {
+  const std::pair<std::vector<const char*>, std::vector<const char*>> rows[] = {
+      {{}, {"Usage: quenzel", "sample ", "record ", "inspect "}},
+      {{"history"}, {"Usage: quenzel history", "latest ", "purge "}},
+      {{"--help"}, {"Usage: quenzel", "daemon "}},
+      {{"sample", "--help"}, {"--watch SECONDS ", "--top N( \\[|=)15", "--count N "}},
+      {{"record", "--help"}, {"--mode MODE:.*burst.( \\[|=)background", "--keep-days DAYS "}},
+      {{"show", "--help"}, {"--database PATH ", "--window LENGTH:.*7d.( \\[|=)24h", "--top N( \\[|=)10"}},
+      {{"history", "window", "--help"},
+       {"--seconds SECONDS( \\[|=)3600", "--anchor SECONDS ", "--max-rows N( \\[|=)500"}},
+      {{"estimates", "list", "--help"}, {"--limit N( \\[|=)100"}},
+      {{"inspect", "ps", "--help"}, {"--limit N( \\[|=)1000"}}};
+  for (const auto& [arguments, texts] : rows) {
+    const Outcome outcome = quenzelWith(arguments);
+    EXPECT_EQ(std::tie(outcome.status, outcome.err), std::tuple(exitSuccess, ""));
+    for (const char* text : texts)
+      EXPECT_THAT(outcome.out, ContainsRegex(text));  // a default is "=15" or " [15]"
+  }
+}
+
+TEST_F(Monitor, SaysHowToBeginAHistory) {
+  const std::string path = folder_ / "h.sqlite";
+  const std::string record = "; \"quenzel record --database " + path + "\" records one until it is stopped\n";
+  const auto show = [&] { return quenzelWith({"show", "--json", "--database", path.c_str()}); };
+  const Outcome missing = show();
+  EXPECT_EQ(missing.err, "quenzel: there is no history at " + path + " yet" + record);
+  quenzelWith({"history", "import", "--database", path.c_str()}, "");
+  const Outcome empty = show();
+  EXPECT_EQ(empty.err, "quenzel: the history at " + path + " is empty" + record);
+  for (const Outcome& outcome : {missing, empty})
+    EXPECT_EQ(std::tie(outcome.status, outcome.out), std::tuple(exitFailure, ""));
+  EXPECT_THAT(quenzelWith({"show"}).err, HasSubstr(" yet; \"quenzel record\" records one"));
 }
 
 TEST_F(Monitor, SamplesThisMachineThroughTheStandInTools) {
@@ -182,6 +217,7 @@ TEST_F(Monitor, SamplesThisMachineThroughTheStandInTools) {
   const Outcome outcome = quenzelWith({"sample", "--json"});
   ASSERT_EQ(outcome.status, exitSuccess) << outcome.err;
   const auto json = nlohmann::json::parse(outcome.out);
+  EXPECT_EQ(json["time"], iso8601Text({json["input"]["timestamp"]}));
   EXPECT_GT(json["input"]["processes"].size(), 1U);
   EXPECT_TRUE(json["metadata"]["powermetricsCommandOK"]);
   EXPECT_TRUE(json["metadata"]["powermetricsHasPackagePower"]) << "measured, or modelled where it can't be";
@@ -212,6 +248,7 @@ TEST_F(Monitor, SaysWhatIsMissingAndWhy) {
 }
 
 TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
+  const testing::ScopedTimeZone nepal("<+0545>-05:45");
   SamplingCycleResult result;
   result.hasBattery = result.onBattery = true;
   result.build.input.totalDischargeW = 11.25;
@@ -230,7 +267,7 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
       .cpuW = 3.5, .dramW = 0.25, .totalTrackedW = 3.75, .intervalSeconds = 2.04, .supported = true};
   result.componentPower.memoryFabricW = 1.5;
   EXPECT_EQ(sampleReport(result, {.topProcesses = 5, .width = 80}),
-            "Quenzel at 2001-01-01T00:00:00Z\n"
+            "Quenzel at 2001-01-01 05:45:00 +0545\n"
             "  Power      on battery\n"
             "  Battery    81.5 %, discharging at 11.25 W, 50.0 Wh left, 4 h 07 min to empty\n"
             "  Total      11.25 W, reported by the battery (source IOKit)\n"
@@ -243,7 +280,7 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
             "     PID   CPU %     WATTS  WATTS FROM                                NAME\n"
             "       7     3.0     1.500  powermetrics, GPU by CPU share, modelled  executabl\u2026\n"
             "       8    55.0         -  ps only                                   b\u00FCsy\n"
-            "       1  other processes, at rest or below these\n"
+            "       1  other process, at rest or below these\n"
             "CPU % is what ps reports: on Linux the average over the process's whole life.\n"
             "\n"
             "Not available:\n"
