@@ -35,6 +35,15 @@ double representable(double value) {
 
 double averageW(double energyWh, double hours) { return hours > 0 ? representable(energyWh / hours) : 0; }
 
+/// The snapshot's rows taken apart, so that not every group looks through those of all.
+TextMap<DrainSnapshot> rowsByGroup(const DrainSnapshot& snapshot) {
+  TextMap<DrainSnapshot> groups;
+  for (const ProcessDrain& process : snapshot.processes) {
+    if (process.processGroupKey) groups[*process.processGroupKey].processes.push_back(process);
+  }
+  return groups;
+}
+
 TextMap<double> latestGroupWatts(const DrainSnapshot& latest) {
   TextMap<double> watts;
   for (const ProcessDrain& process : latest.processes)
@@ -129,12 +138,14 @@ std::vector<GroupedProcessData> buildGroupedProcessData(const TextMap<GroupedWat
                                                         const DrainSnapshot& latest, double sampleHours) {
   using ProcessAttributionPresentationService::stableSyntheticPID;
   const TextMap<double> latestW = latestGroupWatts(latest);
+  const TextMap<DrainSnapshot> latestRows = rowsByGroup(latest);
   std::vector<GroupedProcessData> processes;
   processes.reserve(groups.size());
   for (const auto& [key, group] : groups) {
     GroupedProcessData data;
     data.groupKey = key;
-    data.representative = groupedRepresentative(latest, key);
+    const auto rows = latestRows.find(key);
+    if (rows != latestRows.end()) data.representative = groupedRepresentative(rows->second, key);
     data.canonicalName = data.representative ? data.representative->canonicalName.value_or(key)
                                              : valueOr(canonicalNames, key, key);
     data.pid = data.representative ? data.representative->pid : stableSyntheticPID(key);
