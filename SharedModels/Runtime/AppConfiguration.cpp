@@ -62,7 +62,7 @@ bool namesHost(std::string_view authority) {
 /// Whether the text is an absolute URL with a host (RFC 3986, section 3).
 bool isURL(std::string_view text) {
   const std::size_t colon = text.find("://");
-  if (colon == std::string_view::npos || colon == 0 || !isLetter(text.front())) return false;
+  if (colon == std::string_view::npos || !isLetter(text.front())) return false;
   const std::string_view scheme = text.substr(0, colon);
   const bool schemeFits = std::all_of(scheme.begin(), scheme.end(), [](char c) {
     return isLetter(c) || isDigit(c) || c == '+' || c == '-' || c == '.';

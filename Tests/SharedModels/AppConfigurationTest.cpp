@@ -51,9 +51,9 @@ TEST(AppConfiguration, TakesTheFeedFromTheFirstPlaceThatSetsOne) {
   EXPECT_EQ(feedURL({}, &odd), standard);
   EXPECT_EQ(feedURL({}, &wrong), standard);
   for (const char* url :
-       {"https://a.example/feed.xml?x=%20", "H2+x-y.z://a", "file://host/%aF%Fa%09", "https://a:8080",
-        "https://user:word@a:1", "https://[::1]:80/x", "https://[fe80::1]", "https://a:", "https://a?b#c",
-        "https://AZaz09-._~:/?#[]@!$&'()*+,;="}) {
+       {"https://a.example/feed.xml?x=%20", "H2+x-y.z://a", "file://host/%aF%Fa%09", "x://a",
+        "https://a:8080", "https://user:word@a:1", "https://[::1]:80/x", "https://[fe80::1]",
+        "https://a:", "https://a?b#c", "https://AZaz09-._~:/?#[]@!$&'()*+,;="}) {
     EXPECT_EQ(feedURL({{variable, url}}, &ours), url);
   }
   for (const char* text : {"",
