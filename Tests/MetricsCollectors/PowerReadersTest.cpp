@@ -189,7 +189,7 @@ TEST(SystemCPULoadReader, MeasuresBetweenSamples) {
       .WillOnce(Return(CPUTicks{130, 210, 350, 5}))
       .WillOnce(Return(std::nullopt))
       .WillOnce(Return(CPUTicks{130, 210, 350, 5}))
-      .WillOnce(Return(CPUTicks{130, 210, 351, 5}));
+      .WillOnce(Return(CPUTicks{131, 210, 350, 5}));
   SystemCPULoadReader reader(0, std::move(ticks));
   FakeClock clock;
   const auto sampleAfter = [&](double seconds) {
@@ -200,7 +200,7 @@ TEST(SystemCPULoadReader, MeasuresBetweenSamples) {
   EXPECT_EQ(sampleAfter(2), (SystemCPUSample{0.5, 1, 2}));  // 30 + 10 + 10 of 100, nice having wrapped
   EXPECT_EQ(sampleAfter(3), (SystemCPUSample{0, 1, 0}));    // a failed read changes nothing
   EXPECT_EQ(sampleAfter(1), (SystemCPUSample{0, 1, 4}));    // no tick passed
-  EXPECT_EQ(sampleAfter(-9), (SystemCPUSample{0, 1, 0}));   // the clock was set back
+  EXPECT_EQ(sampleAfter(-9), (SystemCPUSample{1, 1, 0}));   // the clock was set back
 }
 
 }  // namespace
