@@ -60,6 +60,13 @@ TEST(PowermetricsParser, TakesTheLastPackageLineAndTheFirstSystemLine) {
   const PowermetricsParseOutput nothing = Parser().parse("");
   EXPECT_EQ(nothing, PowermetricsParseOutput{});
   EXPECT_FALSE(nothing.hasPackagePower());
+  using Output = PowermetricsParseOutput;
+  for (double Output::*watts :
+       {&Output::cpuPackageW, &Output::gpuPackageW, &Output::anePackageW, &Output::combinedPackageW}) {
+    Output one;
+    one.*watts = 0.5;
+    EXPECT_TRUE(one.hasPackagePower());
+  }
 }
 
 TEST(PowermetricsParser, KeepsTaskRowsOnly) {
