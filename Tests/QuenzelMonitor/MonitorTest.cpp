@@ -185,7 +185,7 @@ TEST_F(Monitor, SaysWhatThereIs) {
       {{"--help"}, {"Usage: quenzel", "daemon "}},
       {{"sample", "--help"}, {"--watch SECONDS ", "--top N( \\[|=)15", "--count N "}},
       {{"record", "--help"}, {"--mode MODE:.*burst.( \\[|=)background", "--keep-days DAYS "}},
-      {{"show", "--help"}, {"--database PATH ", "--window LENGTH:.*7d.( \\[|=)24h", "--top N( \\[|=)10"}},
+      {{"show", "--help"}, {"--database PATH", "--window LENGTH:.*7d.( \\[|=)24h", "--top N( \\[|=)10"}},
       {{"history", "window", "--help"},
        {"--seconds SECONDS( \\[|=)3600", "--anchor SECONDS ", "--max-rows N( \\[|=)500"}},
       {{"estimates", "list", "--help"}, {"--limit N( \\[|=)100"}},
