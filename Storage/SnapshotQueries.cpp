@@ -136,27 +136,27 @@ ProcessDrain processOfRow(const Statement& row) {
 }
 
 /// Finds the process row that a source flag belongs to. Flags come in the order of their rows' keys, so that
-/// most belong to the row of the one before.
+/// most belong to the row of the one before. Rows are sorted by PID and name, so that even thousands of one
+/// PID are found in logarithmic time.
 class ProcessRowIndex {
  public:
-  explicit ProcessRowIndex(std::vector<ProcessDrain>& rows) : rows_(rows) {
-    byPID_.reserve(rows.size());
-    for (std::size_t index = 0; index < rows.size(); ++index) byPID_.emplace_back(rows[index].pid, index);
-    std::sort(byPID_.begin(), byPID_.end());
+  explicit ProcessRowIndex(std::vector<ProcessDrain>& rows) {
+    rows_.reserve(rows.size());
+    for (ProcessDrain& row : rows) rows_.emplace_back(row.pid, row.name, &row);
+    std::sort(rows_.begin(), rows_.end());
   }
 
   ProcessDrain* find(std::int64_t pid, std::string_view name) {
     if (last_ != nullptr && last_->pid == pid && last_->name == name) return last_;
-    auto entry = std::lower_bound(byPID_.begin(), byPID_.end(), std::pair(pid, std::size_t{0}));
-    for (; entry != byPID_.end() && entry->first == pid; ++entry) {
-      if (rows_[entry->second].name == name) return last_ = &rows_[entry->second];
-    }
-    return nullptr;
+    const auto entry = std::lower_bound(rows_.begin(), rows_.end(), Entry(pid, name, nullptr));
+    if (entry == rows_.end() || std::get<0>(*entry) != pid || std::get<1>(*entry) != name) return nullptr;
+    return last_ = std::get<2>(*entry);
   }
 
  private:
-  std::vector<ProcessDrain>& rows_;
-  std::vector<std::pair<std::int64_t, std::size_t>> byPID_;
+  using Entry = std::tuple<std::int64_t, std::string_view, ProcessDrain*>;
+
+  std::vector<Entry> rows_;
   ProcessDrain* last_ = nullptr;
 };
 
