@@ -51,6 +51,13 @@ TextMap<double> latestGroupWatts(const DrainSnapshot& latest) {
   return watts;
 }
 
+/// By the key under which each hidden workload is integrated.
+TextMap<double> latestHiddenWatts(const DrainSnapshot& latest) {
+  TextMap<double> watts;
+  for (const HiddenDrain& row : latest.hidden) watts[row.id()] += row.drainW;
+  return watts;
+}
+
 GroupedWatts noWatts() { return {.spanWh = std::vector<double>(DetailsPipelineOutput::maxSeriesPoints)}; }
 
 /// An infinite power over no time is no energy.
@@ -164,17 +171,16 @@ std::vector<GroupedProcessData> buildGroupedProcessData(const TextMap<GroupedWat
 std::vector<GroupedHiddenData> buildHiddenData(
     const TextMap<GroupedWatts>& groups, std::span<const std::pair<HiddenDrainKind, std::string>> workloads,
     const DrainSnapshot& latest, double sampleHours) {
+  const TextMap<double> latestW = latestHiddenWatts(latest);
   std::vector<GroupedHiddenData> hidden;
   hidden.reserve(workloads.size());
   for (const auto& [kind, identifier] : workloads) {
     GroupedHiddenData data{.kind = kind, .identifier = identifier};
-    const auto group = groups.find(HiddenDrain{kind, identifier}.id());
+    const std::string id = HiddenDrain{kind, identifier}.id();
+    const auto group = groups.find(id);
     if (group != groups.end()) data.energyWh = representable(group->second.energyWh);
     data.averageW = averageW(data.energyWh, sampleHours);
-    for (const HiddenDrain& row : latest.hidden) {
-      if (row.kind == kind && row.identifier == identifier) data.latestW += row.drainW;
-    }
-    data.latestW = representable(data.latestW);
+    data.latestW = representable(valueOr(latestW, id, 0.0));
     hidden.push_back(std::move(data));
   }
   std::sort(hidden.begin(), hidden.end(), [](const auto& left, const auto& right) {
