@@ -1,25 +1,35 @@
 #include <algorithm>
 #include <numeric>
+#include <sstream>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "SharedModels/DetailsDataPipeline/DetailsReadModel.hpp"
-#include "SharedModels/Presentation/SyntheticPID.hpp"
+#include "SharedModels/Snapshot/ModelledFigures.hpp"
 #include "SharedModels/Snapshot/SnapshotQuality.hpp"
+#include "Storage/Database.hpp"
+#include "Storage/EnergyQueries.hpp"
 #include "Storage/SQLiteSnapshotStore.hpp"
+#include "Storage/SnapshotInsertion.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
 
 namespace quenzel {
 namespace {
 
-constexpr double base = 1'700'000'000;
+constexpr double step = 56.25;  ///< a 64th of an hour: energies over it are exact
 
-PointInTime at(double seconds) { return PointInTime::fromSecondsSince1970(base + seconds); }
+PointInTime at(double seconds) { return {seconds}; }
 
-ProcessDrain member(std::int64_t pid, const char* name, const char* key, double drainW) {
-  ProcessDrain process = makeProcessDrain(pid, name, drainW, {});
+DrainSnapshot snapshotAt(double seconds, double totalW, std::vector<ProcessDrain> processes = {}) {
+  return makeSnapshot(at(seconds).secondsSince1970(), totalW, std::move(processes));
+}
+
+ProcessDrain member(std::int64_t pid, const char* name, const char* key, double drainW,
+                    std::vector<std::string> sourceFlags = {}) {
+  ProcessDrain process = makeProcessDrain(pid, name, drainW, std::move(sourceFlags));
   process.displayName = name;
   process.canonicalName = std::string(key) + " app";
   process.processGroupKey = key;
@@ -28,123 +38,102 @@ ProcessDrain member(std::int64_t pid, const char* name, const char* key, double 
 
 class HistoryQueriesTest : public ::testing::Test {
  protected:
-  DrainSnapshot add(double seconds, double totalW, std::optional<bool> onBattery = {},
-                    std::vector<ProcessDrain> processes = {}) {
-    DrainSnapshot snapshot = makeSnapshot(base + seconds, totalW, std::move(processes));
-    if (onBattery) snapshot.powerContext = {*onBattery, {}};
-    store.insert(snapshot);
-    return snapshot;
+  /// Of each reading: seconds, watts and whether on battery ("b"), on an adapter ("a") or neither known.
+  void add(const std::string& readings) {
+    std::istringstream in(readings);
+    double seconds = 0, watts = 0;
+    for (char source = 0; in >> seconds >> watts >> source;) {
+      DrainSnapshot snapshot = snapshotAt(seconds, watts);
+      if (source != '-') snapshot.powerContext = {source == 'b', {}};
+      store.insert(snapshot);
+    }
   }
+  void clear() { store.purgeSnapshots(at(1e6)); }
 
   testing::TemporaryDirectory folder;
   SQLiteSnapshotStore store{folder / "history.sqlite", SQLiteSnapshotStore::Mode::readWriteCreate};
 };
 
 TEST(SnapshotQuality, RanksByMeaningfulPowerThenByCoverage) {
-  EXPECT_EQ(snapshotQuality(10, 5), 1.5);
-  EXPECT_EQ(snapshotQuality(10, 20), 2);
-  EXPECT_DOUBLE_EQ(snapshotQuality(0.05, 0.04), 0.4);
-  EXPECT_EQ(snapshotQuality(10, 0), 0);
-  EXPECT_EQ(snapshotQuality(0.1, 0.05), 0.5) << "0.05 W is not more than 0.05 W";
-  EXPECT_EQ(snapshotQuality(0, -3), 0);
+  const double rows[][3] = {{10, 5, 1.5}, {10, 20, 2},     {0.05, 0.04, 0.04 / 0.1},
+                            {10, 0, 0},   {0.1, 0.05, .5}, {0, -3, 0}};
+  for (const auto& [totalW, processW, quality] : rows) EXPECT_EQ(snapshotQuality(totalW, processW), quality);
 }
 
 TEST_F(HistoryQueriesTest, IntegratesByTheTrapezoidRule) {
-  struct Reading {
-    double seconds, watts;
-    std::optional<bool> onBattery;
+  const struct {
+    const char *readings, *usage;  ///< watt-hours, those on battery, and seconds from first to last
+    double sampledSeconds;
+  } rows[] = {{"", "0 0 0", 0},
+              {"0 10 b", "0 0 0", 0},
+              {"0 10 - 10 20 -", "0.0416667 0 10", 10},
+              {"0 10 - 600 20 -", "0.25 0 600", 60},
+              {"0 -30 b 36 10 b 72 10 b", "0.1 0.1 72", 72},
+              {"0 10 b 36 10 -", "0.1 0.1 36", 36},
+              {"0 10 b 36 10 a 72 20 b", "0.25 0.15 72", 72},
+              {"36 10 - 0 10 -", "0.1 0 36", 36},
+              {"0 10 - 36 10 - 0 10 -", "0.1 0 36", 36}};  // equal times, no near duplicate of the newest
+  const auto textOf = [](const auto& summary) {
+    return fmt::format("{:.6g} {:.6g} {:.6g}", summary.totalWh, summary.batteryWh,
+                       summary.trackedHours * 3600);
   };
-  struct Row {
-    const char* what;
-    std::vector<Reading> readings;
-    double totalWh, batteryWh, trackedSeconds, sampledSeconds;
-  };
-  const Row rows[] = {
-      {"nothing", {}, 0, 0, 0, 0},
-      {"one", {{0, 10, true}}, 0, 0, 0, 0},
-      {"10 s", {{0, 10, {}}, {10, 20, {}}}, 10 / 3600. * 15, 0, 10, 10},
-      {"a gap counts a minute", {{0, 10, {}}, {600, 20, {}}}, 60 / 3600. * 15, 0, 600, 60},
-      {"below zero", {{0, -30, true}, {36, 10, true}, {72, 10, true}}, 0.1, 0.1, 72, 72},
-      {"later unknown", {{0, 10, true}, {36, 10, {}}}, 0.1, 0.1, 36, 36},
-      {"later decides", {{0, 10, true}, {36, 10, false}, {72, 20, true}}, 0.25, 0.15, 72, 72},
-      {"clock set back", {{36, 10, {}}, {0, 10, {}}}, 0.1, 0, 36, 36},
-  };
-  for (const Row& row : rows) {
-    store.purgeSnapshots(at(1e6));
-    for (const Reading& reading : row.readings) add(reading.seconds, reading.watts, reading.onBattery);
-    const EnergyUsageSummary usage = store.fetchEnergyUsageSummary(100);
+  for (const auto& row : rows) {
+    clear();
+    add(row.readings);
     const DetailsWindowSummary window = store.fetchDetailsWindowSummary(at(0), at(600));
-    for (const auto& [totalWh, batteryWh, hours] :
-         {std::tuple{usage.totalWh, usage.batteryWh, usage.trackedHours},
-          std::tuple{window.totalWh, window.batteryWh, window.trackedHours}}) {
-      EXPECT_NEAR(totalWh, row.totalWh, 1e-9) << row.what;
-      EXPECT_NEAR(batteryWh, row.batteryWh, 1e-9) << row.what;
-      EXPECT_NEAR(hours, row.trackedSeconds / 3600, 1e-9) << row.what;
-    }
-    EXPECT_NEAR(window.sampleHours, row.sampledSeconds / 3600, 1e-9) << row.what;
+    EXPECT_EQ(textOf(window), row.usage) << row.readings;
+    EXPECT_EQ(textOf(store.fetchEnergyUsageSummary(100)), row.usage) << row.readings;
+    EXPECT_NEAR(window.sampleHours * 3600, row.sampledSeconds, 1e-9) << row.readings;
   }
-}
-
-TEST_F(HistoryQueriesTest, EqualTimesAddNoEnergy) {
-  for (const double seconds : {0., 36., 0.})
-    add(seconds, 10);  // the third is no near duplicate of the newest
-  EXPECT_EQ(store.fetchLatest(9).size(), 3u);
-  EXPECT_NEAR(store.fetchEnergyUsageSummary(9).totalWh, 0.1, 1e-9);
-  EXPECT_NEAR(store.fetchEnergyUsageSummary(9).trackedHours, 0.01, 1e-9);
   EXPECT_EQ(store.fetchEnergyUsageSummary(1), EnergyUsageSummary{});
+  EXPECT_EQ(store.fetchEnergyUsageSummary(-1), EnergyUsageSummary{});
 }
 
 TEST_F(HistoryQueriesTest, SumsEachColumnUnderItsOwnName) {
-  for (const double seconds : {0., 36.}) {
-    DrainSnapshot snapshot = makeSnapshot(base + seconds, 100, {member(1, "quenzel", "q", 200)});
-    snapshot.processes.push_back(member(2, "other", "o", 100));
-    snapshot.components = {
-        .screenW = 400, .usbW = 500, .cpuW = 600, .gpuW = 700, .aneW = 800, .ramW = 900, .pciW = 1000};
-    snapshot.unattributedW = 1100;
-    snapshot.powerContext = {seconds == 0, {}};
+  for (const int index : {-1, 0, 1, 2, 3}) {
+    DrainSnapshot snapshot = snapshotAt(index * step, index == 3 ? 1 : 128);
+    if (index < 2) {
+      snapshot.processes = {member(1, "quenzel", "q", 256), member(2, "other", "o", 128)};
+      snapshot.components = {512, 640, 768, 896, 1024, 7, 7, 1152, 1280, 0.5};
+      snapshot.unattributedW = 1408;
+    }
+    snapshot.powerContext = {index == 1, {}};
     store.insert(snapshot);
   }
-  store.insert(makeSnapshot(base + 672, 100));
-  const std::vector<std::pair<std::string, double>> expected = {{"total_wh", 2.67},
-                                                                {"battery_wh", 0},
-                                                                {"tracker_wh", 3.67},
-                                                                {"tracked_hours", 672 / 3600.},
-                                                                {"sample_hours", 96 / 3600.},
-                                                                {"process_wh", 5.5},
-                                                                {"screen_wh", 7.33},
-                                                                {"usb_wh", 9.17},
-                                                                {"cpu_wh", 11},
-                                                                {"gpu_wh", 12.83},
-                                                                {"ane_wh", 14.67},
-                                                                {"ram_wh", 16.5},
-                                                                {"pci_wh", 18.33},
-                                                                {"unattributed_wh", 20.17}};
-  const auto json = encodeDetailsWindowSummary(store.fetchDetailsWindowSummary(at(0), at(672)));
-  ASSERT_EQ(json.size(), expected.size());
-  for (const auto& [name, value] : expected) EXPECT_NEAR(json.at(name).get<double>(), value, 0.005) << name;
+  const DetailsPipelineOutput details = store.fetchDetailsReadModel(2 * step, 0, at(2 * step), {});
+  EXPECT_EQ(encodeDetailsWindowSummary(details.summary).dump(),
+            R"({"total_wh":4.0,"battery_wh":2.0,"tracker_wh":6.0,"tracked_hours":0.03125,)"
+            R"("sample_hours":0.03125,"process_wh":9.0,"screen_wh":12.0,"usb_wh":15.0,"cpu_wh":18.0,)"
+            R"("gpu_wh":21.0,"ane_wh":24.0,"ram_wh":27.0,"pci_wh":30.0,"unattributed_wh":33.0})");
+  EXPECT_EQ(details.averageComponents, (ComponentDrain{384, 480, 576, 672, 768, 0, 0, 864, 960, {}}));
 }
 
 TEST_F(HistoryQueriesTest, TracksItsOwnEnergy) {
-  for (const double seconds : {0., 36.}) {
-    add(seconds, 10, {},
-        {member(1, "Quenzel", "q", 2), member(2, "quenzel-helper", "q", -4), member(3, "other", "o", 5)});
-  }
-  EXPECT_NEAR(store.fetchEnergyUsageSummary(9).trackerWh, 0.02, 1e-9);
-  const DetailsWindowSummary window = store.fetchDetailsWindowSummary(at(0), at(36));
-  EXPECT_NEAR(window.trackerWh, 0.02, 1e-9);
-  EXPECT_NEAR(window.processWh, 0.07, 1e-9);
-  EXPECT_NEAR(store.fetchHistoryReadModel(9).energyUsageSummary.trackerWh, 0.02, 1e-9);
+  const std::string prefix = "net.o'own", sql = EnergyQueries::usageSummarySQL(prefix);
+  Database database(folder / "history.sqlite", Database::Access::readWriteCreate);
+  std::vector<ProcessDrain> processes = {
+      member(1, "/opt/QUENZEL/x", "a", 1), member(2, "BatteryMetricsDaemon", "a", 2),
+      member(3, "other", "a", 4), member(4, "agent", "a", 8), member(5, "quenzel", "a", -16)};
+  processes[3].bundleID = "NET.o'own.agent";
+  for (const int index : {0, 1})
+    SnapshotInsertion::writeRows(database, snapshotAt(index * step, 100, processes), prefix);
+  const DetailsWindowSummary window = store.fetchDetailsWindowSummary(at(0), at(step));
+  EXPECT_EQ(window.trackerWh, 11. / 64);
+  EXPECT_EQ(window.processWh, 15. / 64);
+  EXPECT_EQ(EnergyQueries::usageSummary(database, sql, 9).trackerWh, 11. / 64);
+  EXPECT_EQ(store.fetchHistoryReadModel(9).energyUsageSummary.trackerWh, 3. / 64) << "without that prefix";
 }
 
 TEST_F(HistoryQueriesTest, ThinsAWindowToEveryNthFromTheOldest) {
-  for (int index = 0; index < 25; ++index) add(index, index);
-  struct Row {
+  EXPECT_TRUE(store.fetchWindowSnapshots(9, 9, {}).empty());
+  EXPECT_TRUE(store.fetchPreparedSnapshots(9, {}).empty());
+  for (int index = 0; index < 25; ++index) add(fmt::format("{0} {0} -", index));
+  const struct {
     double windowSeconds;
     std::int64_t maxRows;
     std::optional<PointInTime> anchor;
     std::vector<double> watts;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {100, 10, {}, {0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24}},
       {100, 0, {}, {0}},
       {4, 100, {}, {20, 21, 22, 23, 24}},
@@ -153,152 +142,151 @@ TEST_F(HistoryQueriesTest, ThinsAWindowToEveryNthFromTheOldest) {
       {2, 9, at(10.5), {9, 10}},
       {5, 9, at(-1), {}},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     std::vector<double> watts;
-    for (const DrainSnapshot& snapshot :
-         store.fetchWindowSnapshots(row.windowSeconds, row.maxRows, row.anchor))
+    for (const auto& snapshot : store.fetchWindowSnapshots(row.windowSeconds, row.maxRows, row.anchor))
       watts.push_back(snapshot.totalDischargeW);
     EXPECT_EQ(watts, row.watts) << row.windowSeconds << " s, " << row.maxRows << " rows";
   }
   EXPECT_EQ(store.fetchPreparedSnapshots(4, {}).size(), 5u);
   EXPECT_EQ(store.fetchLatest(3).front().totalDischargeW, 22);
+  EXPECT_EQ(store.fetchSnapshotIDs().at(24), 25);
 }
 
 TEST_F(HistoryQueriesTest, BuildsTheDetailsOfAWindow) {
-  const DrainSnapshot fallback = makeSnapshot(base, 3);
-  add(-100, 50, true, {member(1, "early", "before the window", 9)});
-  // Group a draws 2, 4 and nothing; b nothing, 6 and 6 W, by two processes; each slice is 36 s.
-  DrainSnapshot first = makeSnapshot(base, 10, {member(1, "a", "a", 2)});
-  DrainSnapshot second = makeSnapshot(base + 36, 20, {member(1, "a", "a", 4), member(2, "b", "b", 6)});
-  DrainSnapshot third =
-      makeSnapshot(base + 72, 10, {member(2, "b", "b", 4.5), member(3, "/b.app/b", "b", 1.5)});
-  first.hidden = third.hidden = {{HiddenDrainKind::dockerContainer, "web", 1}};
+  // Group a draws 2, 4 and nothing; b nothing, 6 and 6 W, by two processes.
+  DrainSnapshot first = snapshotAt(0, 10, {member(1, "a", "a", 2)});
+  DrainSnapshot second = snapshotAt(step, 20, {member(1, "a", "a", 4), member(2, "b", "b", 6)});
+  DrainSnapshot third = snapshotAt(2 * step, 10, {member(2, "b", "b", 4.5), member(3, "/b.app/b", "b", 1.5)});
+  first.hidden = {{HiddenDrainKind::dockerContainer, "web", 1}, {HiddenDrainKind::dockerContainer, "y", 2}};
+  second.hidden = {{HiddenDrainKind::launchdService, "web", 1}, {HiddenDrainKind::dockerContainer, "x", 1}};
+  third.hidden = {{HiddenDrainKind::dockerContainer, "web", 1}};
   for (DrainSnapshot* snapshot : {&first, &second, &third}) snapshot->components.screenW = 2;
+  first.components.usbW = 0.5;
+  first.unattributedW = 3;
   first.powerContext = {true, 80};
-  third.powerContext = {true, 79.5};
-  for (const DrainSnapshot* snapshot : {&second, &first, &third}) store.insert(*snapshot);  // the clock jumps
+  third.batteryStatus.emplace().levelPercent = 79.5;  // from elsewhere, without a power context
+  const DrainSnapshot early = snapshotAt(-100, 50, {member(1, "early", "early", 9)}),
+                      late = snapshotAt(130, 5);
+  for (const DrainSnapshot& snapshot : {second, early, first, third, late})  // the clock jumps
+    store.insert(snapshot);
 
-  const DetailsPipelineOutput details = store.fetchDetailsReadModel(100, 1, at(90), fallback);
-  EXPECT_EQ(details.windowStart, at(-10));
-  EXPECT_EQ(details.snapshotCount, 3);
-  EXPECT_EQ(details.latestSnapshot.totalDischargeW, 10);
-  EXPECT_EQ(details.totalPowerW, (std::vector<ChartPoint>{{at(0), 10}, {at(36), 20}, {at(72), 10}}));
-  EXPECT_EQ(details.batteryLevelPercent, (std::vector<ChartPoint>{{at(0), 80}, {at(72), 79.5}}));
-  EXPECT_NEAR(details.batteryDrainRatePctPerHour.value(), 25, 1e-9);
-  EXPECT_NEAR(details.averageComponents.screenW, 2, 1e-9);
-
-  // a: 36 s from 2 to 4 and 36 s from 4 to 0 W; b: from 0 to 6, then 6 W.
-  ASSERT_EQ(details.processes.size(), 2u);
-  const auto& [b, a] = std::tie(details.processes[0], details.processes[1]);
-  EXPECT_EQ(b.groupKey, "b");
-  EXPECT_NEAR(b.energyWh, 0.09, 1e-9);
-  EXPECT_EQ(b.latestW, 6);
-  EXPECT_EQ(b.pid, 3) << "the row inside an application bundle stands for it";
-  EXPECT_NEAR(a.energyWh, 0.05, 1e-9);
-  EXPECT_EQ(a.canonicalName, "a app");
-  EXPECT_EQ(a.pid, ProcessAttributionPresentationService::stableSyntheticPID("a"));
-  EXPECT_EQ(a.latestW, 0);
-  EXPECT_EQ(b.canonicalName, "b app");
-  EXPECT_NEAR(a.energyWh + b.energyWh, details.summary.processWh, 1e-9) << "nothing is lost";
-  ASSERT_EQ(details.hidden.size(), 1u);
-  EXPECT_NEAR(details.hidden[0].energyWh, 0.01, 1e-9);
-  EXPECT_EQ(details.hidden[0].latestW, 1);
-  ASSERT_EQ(details.appSeries.size(), 1u);
-  EXPECT_EQ(details.appSeries[0].watts, (std::vector<ChartPoint>{{at(0), 0}, {at(36), 6}, {at(72), 6}}));
+  const DetailsPipelineOutput details = store.fetchDetailsReadModel(200, 1, at(120), late);
+  EXPECT_EQ(details.latestSnapshot, third);
+  auto json = encodeDetailsPipelineOutput(details);
+  EXPECT_EQ(json["latestSnapshot"], encodeDrainSnapshot(third));
+  for (const char* elsewhere : {"latestSnapshot", "summary", "averageComponents"}) json.erase(elsewhere);
+  json["processes"][0]["representative"] = json["processes"][0]["representative"]["name"];
+  EXPECT_EQ(
+      json.dump(),
+      R"({"windowStart":-80.0,"anchor":120.0,"snapshotCount":3,"modelled":false,)"
+      R"("batteryDrainRatePctPerHour":16.0,"processes":[{"groupKey":"b","canonicalName":"b app","pid":3,)"
+      R"("representative":"/b.app/b","energyWh":0.140625,"averageW":4.5,"latestW":6.0},)"
+      R"({"groupKey":"a","canonicalName":"a app","pid":-258967366,"energyWh":0.078125,"averageW":2.5,)"
+      R"("latestW":0.0}],"hidden":[)"
+      R"({"kind":"docker_container","identifier":"web","energyWh":0.015625,"averageW":0.5,"latestW":1.0},)"
+      R"({"kind":"docker_container","identifier":"x","energyWh":0.015625,"averageW":0.5,"latestW":0.0},)"
+      R"({"kind":"docker_container","identifier":"y","energyWh":0.015625,"averageW":0.5,"latestW":0.0},)"
+      R"({"kind":"launchd_service","identifier":"web","energyWh":0.015625,"averageW":0.5,"latestW":0.0}],)"
+      R"("appSeries":[{"groupKey":"b","canonicalName":"b app","energyWh":0.140625,"watts":[)"
+      R"({"timestamp":0.0,"value":0.0},{"timestamp":56.25,"value":6.0},{"timestamp":112.5,"value":6.0}]}],)"
+      R"("totalPowerW":[{"timestamp":0.0,"value":10.0},{"timestamp":56.25,"value":20.0},)"
+      R"({"timestamp":112.5,"value":10.0}],)"
+      R"("batteryLevelPercent":[{"timestamp":0.0,"value":80.0},{"timestamp":112.5,"value":79.5}]})");
 
   {  // The order of the rows in their table is nobody's promise.
     Database database(folder / "history.sqlite", Database::Access::readWriteCreate);
     database.execute(
         "CREATE TABLE rows AS SELECT * FROM process_samples ORDER BY snapshot_id DESC; DELETE FROM "
-        "process_samples; "
-        "INSERT INTO process_samples SELECT * FROM rows; DROP TABLE rows;");
+        "process_samples; INSERT INTO process_samples SELECT * FROM rows; DROP TABLE rows;");
   }
-  EXPECT_EQ(store.fetchDetailsReadModel(100, 1, at(90), fallback).processes, details.processes);
-
-  const DetailsPipelineOutput between = store.fetchDetailsReadModel(10, 5, at(20), fallback);
+  EXPECT_EQ(store.fetchDetailsReadModel(200, 1, at(120), late).processes, details.processes);
+  EXPECT_EQ(store.fetchPreparedSnapshots(200, at(120)),
+            (std::vector<PreparedSnapshot>{{at(0), 10, 2, 2.5, 3, true, {}},
+                                           {at(step), 20, 10, 2, 0, false, {}},
+                                           {at(2 * step), 10, 6, 2, 0, false, 79.5}}));
+  const DetailsPipelineOutput between = store.fetchDetailsReadModel(10, 5, at(20), late);
   EXPECT_EQ(between.snapshotCount, 0);
-  EXPECT_EQ(between.latestSnapshot, fallback);
+  EXPECT_EQ(between.latestSnapshot, late);
 }
 
 TEST_F(HistoryQueriesTest, OnlyASliceIsFloored) {
-  struct Row {
+  const struct {
     const char* what;
-    std::vector<std::vector<double>> watts;  ///< of the rows of group "g", a snapshot each, 36 s apart
+    std::vector<std::vector<double>> watts;  ///< of the rows of group "g", a snapshot each, a step apart
     double energyWh, latestW;
+  } rows[] = {
+      {"two rows of one snapshot", {{-2, 5}, {-2, 5}}, 3, 3},
+      {"a negative average counts 0", {{-9}, {3}, {5}}, 4, 5},
+      {"one end below 0", {{-2}, {6}}, 2, 6},
+      {"absent at one end", {{}, {-4}, {}, {2}}, 1, 2},
+      {"absent between", {{6, -2}, {}, {4}}, 4, 4},
+      {"negative at last", {{6}, {2}, {-3}}, 4, -3},
   };
-  const Row rows[] = {
-      {"two rows of one snapshot", {{-2, 5}, {-2, 5}}, 0.03, 3},
-      {"a negative average counts 0", {{-9}, {3}, {5}}, 0.04, 5},
-      {"one end below 0", {{-2}, {6}}, 0.02, 6},
-      {"absent at one end", {{}, {-4}, {}, {2}}, 0.01, 2},
-      {"absent between", {{6, -2}, {}, {4}}, 0.04, 4},
-      {"negative at last", {{6}, {2}, {-3}}, 0.04, -3},
-  };
-  for (const Row& row : rows) {
-    store.purgeSnapshots(at(1e6));
+  for (const auto& row : rows) {
+    clear();
     for (std::size_t index = 0; index < row.watts.size(); ++index) {
-      DrainSnapshot snapshot = makeSnapshot(base + 36. * static_cast<double>(index), 10);
-      for (const double watts : row.watts[index])
-        snapshot.processes.push_back(
-            member(static_cast<std::int64_t>(snapshot.processes.size()), "p", "g", watts));
-      snapshot.processes.push_back(member(99, "other", "other", 1));
+      const std::vector<double>& watts = row.watts[index];
+      DrainSnapshot snapshot = snapshotAt(step * static_cast<double>(index), 10, {member(99, "o", "o", 1)});
+      for (const double each : watts)
+        snapshot.processes.push_back(member(std::ssize(snapshot.processes), "p", "g", each));
       // As one row: two of one workload can't be stored.
-      const double sum = std::accumulate(row.watts[index].begin(), row.watts[index].end(), 0.0);
-      if (!row.watts[index].empty()) snapshot.hidden = {{HiddenDrainKind::dockerContainer, "h", sum}};
+      if (!watts.empty()) snapshot.hidden = {{{}, "h", std::accumulate(watts.begin(), watts.end(), 0.0)}};
       store.insert(snapshot);
     }
     const DetailsPipelineOutput details = store.fetchDetailsReadModel(3600, 9, {}, {});
-    ASSERT_EQ(details.processes.size(), 2u) << row.what;
-    const auto isG = [](const auto& group) { return group.groupKey == "g"; };
-    const auto group = std::find_if(details.processes.begin(), details.processes.end(), isG);
-    EXPECT_NEAR(group->energyWh, row.energyWh, 1e-9) << row.what;
-    EXPECT_EQ(group->latestW, row.latestW) << row.what;
-    const auto series = std::find_if(details.appSeries.begin(), details.appSeries.end(), isG);
-    EXPECT_NEAR(series->energyWh, row.energyWh, 1e-9) << row.what;
-    EXPECT_NEAR(details.hidden.at(0).energyWh, row.energyWh, 1e-9) << row.what;
-    EXPECT_EQ(details.hidden[0].latestW, row.latestW) << row.what;
+    const std::size_t g = details.processes.at(0).groupKey == "g" ? 0 : 1;
+    const auto& [process, hidden] = std::tie(details.processes[g], details.hidden.at(0));
+    EXPECT_EQ(fmt::format("{} {}", process.energyWh * 64, process.latestW),
+              fmt::format("{} {}", row.energyWh, row.latestW))
+        << row.what;
+    EXPECT_EQ(details.appSeries.at(g).energyWh, process.energyWh) << row.what;
+    EXPECT_EQ(std::tie(hidden.energyWh, hidden.latestW), std::tie(process.energyWh, process.latestW))
+        << row.what;
   }
 }
 
+TEST_F(HistoryQueriesTest, SaysThatFiguresAreModelled) {
+  const auto isModelled = [&] { return store.fetchDetailsReadModel(60, 5, {}, {}).modelled; };
+  add("0 1 -");
+  EXPECT_FALSE(isModelled());
+  store.insert(snapshotAt(10, 1, {member(1, "a", "a", 1, {std::string(modelledSourceFlag)})}));
+  EXPECT_TRUE(isModelled());
+  DrainSnapshot snapshot = snapshotAt(100, 1);
+  snapshot.batteryStatus.emplace().serialNumber = modelledSerialNumber;
+  store.insert(snapshot);
+  EXPECT_TRUE(isModelled());
+}
+
 TEST_F(HistoryQueriesTest, FallsBackToTheLiveSnapshot) {
-  DrainSnapshot fallback = makeSnapshot(base, 3);
+  DrainSnapshot fallback = snapshotAt(0, 3);
   fallback.components = {.screenW = -1, .cpuW = 2, .confidence = 0.5};
   const DetailsPipelineOutput details = store.fetchDetailsReadModel(60, 5, {}, fallback);
   EXPECT_EQ(details.anchor, at(0));
+  EXPECT_EQ(details.windowStart, at(-60));
   EXPECT_EQ(details.latestSnapshot, fallback);
   EXPECT_EQ(details.averageComponents, (ComponentDrain{.cpuW = 2, .confidence = 0.5}));
-  EXPECT_TRUE(details.processes.empty());
 }
 
 TEST(GroupedRepresentative, IsTheSameAtEveryLook) {
-  DrainSnapshot latest = makeSnapshot(base, 9,
-                                      {member(9, "tie", "g", 1), member(4, "tie", "g", 1),
-                                       member(2, "weak", "g", 0.5), member(1, "x", "other", 9)});
-  EXPECT_EQ(groupedRepresentative(latest, "g")->pid, 4) << "most power, then the lowest number";
+  DrainSnapshot latest = snapshotAt(0, 9,
+                                    {member(9, "tie", "g", 1), member(4, "tie", "g", 1),
+                                     member(2, "weak", "g", 0.5), member(1, "x", "other", 9)});
+  EXPECT_EQ(groupedRepresentative(latest, "g")->pid, 4) << "most power, then the lowest PID";
   latest.processes.push_back(member(8, "/bin/g", "g", -1));
   EXPECT_EQ(groupedRepresentative(latest, "g")->pid, 8) << "a path scores more than a name";
   EXPECT_EQ(groupedRepresentative(latest, "none"), std::nullopt);
 }
 
 TEST(BatteryDrainRate, IsTheSlopeOfTheLastQuarterOfAnHour) {
-  struct Row {
-    std::vector<ChartPoint> levels;
-    std::optional<double> rate;
-  };
-  const Row rows[] = {
+  const std::pair<std::vector<ChartPoint>, std::optional<double>> rows[] = {
       {{}, {}},
       {{{at(0), 80}}, {}},
-      {{{at(0), 80}, {at(600), 79}}, 6},
-      {{{at(0), 80}, {at(20), 79}}, {}},
+      {{{at(0), 80}, {at(450), 79}}, 8},
       {{{at(0), 80}, {at(36), 79}}, {}},
       {{{at(-1), 90}, {at(0), 80}, {at(900), 82}}, -8},
-      {{{at(0), 80}, {at(1200), 79}}, {}},
-  };
-  for (const Row& row : rows) {
-    const auto rate = calculateBatteryDrainRate(row.levels);
-    ASSERT_EQ(rate.has_value(), row.rate.has_value()) << row.levels.size();
-    EXPECT_NEAR(rate.value_or(0), row.rate.value_or(0), 1e-9);
-  }
+      {{{at(0), 80}, {at(1200), 79}}, {}}};
+  for (const auto& [levels, rate] : rows) EXPECT_EQ(calculateBatteryDrainRate(levels), rate) << levels.size();
 }
 
 }  // namespace
