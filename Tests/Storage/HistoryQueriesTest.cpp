@@ -218,7 +218,6 @@ TEST_F(HistoryQueriesTest, OnlyASliceIsFloored) {
   } rows[] = {
       {"two rows of one snapshot", {{-2, 5}, {-2, 5}}, 3, 3},
       {"a negative average counts 0", {{-9}, {3}, {5}}, 4, 5},
-      {"one end below 0", {{-2}, {6}}, 2, 6},
       {"absent at one end", {{}, {-4}, {}, {2}}, 1, 2},
       {"absent between", {{6, -2}, {}, {4}}, 4, 4},
       {"negative at last", {{6}, {2}, {-3}}, 4, -3},
