@@ -53,17 +53,13 @@ TEST(EnergyCounters, StandStillWithoutAReading) {
   EnergyCounters counters;
   Channels first = {{"g", "a", "mJ", 1}, {"g", "a", "mJ", 2}, {"h", "a", "mJ", 3}, {"g", {}, "mJ", 4}};
   counters.replaceMissingReadings(first);
-  Channels moved = {{"g", {}, "mJ", none},
-                    {"h", "a", "mJ", none},
-                    {"x", "a", "mJ", none},
-                    {"g", "a", "mJ", none},
-                    {"g", "a", "mJ", none}};
+  Channels moved;
+  for (const std::size_t from : {3, 2, 0, 1}) moved.push_back(first[from]);
+  moved.insert(moved.begin() + 2, {"x", "a", "mJ", 0});
+  const Channels expected = moved;
+  for (auto& channel : moved) channel.value = none;
   counters.replaceMissingReadings(moved);
-  EXPECT_EQ(moved, (Channels{{"g", {}, "mJ", 4},
-                             {"h", "a", "mJ", 3},
-                             {"x", "a", "mJ", 0},
-                             {"g", "a", "mJ", 1},
-                             {"g", "a", "mJ", 2}}));
+  EXPECT_EQ(moved, expected);
 }
 
 struct FakeChannels final : platform::EnergyModelChannels {
@@ -95,37 +91,31 @@ TEST(AppleSiliconPowerReader, DividesWhatEachComponentUsedByTheTime) {
   };
   const auto powers = [](const std::array<double, 6>& watts, double seconds) {
     const auto [cpu, gpu, ane, dram, fabric, pci] = watts;
-    return SystemPowerSnapshot{.cpuW = cpu,
-                               .gpuW = gpu,
-                               .aneW = ane,
-                               .dramW = dram,
-                               .memoryFabricW = fabric,
-                               .ramW = fabric + dram,
-                               .pciW = pci,
-                               .totalTrackedW = cpu + gpu + ane + dram + pci,
-                               .intervalSeconds = seconds,
-                               .supported = true};
+    const double ram = fabric + dram, total = cpu + gpu + ane + dram + pci;
+    return SystemPowerSnapshot{cpu, gpu, ane, dram, fabric, ram, pci, 0, total, seconds, true};
   };
   EXPECT_EQ(reader.sample({9}), SystemPowerSnapshot{}) << "the counters can't be read";
   now = Channels{{"CPU Stats", "x", "mJ", 1}};
   EXPECT_EQ(reader.sample({9.5}), powers({}, 0));
   EXPECT_TRUE(log.lines.empty()) << "there is nothing to name yet";
-  read({500, 1000, 2000, 4000, 8000, 16'000});
-  EXPECT_EQ(reader.sample({10}), powers({1, 2, 4, 8, 16, 32}, 0.5));
-  read({16'500, 9000, 6000, 6000, 9000, 16'500});
-  EXPECT_EQ(reader.sample({10.5}), powers({32, 16, 8, 4, 2, 1}, 0.5));
-  read({20'000, 20'000, 20'000, 20'000, 20'000, 20'000});
-  EXPECT_EQ(reader.sample({10.5}), powers({}, 0)) << "no time went by, and the totals are kept";
-  now.reset();
-  EXPECT_EQ(reader.sample({11.5}), SystemPowerSnapshot{}) << "and change nothing";
-  read({500, 24'000, 20'500, 22'000, 21'000, 20'000});
-  EXPECT_EQ(reader.sample({12.5}), powers({0, 2, 0.25, 1, 0.5, 0}, 2)) << "one counter went back";
-  EXPECT_EQ(reader.sample({3}), powers({}, 0)) << "the clock was set back";
   constexpr std::int64_t none = platform::EnergyModelChannel::noReading;
-  read({500, none, 20'500, 22'000, 21'000, 20'000});
-  EXPECT_EQ(reader.sample({4}), powers({}, 1)) << "a counter without a reading stands still";
-  read({500, 25'000, 20'500, 22'000, 21'000, 20'000});
-  EXPECT_EQ(reader.sample({5}), powers({0, 1, 0, 0, 0, 0}, 1)) << "and goes on from where it stood";
+  // When, what is counted by then, the powers, and over which time.
+  const std::tuple<double, std::array<std::int64_t, 6>, std::array<double, 6>, double> rows[] = {
+      {10, {500, 1000, 2000, 4000, 8000, 16'000}, {1, 2, 4, 8, 16, 32}, 0.5},
+      {10.5, {16'500, 9000, 6000, 6000, 9000, 16'500}, {32, 16, 8, 4, 2, 1}, 0.5},
+      {10.5, {20'000, 20'000, 20'000, 20'000, 20'000, 20'000}, {}, 0},  // no time went by: totals are kept
+      {12.5, {500, 24'000, 20'500, 22'000, 21'000, 20'000}, {0, 2, 0.25, 1, 0.5, 0}, 2},  // one went back
+      {3, {500, 24'000, 20'500, 22'000, 21'000, 20'000}, {}, 0},  // the clock was set back
+      {4, {500, none, 20'500, 22'000, 21'000, 20'000}, {}, 1},    // without a reading it stands still
+      {5, {500, 25'000, 20'500, 22'000, 21'000, 20'000}, {0, 1, 0, 0, 0, 0}, 1}};
+  for (const auto& [time, millijoules, watts, seconds] : rows) {
+    if (time > 11) {  // a failed reading changes nothing
+      now.reset();
+      EXPECT_EQ(reader.sample({time - 0.5}), SystemPowerSnapshot{});
+    }
+    read(millijoules);
+    EXPECT_EQ(reader.sample({time}), powers(watts, seconds)) << time;
+  }
   EXPECT_THAT(log.lines, ::testing::ElementsAre(
                              "com.quenzel.runtime AppleSiliconPowerReader: IOReport Energy Model "
                              "channels: ECPU0 CPU Energy, GPU Energy, ANE0, DRAM, AMCC, PCIe Energy"));

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "MetricsCollectors/BatteryStatusCollector.hpp"
 #include "MetricsCollectors/BatteryStatusRules.hpp"
@@ -13,48 +14,39 @@ namespace quenzel {
 namespace {
 
 using platform::PropertyDictionary;
-using platform::PropertyListError;
 using platform::PropertyValue;
 using testing::FakeShell;
+using JSON = nlohmann::json;
 
 PropertyValue integer(std::int64_t value) { return {value}; }
 
-/// A battery in which no two properties hold the same value.
-PropertyDictionary battery() {
+/// A battery in which no two properties hold the same value, but for the changes.
+PropertyDictionary battery(const std::string& changes = "") {
   PropertyDictionary entry = testing::properties(
-      "AppleRawCurrentCapacity=4000,CurrentCapacity=81,AppleRawMaxCapacity=4900,MaxCapacity=100,Voltage="
-      "12500,"
-      "Amperage=-1500,InstantAmperage=-1400,IsCharging=false,CycleCount=17,Temperature=3012,DesignCapacity="
-      "5103,"
-      "NominalChargeCapacity=4950,DesignCycleCount9C=1000,Serial=F5D,BatterySerialNumber=other,DeviceName="
-      "bq40,"
-      "FullyCharged=false,ExternalConnected=false,AvgTimeToFull=65535,TimeToFull=31,AvgTimeToEmpty=65535,"
-      "TimeRemaining=240");
+      "AppleRawCurrentCapacity=4000,CurrentCapacity=81,AppleRawMaxCapacity=4900,MaxCapacity=100,"
+      "Voltage=12500,Amperage=-1500,InstantAmperage=-1400,IsCharging=false,CycleCount=17,Temperature=3012,"
+      "DesignCapacity=5103,NominalChargeCapacity=4950,DesignCycleCount9C=1000,Serial=F5D,"
+      "BatterySerialNumber=other,DeviceName=bq40,FullyCharged=false,ExternalConnected=false,"
+      "AvgTimeToFull=65535,TimeToFull=31,AvgTimeToEmpty=65535,TimeRemaining=240");
   entry.emplace("AdapterDetails", PropertyDictionary{{"Watts", integer(96)}, {"Name", "96W"}});
+  for (const auto& [key, value] : testing::properties(changes)) entry.insert_or_assign(key, value);
   return entry;
 }
 
-/// What is read from it.
-BatteryStatusSample registrySample() {
-  return {.levelPercent = 81,
-          .remainingWh = 50,
-          .systemTimeRemainingMinutes = 240,
-          .dischargeWatts = 18.75,
-          .cycleCount = 17,
-          .voltageMV = 12500,
-          .amperageMa = -1500,
-          .temperatureCentiC = 3012,
-          .designCapacityMah = 5103,
-          .maxCapacityMah = 4900,
-          .currentCapacityMah = 4000,
-          .nominalChargeCapacityMah = 4950,
-          .designCycleCount = 1000,
-          .serialNumber = "F5D",
-          .deviceName = "bq40",
-          .fullyCharged = false,
-          .adapterWatts = 96,
-          .adapterName = "96W"};
+/// What is read from it, but for the changes.
+JSON batterySample(const std::string& changes = "{}") {
+  JSON sample = JSON::parse(
+      R"({"levelPercent":81.0,"remainingWh":50.0,"isCharging":false,"externalPowerConnected":false,
+          "systemTimeRemainingMinutes":240,"dischargeWatts":18.75,"cycleCount":17,"voltageMV":12500,
+          "amperageMa":-1500,"temperatureCentiC":3012,"designCapacityMah":5103,"maxCapacityMah":4900,
+          "currentCapacityMah":4000,"nominalChargeCapacityMah":4950,"designCycleCount":1000,
+          "serialNumber":"F5D","deviceName":"bq40","fullyCharged":false,"adapterWatts":96,
+          "adapterName":"96W"})");
+  sample.merge_patch(JSON::parse(changes));
+  return sample;
 }
+
+JSON encoded(const BatteryStatusSample& sample) { return JSON(encodeBatteryStatusSample(sample)); }
 
 BatteryStatusSample collected(const PropertyDictionary& properties) {
   return BatteryStatusCollector::statusFrom(platform::encodePropertyList(PropertyValue::Array{properties}));
@@ -62,15 +54,13 @@ BatteryStatusSample collected(const PropertyDictionary& properties) {
 
 TEST(BatteryStatusCollector, FillsEveryFieldFromItsKeyAndLogsTwoLines) {
   FakeShell shell;
-  const auto reply = [&](const PropertyDictionary& entry) {
+  for (const auto& entry :
+       {battery(), testing::properties("IsCharging=true,ExternalConnected=true,Amperage=9,"
+                                       "Voltage=0,CurrentCapacity=1")})
     shell.output("/usr/sbin/ioreg", platform::encodePropertyList(PropertyValue::Array{entry}));
-  };
-  reply(battery());
-  reply(testing::properties("IsCharging=true,ExternalConnected=true,Amperage=9,Voltage=0,CurrentCapacity=1"));
   const BatteryStatusCollector collector(shell);
   const std::string start = "[INFO] [BatteryStatus] ";
-  const auto lines = testing::linesLoggedBy([&] { EXPECT_EQ(collector.collectStatus(), registrySample()); });
-  EXPECT_EQ(lines,
+  EXPECT_EQ(testing::linesLoggedBy([&] { EXPECT_EQ(encoded(collector.collectStatus()), batterySample()); }),
             (std::vector{start + "Collecting battery status from ioreg.",
                          start + "Battery status: level=81.00%, remainingWh=50.00, charging=false, "
                                  "external=false, dischargeWatts=18.75, systemMinutes=240, cycleCount=17"}));
@@ -84,9 +74,8 @@ TEST(BatteryStatusCollector, FillsEveryFieldFromItsKeyAndLogsTwoLines) {
 }
 
 TEST(BatteryStatusCollector, TakesTheFirstTimeThatApplies) {
-  using Minutes = std::optional<std::int64_t>;
   const std::string full = ",AvgTimeToFull=11,TimeToFull=12", left = ",AvgTimeToEmpty=13,TimeRemaining=14";
-  const std::pair<std::string, Minutes> rows[] = {
+  const std::pair<std::string, std::optional<std::int64_t>> rows[] = {
       {"IsCharging=true" + left + full, 11},
       {"IsCharging=true,TimeToFull=12" + left, 12},
       {"IsCharging=true" + left, 13},
@@ -105,38 +94,25 @@ TEST(BatteryStatusCollector, TakesTheFirstTimeThatApplies) {
     EXPECT_EQ(collected(testing::properties(entry)).systemTimeRemainingMinutes, minutes) << entry;
 }
 
-TEST(BatteryStatusCollector, FallsBackKeyByKey) {
+TEST(BatteryStatusCollector, ReadsTypesAndFallsBackKeyByKey) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"AdapterDetails=none", R"({"adapterWatts":null,"adapterName":null})"},
+      {"CycleCount=many", R"({"cycleCount":null})"},
+      {"FullyCharged=1", R"({"fullyCharged":true})"},
+      {"Amperage=4294965764", R"({"amperageMa":-1532,"dischargeWatts":19.15})"},  // a gauge 32 bits wide
+      {"Amperage=500", R"({"amperageMa":500,"dischargeWatts":null})"},
+      {"Voltage=0", R"({"voltageMV":0,"remainingWh":null,"dischargeWatts":0.0})"},
+      {"CurrentCapacity=130", R"({"levelPercent":100.0})"},
+      {"CurrentCapacity=-3", R"({"levelPercent":0.0})"},
+      {"MaxCapacity=200", R"({"levelPercent":40.5})"},
+      {"MaxCapacity=many", R"({"levelPercent":100.0})"}};  // without a maximum, of 1
+  for (const auto& [change, read] : rows) EXPECT_EQ(encoded(collected(battery(change))), batterySample(read));
   PropertyDictionary properties = battery();
   for (const char* key : {"AppleRawCurrentCapacity", "AppleRawMaxCapacity", "Amperage", "Serial"})
     properties.erase(key);
-  BatteryStatusSample expected = registrySample();
-  expected.currentCapacityMah = 81;
-  expected.remainingWh = 1.0125;  // 81 mAh of 12.5 V
-  expected.maxCapacityMah = 100;
-  expected.amperageMa = -1400;
-  expected.dischargeWatts = 17.5;
-  expected.serialNumber = "other";
-  EXPECT_EQ(collected(properties), expected);
-}
-
-TEST(BatteryStatusCollector, ReadsTypesCurrentsLevelsAndTimes) {
-  const auto sampleWith = [](const char* key, PropertyValue value) {
-    PropertyDictionary properties = battery();
-    properties.insert_or_assign(key, std::move(value));
-    return collected(properties);
-  };
-  EXPECT_EQ(sampleWith("AdapterDetails", "none").adapterWatts, std::nullopt);
-  EXPECT_EQ(sampleWith("CycleCount", "many").cycleCount, std::nullopt);
-  EXPECT_EQ(sampleWith("FullyCharged", integer(1)).fullyCharged, true);
-  EXPECT_EQ(sampleWith("Amperage", integer(4294965764)).amperageMa, -1532);  // a gauge 32 bits wide
-  EXPECT_EQ(sampleWith("Amperage", integer(500)).dischargeWatts, std::nullopt);
-  EXPECT_EQ(sampleWith("Voltage", integer(0)).remainingWh, std::nullopt);
-  EXPECT_EQ(sampleWith("CurrentCapacity", integer(130)).levelPercent, 100);
-  EXPECT_EQ(sampleWith("CurrentCapacity", integer(-3)).levelPercent, 0);
-  EXPECT_EQ(sampleWith("MaxCapacity", integer(200)).levelPercent, 40.5);
-  EXPECT_EQ(sampleWith("MaxCapacity", "many").levelPercent, 100) << "without a maximum, of 1";
-  EXPECT_EQ(collected(testing::properties("CurrentCapacity=1")).levelPercent, 100);
-  EXPECT_EQ(collected(testing::properties("CurrentCapacity=0")).levelPercent, 0);
+  EXPECT_EQ(encoded(collected(properties)),  // 81 mAh of 12.5 V are left
+            batterySample(R"({"currentCapacityMah":81,"remainingWh":1.0125,"maxCapacityMah":100,
+                              "amperageMa":-1400,"dischargeWatts":17.5,"serialNumber":"other"})"));
   const std::string wrapped =
       "<plist version=\"1.0\"><array><dict><key>Amperage</key><integer>18446744073709550116</integer>"
       "<key>Voltage</key><integer>12000</integer></dict></array></plist>";
@@ -148,10 +124,10 @@ TEST(BatteryStatusCollector, FailsOnWhatIsNoBattery) {
   shell.reply("/usr/sbin/ioreg", ShellResult{2, "", "no"});
   const auto exit = thrownBy<ShellRunnerError>([&] { BatteryStatusCollector(shell).collectStatus(); });
   EXPECT_STREQ(exit.what(), "Command exited with status 2: no");
-  thrownBy<PropertyListError>([] { BatteryStatusCollector::statusFrom(""); });
-  const PropertyValue shapes[] = {PropertyDictionary{}, PropertyValue::Array{},
-                                  PropertyValue::Array{integer(1)}};
-  for (const PropertyValue& shape : shapes) {
+  thrownBy<platform::PropertyListError>([] { BatteryStatusCollector::statusFrom(""); });
+  for (const PropertyValue& shape :
+       {PropertyValue(PropertyDictionary{}), PropertyValue(PropertyValue::Array{}),
+        PropertyValue(PropertyValue::Array{integer(1)})}) {
     const std::string list = platform::encodePropertyList(shape);
     const auto error = thrownBy<ShellRunnerError>([&] { BatteryStatusCollector::statusFrom(list); });
     EXPECT_STREQ(error.what(), "Failed to launch command: Unable to parse AppleSmartBattery plist output.");
@@ -202,38 +178,31 @@ TEST(DirectBatteryStatusReader, JoinsPowerSourceRegistryAndAdapter) {
   DirectBatteryStatusReader reader(std::move(registry));
   source.description = PropertyDictionary{{"Current Capacity", integer(50)}};
   EXPECT_EQ(reader.sample(), std::nullopt) << "without the service there is no battery";
-  source.properties = battery();
-  source.description =
-      PropertyDictionary{{"Current Capacity", integer(42)},       {"Max Capacity", integer(84)},
-                         {"Power Source State", "Battery Power"}, {"Time to Empty", integer(123)},
-                         {"Time to Full Charge", integer(0)},     {"Is Charged", true}};
-  source.adapter = PropertyDictionary{{"Watts", integer(61)}, {"Name", "61W"}};
-  BatteryStatusSample expected = registrySample();
-  expected.levelPercent = 100;
-  expected.isACPowered = false;
-  expected.systemTimeRemainingMinutes = 123;
-  expected.adapterWatts = 61;
-  expected.adapterName = "61W";
-  EXPECT_EQ(reader.sample(), expected);
-
-  // On the adapter, charging, with nothing known of the connection but the power source's state.
-  source.properties->erase("ExternalConnected");
-  source.properties->erase("FullyCharged");
-  source.properties->insert_or_assign("IsCharging", true);
-  source.description = PropertyDictionary{{"Power Source State", "AC Power"},
-                                          {"Time to Full Charge", integer(-1)},
-                                          {"Time to Empty", integer(9)},
-                                          {"Is Charged", false}};
-  source.adapter.reset();
-  const BatteryStatusSample charging = reader.sample().value();
-  EXPECT_TRUE(charging.externalPowerConnected);
-  EXPECT_EQ(charging.isACPowered, true);
-  EXPECT_EQ(charging.fullyCharged, false);
-  EXPECT_EQ(charging.systemTimeRemainingMinutes, std::nullopt) << "still calculating";
-  EXPECT_EQ(charging.adapterWatts, std::nullopt);
-  EXPECT_EQ(charging.levelPercent, 4000.0 / 4900 * 100);
-  source.description->insert_or_assign("Time to Full Charge", integer(0));
-  EXPECT_EQ(reader.sample().value().systemTimeRemainingMinutes, std::nullopt) << "the time does not apply";
+  const PropertyDictionary adapter{{"Watts", integer(61)}, {"Name", "61W"}};
+  const std::string noAdapter = R"("adapterWatts":null,"adapterName":null,)";
+  const std::string charging =
+      noAdapter + R"("isCharging":true,"levelPercent":81.63265306122449,"systemTimeRemainingMinutes":)";
+  // What the power source says, the registry, whether there is an adapter, what is read.
+  const std::tuple<std::string, std::string, bool, std::string> rows[] = {
+      {"Current Capacity=42,Max Capacity=84,Power Source State=Battery Power,Time to Empty=123,"
+       "Time to Full Charge=0,Is Charged=true",
+       "", true,
+       R"({"levelPercent":100.0,"isACPowered":false,"systemTimeRemainingMinutes":123,"adapterWatts":61,
+           "adapterName":"61W"})"},
+      {"Current Capacity=42,Max Capacity=84,Time to Empty=1", "ExternalConnected=true", false,
+       "{" + noAdapter +
+           R"("levelPercent":50.0,"externalPowerConnected":true,"systemTimeRemainingMinutes":1})"},
+      {"Power Source State=AC Power,Time to Full Charge=-1,Time to Empty=9,Is Charged=false",
+       "IsCharging=true,ExternalConnected=none,FullyCharged=none", false,
+       "{" + charging + R"(null,"isACPowered":true,"externalPowerConnected":true})"},
+      {"Time to Full Charge=0", "IsCharging=true", false, "{" + charging + "null}"},  // it does not apply
+      {"Time to Full Charge=1", "IsCharging=true", false, "{" + charging + "1}"}};
+  for (const auto& [description, changes, hasAdapter, read] : rows) {
+    source.description = testing::properties(description);
+    source.properties = battery(changes);
+    source.adapter = hasAdapter ? std::optional(adapter) : std::nullopt;
+    EXPECT_EQ(encoded(reader.sample().value()), batterySample(read)) << description;
+  }
 }
 
 }  // namespace

@@ -1,5 +1,3 @@
-#include <set>
-
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -40,15 +38,23 @@ struct FakeBattery final : BatteryStatusCollecting {
 };
 
 struct FakeWatts final : SMCDisplayPowerReading, SMCUSBPowerReading {
-  std::optional<double> display;
-  std::optional<double> usb;
+  std::optional<double> display, usb;
   std::optional<double> readDisplayPowerWatts() override { return display; }
   std::optional<double> readThunderboltLeftPowerWatts() override { return usb; }
-  std::optional<double> readThunderboltRightPowerWatts() override { return std::nullopt; }
+  std::optional<double> readThunderboltRightPowerWatts() override { return {}; }
 };
 
 PowermetricsProcessRecord record(std::int64_t pid, double cpuW, double gpuW = 0) {
   return {pid, "record-" + std::to_string(pid), 1, 0, cpuW, gpuW, 0, cpuW + gpuW};
+}
+
+/// The sample with the watts of a record, the GPU's by CPU share.
+ProcessSample measured(ProcessSample sample, double cpuW, double gpuW = 0) {
+  sample.powermetricsPackageW = cpuW + gpuW;
+  sample.powermetricsCPUW = cpuW;
+  sample.powermetricsGPUW = gpuW;
+  sample.powermetricsGPUFallbackAllocated = gpuW > 0;
+  return sample;
 }
 
 class InputBuilding : public ::testing::Test {
@@ -92,23 +98,12 @@ TEST_F(InputBuilding, MergesRecordsIntoSamplesAndAddsTheRest) {
   const AttributionInput input =
       build({makeProcessSample(10, "/a", 3), makeProcessSample(11, "/b", 2), makeProcessSample(12, "/c", 1)})
           .input;
-  ProcessSample merged = makeProcessSample(11, "/b", 2);
-  merged.powermetricsPackageW = 2.5;
-  merged.powermetricsCPUW = 2;
-  merged.powermetricsGPUW = 0.5;
-  merged.powermetricsGPUFallbackAllocated = true;
-  const auto added = [](std::int64_t pid, std::string name, std::optional<std::string> bundleID,
-                        double watts) {
-    ProcessSample sample = makeProcessSample(pid, std::move(name));
-    sample.bundleID = std::move(bundleID);
-    sample.powermetricsPackageW = sample.powermetricsCPUW = watts;
-    sample.powermetricsGPUW = 0;
-    return sample;
-  };
+  const ProcessSample thirty{.pid = 30, .name = "/opt/thirty", .bundleID = "org.thirty"};
   EXPECT_THAT(input.processes,
-              ElementsAre(makeProcessSample(10, "/a", 3), merged, makeProcessSample(12, "/c", 1),
-                          added(30, "/opt/thirty", "org.thirty", 0.02), added(31, "/opt/T.app", {}, 0.5),
-                          added(32, "record-32", {}, 0.011)));
+              ElementsAre(makeProcessSample(10, "/a", 3), measured(makeProcessSample(11, "/b", 2), 2, 0.5),
+                          makeProcessSample(12, "/c", 1), measured(thirty, 0.02),
+                          measured(makeProcessSample(31, "/opt/T.app"), 0.5),
+                          measured(makeProcessSample(32, "record-32"), 0.011)));
   EXPECT_EQ(input.timestamp, clock_.now());
 }
 
@@ -117,52 +112,41 @@ TEST_F(InputBuilding, ChoosesTheTotalAndItsSource) {
   const auto battery = [](bool external, bool charging, std::optional<double> discharge) {
     return Battery{{.isCharging = charging, .externalPowerConnected = external, .dischargeWatts = discharge}};
   };
-  struct Row {
-    Battery battery;
-    bool configuredOnBattery;
-    double packageW;  // 0: powermetrics fails
-    double total;
-    std::string sources;
-    bool estimated = true;
-  };
-  const std::string components = "powerSource=PM-Package+Components";
-  const Row rows[] = {
-      {battery(true, false, {}), true, 6, 8.5, "isOnBattery=true, " + components + ", iokitW=nil"},
-      {battery(false, true, 4.0), true, 0, 2.5, "isOnBattery=true, " + components + ", iokitW=4.00"},
-      {{}, false, 6, 8.5, "isOnBattery=false, " + components + ", iokitW=nil"},
-      {battery(false, false, 11.25), false, 6, 11.25, "isOnBattery=false, powerSource=IOKit, iokitW=11.25",
-       false},
-      {battery(false, false, 0.0), false, 6, 0, "isOnBattery=false, powerSource=none, iokitW=0.00", false},
-      {battery(false, false, {}), true, 6, 0, "isOnBattery=true, powerSource=none, iokitW=nil", false},
-      {{}, true, 6, 0, "isOnBattery=true, powerSource=none, iokitW=nil", false},
-  };
+  // The battery, whether the configuration says that it is in use, the package's power (0: powermetrics
+  // fails), the total, where that comes from and what the battery said.
+  const std::tuple<Battery, bool, double, double, std::string, std::string> rows[] = {
+      {battery(true, false, {}), true, 6, 8.5, "PM-Package+Components", "nil"},
+      {battery(false, true, 4.0), true, 0, 2.5, "PM-Package+Components", "4.00"},
+      {{}, false, 6, 8.5, "PM-Package+Components", "nil"},
+      {battery(true, false, {}), false, -9, 0, "PM-Package+Components", "nil"},  // never below zero
+      {battery(false, false, 11.25), false, 6, 11.25, "IOKit", "11.25"},
+      {battery(false, false, 0.0), false, 6, 0, "none", "0.00"},
+      {battery(false, false, {}), true, 6, 0, "none", "nil"},
+      {{}, true, 6, 0, "none", "nil"}};
   watts_.display = 2;
   watts_.usb = 0.5;
-  for (const Row& row : rows) {
-    battery_.status = row.battery;
+  const std::string failed =
+      "[ERROR] [InputBuilder] powermetrics collection failed: powermetrics command failed: gone?";
+  for (const auto& [status, configuredOnBattery, packageW, total, source, iokitW] : rows) {
+    battery_.status = status;
+    const bool succeeds = packageW != 0;
     powermetrics_.output.reset();
-    std::vector<std::string> expected;
-    if (row.packageW > 0) {
+    if (succeeds)
       powermetrics_.output =
-          PowermetricsParseOutput{.combinedPackageW = row.packageW, .processes = {record(1, 1)}};
-    } else {
-      expected.push_back(
-          "[ERROR] [InputBuilder] powermetrics collection failed: powermetrics command failed: gone?");
-    }
+          PowermetricsParseOutput{.combinedPackageW = packageW, .processes = {record(1, 1)}};
+    std::vector<std::string> expected(succeeds ? 0 : 1, failed);
     expected.push_back(fmt::format(
-        "[INFO] [InputBuilder] sources {}, pmCommandOK={}, pmParsed={}, pmPackage={:.2f}, totalW={:.2f}",
-        row.sources, row.packageW > 0, row.packageW > 0 ? 1 : 0, row.packageW, row.total));
+        "[INFO] [InputBuilder] sources isOnBattery={}, powerSource={}, iokitW={}, pmCommandOK={}, "
+        "pmParsed={:d}, pmPackage={:.2f}, totalW={:.2f}",
+        configuredOnBattery, source, iokitW, succeeds, succeeds, packageW, total));
     SamplingSettings settings;
-    settings.isOnBatteryPower = row.configuredOnBattery;
+    settings.isOnBatteryPower = configuredOnBattery;
     AttributionBuildResult result;
     EXPECT_EQ(linesLoggedBy([&] { result = build({}, settings); }), expected);
-    EXPECT_EQ(result.input.totalDischargeW, row.total) << row.sources;
-    EXPECT_EQ(result.metadata.usedEstimatedTotalPower, row.estimated) << row.sources;
-    EXPECT_EQ(result.batteryStatus, row.battery);
+    EXPECT_EQ(result.input.totalDischargeW, total) << expected.back();
+    EXPECT_EQ(result.metadata.usedEstimatedTotalPower, source.starts_with("PM")) << expected.back();
+    EXPECT_EQ(result.batteryStatus, status);
   }
-  battery_.status = *battery(true, false, {});
-  powermetrics_.output = PowermetricsParseOutput{.combinedPackageW = -9};
-  EXPECT_EQ(build().input.totalDischargeW, 0) << "never below zero";
 }
 
 TEST_F(InputBuilding, ReportsWhatItUsed) {
@@ -190,18 +174,17 @@ TEST_F(InputBuilding, SamplesTheProcessesItself) {
 TEST_F(InputBuilding, TimesEveryStageUnderOneCorrelation) {
   powermetrics_.output = PowermetricsParseOutput{.processes = {record(30, 1)}};
   build({makeProcessSample(1, "x")});
-  std::vector<std::string> components;
-  std::set<std::string> correlations;
+  std::string components;
   for (const ComponentSpan& span : spans_) {
-    components.emplace_back(span.component);
-    correlations.insert(
-        fmt::format("{} {} {}", span.origin.correlationID, span.origin.sourceFile, span.origin.function));
+    components += fmt::format("{} ", span.component);
+    EXPECT_EQ(
+        fmt::format("{} {} {}", span.origin.correlationID, span.origin.sourceFile, span.origin.function),
+        "input-builder-1 MetricsCollectors/LiveAttributionInputBuilder "
+        "buildWithMetadata(processSamples:hiddenMappings:config:)");
   }
-  ASSERT_THAT(components,
-              ElementsAre("daemonInputPowermetrics", "daemonInputProcessMerge", "daemonInputBatteryStatus",
-                          "daemonInputDisplayEstimate", "daemonInputUSBEstimate", "daemonInputBuild"));
-  EXPECT_THAT(correlations, ElementsAre("input-builder-1 MetricsCollectors/LiveAttributionInputBuilder "
-                                        "buildWithMetadata(processSamples:hiddenMappings:config:)"));
+  ASSERT_EQ(components,
+            "daemonInputPowermetrics daemonInputProcessMerge daemonInputBatteryStatus "
+            "daemonInputDisplayEstimate daemonInputUSBEstimate daemonInputBuild ");
   using Context = ComponentProfiler::Context;
   EXPECT_EQ(spans_[1].context, (Context{{"mergedProcesses", "2"}, {"powermetricsOnly", "1"}}));
   EXPECT_EQ(spans_[5].context,
@@ -218,23 +201,19 @@ TEST_F(InputBuilding, TakesADuplicateRecordForFatal) {
 TEST_F(InputBuilding, LogsNamesForDebugging) {
   environment_.set("QZL_PROCESS_NAME_DEBUG", "1");
   powermetrics_.output.emplace();
-  for (std::int64_t pid = 100; pid < 112; ++pid)
+  std::string pathless = "pid=2 name=y?", only;
+  for (int pid = 100; pid < 112; ++pid) {
     powermetrics_.output->processes.push_back(record(pid, 1.006));
-  std::string pathless = "pid=2 name=y?";
-  std::string powermetricsOnly;
-  for (int pid = 100; pid < 109; ++pid) {
-    pathless += fmt::format(" | pid={0} name=record-{0}", pid);
-    if (pid == 108) break;  // this list is the shorter one
-    powermetricsOnly +=
-        fmt::format("{1}pid={0} name=record-{0} pmPackageW=1.01", pid, pid > 100 ? " | " : "");
+    if (pid < 109) pathless += fmt::format(" | pid={0} name=record-{0}", pid);
+    if (pid < 108)
+      only += fmt::format("{1}pid={0} name=record-{0} pmPackageW=1.01", pid, only.empty() ? "" : " | ");
   }
   const std::string prefix = "[INFO] [InputBuilder] name-debug ";
-  EXPECT_THAT(linesLoggedBy([&] {
-                build({makeProcessSample(1, "/x"), makeProcessSample(2, "y\n")});
-              }),
+  const auto twoProcesses = [&] { build({makeProcessSample(1, "/x"), makeProcessSample(2, "y\n")}); };
+  EXPECT_THAT(linesLoggedBy(twoProcesses),
               ElementsAre(prefix + "processSamples=2, merged=14, mergedPathless=13, pmOnly=12",
                           prefix + "pathless merged preview: " + pathless,
-                          prefix + "pm-only preview: " + powermetricsOnly, HasSubstr("sources")));
+                          prefix + "pm-only preview: " + only, HasSubstr("sources")));
   powermetrics_.output->processes.clear();
   EXPECT_THAT(
       linesLoggedBy([&] { build({makeProcessSample(1, "/x")}); }),

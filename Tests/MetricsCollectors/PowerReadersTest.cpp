@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <bit>
+#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,34 +20,25 @@ using ::testing::Return;
 using Watts = std::optional<double>;
 
 TEST(SMCValue, DecodesEveryType) {
-  const std::tuple<std::string_view, std::array<std::uint8_t, 4>, Watts> rows[] = {
-      {"flt ", {0, 0, 0x20, 0x41}, 10.0},
-      {"ui8 ", {0xFE, 1, 1, 1}, 254.0},
-      {"ui8", {7, 1, 1, 1}, 7.0},
-      {"ui16", {0x34, 0x12, 9, 9}, 4660.0},
-      {"ui32", {4, 3, 2, 0x81}, 0x81020304},
-      {"sp78", {0x1A, 0x80, 9, 9}, 26.5},
-      {"sp78", {0xFF, 0xC0, 9, 9}, -0.25},
-      {"fpe2", {0, 10, 9, 9}, 2.5},
-      {"fp88", {0x80, 0x80, 9, 9}, 128.5},
-      {"ch8*", {1, 2, 3, 4}, {}},
-      {"fp97", {1, 2, 3, 4}, {}},
-      {"", {1, 2, 3, 4}, {}},
-  };
-  // With 0x8000 an unsigned type of n fraction bits holds 2^(15-n), a signed one -2^(15-n).
-  const std::vector<std::pair<std::string, std::vector<std::string>>> signs = {
-      {"fp", {"1f", "2e", "3d", "4c", "5b", "6a", "79", "88", "", "a6", "", "c4", "", "e2"}},
-      {"sp", {"1e", "2d", "3c", "4b", "5a", "69", "78", "87", "96", "a5", "b4", "", "", "", "f0"}}};
-  for (const auto& [sign, types] : signs) {
-    double value = sign == "fp" ? 1 : -2;
-    for (const std::string& type : types) {
-      if (!type.empty()) {
-        EXPECT_EQ(decodeSMCValue(sign + type, {0x80}), value) << sign + type;
-      }
-      value *= 2;
-    }
+  // Each type ("_" for a blank), its bytes and its value, "-" for none. With 0x8000 an unsigned type of n
+  // fraction bits holds 2^(15-n), a signed one -2^(15-n).
+  std::istringstream rows(
+      "flt_ 00002041 10 ui8_ FE010101 254 ui8 07010101 7 ui16 34120909 4660 ui32 04030281 2164392708 "
+      "sp78 1A800909 26.5 sp78 FFC00909 -0.25 fpe2 000A0909 2.5 fp88 80800909 128.5 ch8* 01020304 - "
+      "fp97 01020304 - ___ 01020304 - fp1f 80000000 1 fp2e 80000000 2 fp3d 80000000 4 fp4c 80000000 8 "
+      "fp5b 80000000 16 fp6a 80000000 32 fp79 80000000 64 fp88 80000000 128 fpa6 80000000 512 "
+      "fpc4 80000000 2048 fpe2 80000000 8192 sp1e 80000000 -2 sp2d 80000000 -4 sp3c 80000000 -8 "
+      "sp4b 80000000 -16 sp5a 80000000 -32 sp69 80000000 -64 sp78 80000000 -128 sp87 80000000 -256 "
+      "sp96 80000000 -512 spa5 80000000 -1024 spb4 80000000 -2048 spf0 80000000 -32768");
+  std::string type, value;
+  for (std::uint32_t bytes; rows >> type >> std::hex >> bytes >> std::dec >> value;) {
+    std::replace(type.begin(), type.end(), '_', ' ');
+    const auto byte = [bytes](int shift) { return static_cast<std::uint8_t>(bytes >> shift); };
+    EXPECT_EQ(decodeSMCValue(type, {byte(24), byte(16), byte(8), byte(0)}),
+              value == "-" ? std::nullopt : std::optional(std::stod(value)))
+        << type;
   }
-  for (const auto& [type, bytes, value] : rows) EXPECT_EQ(decodeSMCValue(type, bytes), value) << type;
+  EXPECT_EQ(decodeSMCValue("", {1, 2, 3, 4}), std::nullopt);
   EXPECT_EQ(packFourCharacterCode("PSTR"), 0x50535452U);
   EXPECT_EQ(packFourCharacterCode("PST"), 0U);
   EXPECT_EQ(unpackFourCharacterCode(0x666C7420), "flt ");
@@ -121,34 +114,30 @@ struct FakePower final : SMCTotalPowerReading, SMCDisplayPowerReading, SMCUSBPow
 };
 
 TEST(StatsSystemTotalPowerReader, KeepsAnEnergyAccount) {
+  using Snapshot = StatsSystemTotalSnapshot;
   FakeClock clock;
   const auto source = std::make_shared<FakePower>();
   StatsSystemTotalPowerReader reader(source, clock.now());
-  EXPECT_EQ(reader.sample(clock.now()), StatsSystemTotalSnapshot::empty());
-  source->total = 36;
-  clock.advance(10);
-  EXPECT_EQ(reader.sample(clock.now()), (StatsSystemTotalSnapshot{36, 36, 0.1, true}));
-  clock.advance(10);
-  source->total = std::nullopt;
-  EXPECT_EQ(reader.sample(clock.now()), (StatsSystemTotalSnapshot{36, 36, 0.1, false}));
-  source->total = -1;
-  EXPECT_FALSE(reader.sample(clock.now()).available);
-  clock.advance(10);
-  source->total = 72;  // holds for the 20 s since the last reading: 0.4 Wh more over 30 s in all
-  EXPECT_EQ(reader.sample(clock.now()), (StatsSystemTotalSnapshot{72, 60, 0.5, true}));
-  clock.advance(-5);  // a clock set back adds no energy
-  EXPECT_EQ(reader.sample(clock.now()).totalConsumptionWh, 0.5);
+  EXPECT_EQ(reader.sample(clock.now()), Snapshot::empty());
+  // Each reading, after how many seconds, and what is known then.
+  const std::tuple<Watts, double, Snapshot> rows[] = {
+      {36, 10, {36, 36, 0.1, true}},
+      {{}, 10, {36, 36, 0.1, false}},
+      {-1, 0, {36, 36, 0.1, false}},
+      {72, 10, {72, 60, 0.5, true}},   // 0.4 Wh more, as it holds for the 20 s since the last reading
+      {72, -5, {72, 72, 0.5, true}}};  // a clock set back adds no energy
+  for (const auto& [watts, seconds, snapshot] : rows) {
+    source->total = watts;
+    clock.advance(seconds);
+    EXPECT_EQ(reader.sample(clock.now()), snapshot) << ::testing::PrintToString(watts);
+  }
   StatsSystemTotalPowerReader small(source, clock.now());
   source->total = 0.5;
   clock.advance(0.5);
   EXPECT_DOUBLE_EQ(small.sample(clock.now()).averageW, 0.5) << "little power for little time counts too";
-}
-
-TEST(StatsSystemTotalSnapshot, ShowsTheAverageWhereNothingIsDrawn) {
   for (const auto& [current, average, visible] :
-       {std::tuple(0.005, 7.0, 7.0), {0.01, 7, 7}, {0.02, 7, 0.02}, {-3, -7, 0}}) {
-    EXPECT_EQ((StatsSystemTotalSnapshot{current, average, 1, true}.preferredVisibleW()), visible);
-  }
+       {std::tuple(0.005, 7.0, 7.0), {0.01, 7, 7}, {0.02, 7, 0.02}, {-3, -7, 0}})
+    EXPECT_EQ((Snapshot{current, average, 1, true}.preferredVisibleW()), visible) << current;
 }
 
 TEST(PowerEstimators, CountWhatIsThereAndNotNegative) {
@@ -168,12 +157,10 @@ TEST(PowerEstimators, CountWhatIsThereAndNotNegative) {
   const testing::FakeShell shell;
   EXPECT_EQ(DisplayPowerEstimator(power, &shell).shell(), &shell);
   EXPECT_EQ(USBPowerEstimator(&power, &shell).shell(), &shell);
-  using Drain = BatteryDrainEstimator;
-  EXPECT_EQ(Drain::estimateTotalDischargeW({}), 2.4);
-  EXPECT_EQ(Drain::estimateTotalDischargeW({-50}), 2.4);
-  EXPECT_DOUBLE_EQ(Drain::estimateTotalDischargeW({100, 50}), 35.4);
-  EXPECT_DOUBLE_EQ(Drain::estimateTotalDischargeW({100, -100}), 24.4);
-  EXPECT_EQ(Drain::estimateTotalDischargeW({1000}), 65.0);
+  EXPECT_EQ(BatteryDrainEstimator::estimateTotalDischargeW({}), 2.4);
+  EXPECT_DOUBLE_EQ(BatteryDrainEstimator::estimateTotalDischargeW({100, 50}), 35.4);
+  for (const auto& [cpu, watts] : {std::pair(-50.0, 2.4), {100, 24.4}, {1000, 65.0}})
+    EXPECT_DOUBLE_EQ(BatteryDrainEstimator::estimateTotalDischargeW({cpu, -100}), watts) << cpu;
 }
 
 struct FakeTicks final : platform::HostCPUTicks {
@@ -192,15 +179,16 @@ TEST(SystemCPULoadReader, MeasuresBetweenSamples) {
       .WillOnce(Return(CPUTicks{131, 210, 350, 5}));
   SystemCPULoadReader reader(0, std::move(ticks));
   FakeClock clock;
-  const auto sampleAfter = [&](double seconds) {
+  const std::pair<double, SystemCPUSample> rows[] = {
+      {0, {0, 1, 0}},
+      {2, {0.5, 1, 2}},  // 30 + 10 + 10 of 100, nice having wrapped
+      {3, {0, 1, 0}},    // a failed read changes nothing
+      {1, {0, 1, 4}},    // no tick passed
+      {-9, {1, 1, 0}}};  // the clock was set back
+  for (const auto& [seconds, sample] : rows) {
     clock.advance(seconds);
-    return reader.sample(clock.now());
-  };
-  EXPECT_EQ(sampleAfter(0), (SystemCPUSample{0, 1, 0}));
-  EXPECT_EQ(sampleAfter(2), (SystemCPUSample{0.5, 1, 2}));  // 30 + 10 + 10 of 100, nice having wrapped
-  EXPECT_EQ(sampleAfter(3), (SystemCPUSample{0, 1, 0}));    // a failed read changes nothing
-  EXPECT_EQ(sampleAfter(1), (SystemCPUSample{0, 1, 4}));    // no tick passed
-  EXPECT_EQ(sampleAfter(-9), (SystemCPUSample{1, 1, 0}));   // the clock was set back
+    EXPECT_EQ(reader.sample(clock.now()), sample) << seconds;
+  }
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+#include <map>
+
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <gmock/gmock.h>
@@ -47,20 +49,15 @@ TEST(PowermetricsParser, ReadsPowerValues) {
 }
 
 TEST(PowermetricsParser, TakesTheLastPackageLineAndTheFirstSystemLine) {
-  const PowermetricsParseOutput output = Parser().parse(
-      "System Power: none\n CPU Power: 2000 mW\nTotal Power: 9 W\nGPU Power: 500 mW\nSystem Average Power: 7 "
-      "W\n"
-      "CPU Power: 3 W\nCPU Power: broken\nCombined Power (CPU + GPU + ANE): 0 mW\nPackage Power: 50 W\n");
-  EXPECT_EQ(output.cpuPackageW, 3.0);
-  EXPECT_EQ(output.gpuPackageW, 0.5);
-  EXPECT_EQ(output.combinedPackageW, 3.5);  // a combined figure of 0 counts as none
-  EXPECT_EQ(output.totalSystemWatts, 9.0);
-  EXPECT_TRUE(output.hasPackagePower());
-  EXPECT_EQ(Parser().parse("Combined Power (CPU + GPU + ANE): 1.5 W").combinedPackageW, 1.5);
-  const PowermetricsParseOutput nothing = Parser().parse("");
-  EXPECT_EQ(nothing, PowermetricsParseOutput{});
-  EXPECT_FALSE(nothing.hasPackagePower());
   using Output = PowermetricsParseOutput;
+  Output expected{.cpuPackageW = 3, .gpuPackageW = 0.5, .combinedPackageW = 3.5, .totalSystemWatts = 9};
+  EXPECT_EQ(Parser().parse("System Power: none\n CPU Power: 2000 mW\nTotal Power: 9 W\nGPU Power: 500 mW\n"
+                           "System Average Power: 7 W\nCPU Power: 3 W\nCPU Power: broken\n"
+                           "Combined Power (CPU + GPU + ANE): 0 mW\nPackage Power: 50 W\n"),
+            expected);  // a combined figure of 0 counts as none
+  EXPECT_EQ(Parser().parse("Combined Power (CPU + GPU + ANE): 1.5 W"), Output{.combinedPackageW = 1.5});
+  EXPECT_EQ(Parser().parse(""), Output{});
+  EXPECT_FALSE(Output{}.hasPackagePower());
   for (double Output::*watts :
        {&Output::cpuPackageW, &Output::gpuPackageW, &Output::anePackageW, &Output::combinedPackageW}) {
     Output one;
@@ -94,16 +91,18 @@ TEST(PowermetricsParser, KeepsTaskRowsOnly) {
 
 TEST(PowermetricsParser, KnowsWhereASectionBeginsAndEnds) {
   const std::string one = "  one               5      1.0              0.0\n";
-  EXPECT_THAT(tasksOf("**** Processor usage ****\n" + one).rows, IsEmpty());
-  const std::string another = "  another           6      1.0              0.0\n";
-  EXPECT_THAT(tasksOf("*** not the end ***\n" + one + "**** nor this\n" + another).rows,
-              ElementsAre(Row{5, "one", 1, 0}, Row{6, "another", 1, 0}));
-  EXPECT_THAT(tasksOf(one + " **** Processor usage **** \n" + header + another).rows,
-              ElementsAre(Row{5, "one", 1, 0}))
-      << "only the first section counts";
-  const std::string withoutGPU = header.substr(0, header.find("GPU")) + "\n";  // then no line is a header
-  EXPECT_THAT(Parser().parse(withoutGPU + one).processes, IsEmpty());
-  EXPECT_THAT(Parser().parse("*** Running tasks\n" + header.substr(22) + one).processes, IsEmpty());
+  const std::string two = "  two               6      1.0              0.0\n";
+  const std::pair<std::string, std::string> rows[] = {
+      {header + "**** Processor usage ****\n" + one, ""},
+      {header + "*** not the end ***\n" + one + "**** nor this\n" + two, "one two "},
+      {header + one + " **** Processor usage **** \n" + header + two, "one "},  // only the first counts
+      {header.substr(0, header.find("GPU")) + "\n" + one, ""},                  // no line is a header
+      {"*** Running tasks\n" + header.substr(22) + one, ""}};
+  for (const auto& [text, names] : rows) {
+    std::string read;
+    for (const auto& record : Parser().parse(text).processes) read += record.name + " ";
+    EXPECT_EQ(read, names) << text;
+  }
 }
 
 TEST(PowermetricsParser, CutsColumnsByUserPerceivedCharacters) {
@@ -150,83 +149,65 @@ TEST(PowermetricsParser, SharesPackagePowerOut) {
 }
 
 /// What the collector runs, and as which executable, depends on who runs these tests.
-ToolCommand expectedCommand() { return PowermetricsCollector::command(::geteuid() == 0); }
+const ToolCommand command = PowermetricsCollector::command(::geteuid() == 0);
 
 TEST(PowermetricsCollector, RunsTheToolAtLowPriorityAndWithoutAPrompt) {
-  const std::vector<std::string> root = {"-n",         "20",    "/usr/bin/powermetrics",
-                                         "-n",         "1",     "--show-process-energy",
-                                         "--samplers", "tasks", "--show-all"};
-  EXPECT_EQ(PowermetricsCollector::command(true), (ToolCommand{"/usr/bin/nice", root}));
-  std::vector<std::string> user = root;
-  user.insert(user.begin(), {"-n", "/usr/bin/nice"});
-  EXPECT_EQ(PowermetricsCollector::command(false), (ToolCommand{"/usr/bin/sudo", user}));
-  std::string allowed = "(root) NOPASSWD:";  // the line for sudoers matches what sudo is given, word for word
-  for (auto word = user.begin() + 1; word != user.end(); ++word) allowed += " " + *word;
-  EXPECT_EQ(testing::runCommand("grep -cF '" + allowed + "' " QUENZEL_README).output, "1\n");
+  const ToolCommand root = PowermetricsCollector::command(true), user = PowermetricsCollector::command(false);
+  const std::string words =
+      "-n 20 /usr/bin/powermetrics -n 1 --show-process-energy --samplers tasks --show-all";
+  EXPECT_EQ(fmt::format("{} {}", root.executable, fmt::join(root.arguments, " ")), "/usr/bin/nice " + words);
+  EXPECT_EQ(fmt::format("{} {}", user.executable, fmt::join(user.arguments, " ")),
+            "/usr/bin/sudo -n /usr/bin/nice " + words);
+  // The line for sudoers matches what sudo is given, word for word.
+  const std::string allowed = "'(root) NOPASSWD: /usr/bin/nice " + words + "'";
+  EXPECT_EQ(testing::runCommand("grep -cF " + allowed + " " QUENZEL_README).output, "1\n");
 
   FakeShell shell;
-  shell.output(expectedCommand().executable, "System Average Power: 4 W\n");
+  shell.output(command.executable, "System Average Power: 4 W\n");
   EXPECT_EQ(PowermetricsCollector(shell).collectNormalizedSample().totalSystemWatts, 4.0);
-  EXPECT_THAT(shell.calls(),
-              ElementsAre(FakeShell::Call{expectedCommand().executable, expectedCommand().arguments}));
+  EXPECT_THAT(shell.calls(), ElementsAre(FakeShell::Call{command.executable, command.arguments}));
 }
 
 TEST(PowermetricsCollector, JudgesTheAnswerAndLogsWhatItDid) {
   using Kind = PowermetricsCollectorError::Kind;
-  const std::string failed = "powermetrics command failed: ";
-  const std::string privileges = "powermetrics requires admin privileges: ";
-  const std::string nothing = "powermetrics returned no usable power data.";
-  const std::string error = "[ERROR] [Powermetrics] ";
-  const auto nonZero = [&](int status, const std::string& line) {
-    return fmt::format("{}powermetrics non-zero status={}, firstStderrLine={}", error, status, line);
-  };
-  const auto unparseable = [&](const std::string& preview) {
-    return error + "powermetrics parse produced no process/package/system power. preview=" + preview;
-  };
+  const std::map<Kind, std::string> prefixes = {
+      {Kind::commandFailed, "powermetrics command failed: "},
+      {Kind::insufficientPrivileges, "powermetrics requires admin privileges: "},
+      {Kind::emptyOrUnparseableOutput, "powermetrics returned no usable power data."}};
   std::string manyLines;
   for (int line = 1; line <= 17; ++line) manyLines += fmt::format(" \n {}\r\n", line);
-  struct AnswerRow {
-    FakeShell::Reply reply;
-    Kind kind;
-    std::string prefix;  // of the description
-    std::string message;
-    std::string lastLine;
-  };
-  const AnswerRow rows[] = {
-      {ShellRunnerError::timedOut("x \x1B[2J\ny", 15), Kind::commandFailed, failed,
-       "Command timed out after 15.0s: x ?[2J?y",
-       error + "powermetrics execution failed: Command timed out after 15.0s: x ?[2J?y"},
-      {ShellResult{1, "", "\n\nsudo: A Password is required\n"}, Kind::insufficientPrivileges, privileges,
-       "sudo: A Password is required", nonZero(1, "sudo: A Password is required")},
-      {ShellResult{1, "", " u is\nNOT in the sudoers file"}, Kind::insufficientPrivileges, privileges,
-       " u is", nonZero(1, " u is")},
-      {ShellResult{2, "", "\n\nfoo\x1B[31m\x07\nbar"}, Kind::commandFailed, failed, "foo?[31m?",
-       nonZero(2, "foo?[31m?")},
-      {ShellResult{64, "", ""}, Kind::commandFailed, failed, "<empty>", nonZero(64, "<empty>")},
-      {ShellResult{0, " nothing of\x1B use \n\n", "password"}, Kind::emptyOrUnparseableOutput, nothing, "",
-       unparseable("nothing of? use")},
-      {ShellResult{0, "System Power: 0 W\n", ""}, Kind::emptyOrUnparseableOutput, nothing, "",
-       unparseable("System Power: 0 W")},
-      {ShellResult{0, manyLines, ""}, Kind::emptyOrUnparseableOutput, nothing, "",
-       unparseable("1 | 2 | 3 | 4 | 5 | 6 | 7 | 8 | 9 | 10 | 11 | 12 | 13 | 14 | 15 | 16")},
-  };
-  for (const AnswerRow& row : rows) {
+  // The answer, and of the error its kind and its message, or the preview of what is of no use.
+  const std::tuple<FakeShell::Reply, Kind, std::string> rows[] = {
+      {ShellRunnerError::timedOut("x \x1B[2J\ny", 15), Kind::commandFailed,
+       "Command timed out after 15.0s: x ?[2J?y"},
+      {ShellResult{1, "", "\n\nsudo: A Password is required\n"}, Kind::insufficientPrivileges,
+       "sudo: A Password is required"},
+      {ShellResult{1, "", " u is\nNOT in the sudoers file"}, Kind::insufficientPrivileges, " u is"},
+      {ShellResult{2, "", "\n\nfoo\x1B[31m\x07\nbar"}, Kind::commandFailed, "foo?[31m?"},
+      {ShellResult{64, "", ""}, Kind::commandFailed, "<empty>"},
+      {ShellResult{0, " nothing of\x1B use \n\n", "password"}, Kind::emptyOrUnparseableOutput,
+       "nothing of? use"},
+      {ShellResult{0, "System Power: 0 W\n", ""}, Kind::emptyOrUnparseableOutput, "System Power: 0 W"},
+      {ShellResult{0, manyLines, ""}, Kind::emptyOrUnparseableOutput,
+       "1 | 2 | 3 | 4 | 5 | 6 | 7 | 8 | 9 | 10 | 11 | 12 | 13 | 14 | 15 | 16"}};
+  for (const auto& [reply, kind, text] : rows) {
     FakeShell shell;
-    shell.reply(expectedCommand().executable, row.reply);
-    std::optional<PowermetricsCollectorError> thrown;
-    const auto lines = linesLoggedBy([&] {
-      thrown = thrownBy<PowermetricsCollectorError>(
-          [&] { PowermetricsCollector(shell).collectNormalizedSample(); });
+    shell.reply(command.executable, reply);
+    const auto collect = [&] { PowermetricsCollector(shell).collectNormalizedSample(); };
+    const auto lines = linesLoggedBy([&, kind = kind, text = text] {
+      const auto error = thrownBy<PowermetricsCollectorError>(collect);
+      const std::string message = kind == Kind::emptyOrUnparseableOutput ? "" : text;
+      EXPECT_EQ(std::tuple(error.kind(), error.message(), std::string(error.what())),
+                std::tuple(kind, message, prefixes.at(kind) + message));
     });
-    EXPECT_EQ(thrown->kind(), row.kind) << row.message;
-    EXPECT_EQ(thrown->message(), row.message);
-    EXPECT_EQ(thrown->what(), row.prefix + row.message);
-    EXPECT_THAT(lines, Contains(row.lastLine)) << row.message;
-    EXPECT_EQ(lines.empty() ? "" : lines.back(), row.lastLine) << "one line each";
+    const auto* result = std::get_if<ShellResult>(&reply);
+    std::string line = "execution failed: ";
+    if (result) line = fmt::format("non-zero status={}, firstStderrLine=", result->status);
+    if (result && result->status == 0) line = "parse produced no process/package/system power. preview=";
+    EXPECT_EQ(lines.back(), "[ERROR] [Powermetrics] powermetrics " + line + text);
   }
   FakeShell shell;
-  shell.reply(expectedCommand().executable, ShellResult{0, "CPU Power: 1500 mW\nTotal Power: 4 W\n", "note"});
-  const ToolCommand command = expectedCommand();
+  shell.reply(command.executable, ShellResult{0, "CPU Power: 1500 mW\nTotal Power: 4 W\n", "note"});
   EXPECT_THAT(linesLoggedBy([&] { PowermetricsCollector(shell).collectNormalizedSample(); }),
               ElementsAre(fmt::format("[INFO] [Powermetrics] Starting powermetrics fetch: {} {}",
                                       command.executable, fmt::join(command.arguments, " ")),
@@ -240,17 +221,17 @@ TEST(PowermetricsCollector, DumpsTheRawExchangeOnDemand) {
   const TemporaryDirectory folder;
   ScopedEnvironment environment{{{"QZL_PM_RAW_DUMP", "true"}, {"QZL_PM_RAW_DUMP_PATH", folder / "dump.log"}}};
   FakeShell shell;
-  shell.reply(expectedCommand().executable, ShellResult{0, "CPU Power: 1 W\n", "note"});
+  shell.reply(command.executable, ShellResult{0, "CPU Power: 1 W\n", "note"});
   const PowermetricsCollector collector(shell);
   collector.collectNormalizedSample();
   EXPECT_EQ(folder.read("dump.log"), "") << "only \"1\" switches dumping on";
   environment.set("QZL_PM_RAW_DUMP", "1");
   collector.collectNormalizedSample();
   collector.collectNormalizedSample();
-  const std::string record = "----- [0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z -----\ncommand: " +
-                             expectedCommand().executable +
-                             " [^\n]*--show-all\nstatus: 0\nstderr-bytes: 4\nstdout-bytes: 15\nstdout:\nCPU "
-                             "Power: 1 W\n\nstderr:\nnote\n";
+  const std::string record =
+      "----- [0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z -----\ncommand: " + command.executable +
+      " [^\n]*--show-all\nstatus: 0\nstderr-bytes: 4\nstdout-bytes: 15\nstdout:\nCPU "
+      "Power: 1 W\n\nstderr:\nnote\n";
   EXPECT_THAT(folder.read("dump.log"), MatchesRegex(record + record));
   environment.set("QZL_PM_RAW_DUMP_PATH", folder / "none/dump\n.log");
   EXPECT_THAT(linesLoggedBy([&] { collector.collectNormalizedSample(); }),

@@ -68,8 +68,7 @@ TEST(ProcessSampler, ReadsLines) {
 
 TEST_F(ProcessSampling, RanksByCPUThenPidWithinTheLimit) {
   shell_.output("/bin/ps", "10 1 5.0 0 a\r\n3 1 5.0 0 b\u2028 7 0 9.0 0 c\n\n8 1 0.0 0 d\n");
-  using PIDs = std::vector<std::int64_t>;
-  const std::pair<std::int64_t, PIDs> rows[] = {
+  const std::pair<std::int64_t, std::vector<std::int64_t>> rows[] = {
       {2, {7, 3}}, {0, {7}}, {-9, {7}}, {1000, {7, 3, 10, 8}}, {INT64_MAX, {7, 3, 10, 8}}};
   for (const auto& [limit, pids] : rows)
     EXPECT_EQ(pidsOf(sampler().sampleTopProcesses(limit)), pids) << limit;
@@ -77,26 +76,21 @@ TEST_F(ProcessSampling, RanksByCPUThenPidWithinTheLimit) {
             (FakeShell::Call{"/bin/ps", {"-A", "-ww", "-o", "pid=,ppid=,%cpu=,%mem=,command="}}));
 }
 
-TEST_F(ProcessSampling, CountsRowsThatAreNone) {
-  shell_.output("/bin/ps", "10 1 5,0 0,1 /a secret\n \n7 1 9.0 0 c\n8 1 8.0\n");
+TEST_F(ProcessSampling, CountsRowsThatAreNoneAndLogsNamesOnOneLineWhenAsked) {
+  shell_.output("/bin/ps", "10 1 5,0 0,1 /a secret\n \n7 1 9.126 0 c\x1B[2J -x\n8 1 8.0\n");
   ProcessSamplingReport report;
-  EXPECT_THAT(linesLoggedBy([&] { report = sampler().sampleProcesses(9, false); }),
-              ElementsAre("[WARN] [ProcessSampler] rows of ps that can't be read: 2"));
+  const auto sampling = [&] { report = sampler().sampleProcesses(9, false); };
+  const std::string unreadable = "[WARN] [ProcessSampler] rows of ps that can't be read: 2";
+  EXPECT_THAT(linesLoggedBy(sampling), ElementsAre(unreadable));
   EXPECT_EQ(report.unreadableRows, 2U);
   EXPECT_EQ(pidsOf(report.snapshot.sampledProcesses), std::vector<std::int64_t>{7});
   EXPECT_EQ(sampler().sampleProcesses(9, true).unreadableRows, 2U);
-  shell_.output("/bin/ps", "7 1 9.0 0 c\n");
-  sampler().sampleTopProcesses(9);
-  EXPECT_THAT(linesLoggedBy([&] { sampler().sampleTopProcesses(9); }), IsEmpty());
-}
-
-TEST_F(ProcessSampling, LogsNamesOnOneLineWhenAsked) {
   const testing::ScopedEnvironment debugging{{{"QZL_PROCESS_NAME_DEBUG", "1"}}};
   metadata_[7] = {"/opt/a\n[1.000] [ERROR] [Daemon] forged", {}, {}};
-  shell_.output("/bin/ps", "7 1 9.126 0 c\x1B[2J -x\n");
-  EXPECT_THAT(linesLoggedBy([&] { sampler().sampleTopProcesses(9); }),
-              ElementsAre("[INFO] [ProcessSampler] pid=7 cpu=9.13 raw=c?[2J -x "
-                          "resolved=/opt/a?[1.000] [ERROR] [Daemon] forged"));
+  clock_.advance(16);
+  EXPECT_THAT(linesLoggedBy(sampling), ElementsAre("[INFO] [ProcessSampler] pid=7 cpu=9.13 raw=c?[2J -x "
+                                                   "resolved=/opt/a?[1.000] [ERROR] [Daemon] forged",
+                                                   unreadable));
 }
 
 TEST(ProcessSampler, TakesItsFourCollaborators) {
@@ -104,7 +98,7 @@ TEST(ProcessSampler, TakesItsFourCollaborators) {
   shell.output("/bin/ps", "7 1 9.0 0 \"/bin/sh\" -c x\n");
   RunningProcessMetadataCache cache;
   ComponentProfiler profiler;
-  const RunningProcessMetadataLookup lookup = [](std::int32_t) { return std::nullopt; };
+  const auto lookup = [](std::int32_t) { return std::nullopt; };
   EXPECT_EQ(ProcessSampler(shell, lookup, cache, profiler).sampleTopProcesses(1).at(0).name, "/bin/sh");
   EXPECT_EQ(cache.size(), 1U);
 }
@@ -112,17 +106,16 @@ TEST(ProcessSampler, TakesItsFourCollaborators) {
 TEST_F(ProcessSampling, BuildsTheTreeWithOneLookupAProcess) {
   metadata_[7] = {"/opt/c", {}, "org.c"};
   shell_.output("/bin/ps", "10 1 5.0 0 a\n7 0 9.0 0 c\n");
-  const ProcessSamplingSnapshot snapshot = sampler().sampleProcessTree(1);
-  EXPECT_EQ(pidsOf(snapshot.allProcesses), (std::vector<std::int64_t>{10, 7}));
-  EXPECT_THAT(snapshot.sampledProcesses, ElementsAre(snapshot.allProcesses.at(1)));
-  EXPECT_EQ(snapshot.sampledProcesses.at(0),
-            (ProcessSample{.pid = 7, .name = "/opt/c", .bundleID = "org.c", .cpuPercent = 9}));
-  EXPECT_EQ(snapshot.allProcesses.at(0).parentPID, 1);
+  ProcessSamplingSnapshot snapshot;
+  EXPECT_THAT(linesLoggedBy([&] { snapshot = sampler().sampleProcessTree(1); }), IsEmpty());
+  const ProcessSample busiest{.pid = 7, .name = "/opt/c", .bundleID = "org.c", .cpuPercent = 9};
+  EXPECT_THAT(snapshot.allProcesses,
+              ElementsAre(ProcessSample{.pid = 10, .parentPID = 1, .name = "a", .cpuPercent = 5}, busiest));
+  EXPECT_THAT(snapshot.sampledProcesses, ElementsAre(busiest));
   EXPECT_THAT(lookups_, ElementsAre(10, 7));
-  lookups_.clear();
   clock_.advance(121);
   sampler().sampleTopProcesses(1);
-  EXPECT_THAT(lookups_, ElementsAre(7)) << "what is not returned is not looked up";
+  EXPECT_THAT(lookups_, ElementsAre(10, 7, 7)) << "what is not returned is not looked up";
   ASSERT_EQ(spans_.size(), 2U);
   EXPECT_EQ(spans_[0].component, "daemonSampleProcessSampler");
   EXPECT_EQ(spans_[0].origin.correlationID, "process-sampler-1");
@@ -130,49 +123,38 @@ TEST_F(ProcessSampling, BuildsTheTreeWithOneLookupAProcess) {
             (ComponentProfiler::Context{{"stage", "parse"}, {"limit", "1"}, {"includeAll", "1"}}));
 }
 
-TEST_F(ProcessSampling, PassesFailuresOn) {
+TEST_F(ProcessSampling, PassesFailuresOnAndTakesImpossibleListsForFatal) {
   shell_.reply("/bin/ps", ShellRunnerError::timedOut("ps", 4))
-      .reply("/bin/ps", ShellResult{1, "12 1 0 0 x\n", "bad"});
-  EXPECT_EQ(thrownBy<ShellRunnerError>([&] { sampler().sampleTopProcesses(5); }).kind(),
-            ShellRunnerError::Kind::timedOut);
-  const auto error = thrownBy<ShellRunnerError>([&] { sampler().sampleTopProcesses(5); });
-  EXPECT_EQ(error.kind(), ShellRunnerError::Kind::nonZeroExit);
+      .reply("/bin/ps", ShellResult{1, "12 1 0 0 x\n", "bad"})
+      .output("/bin/ps", "7 1 0 0 a\n7 1 0 0 b\n");
+  const auto sample = [this] { sampler().sampleTopProcesses(5); };
+  EXPECT_EQ(thrownBy<ShellRunnerError>(sample).kind(), ShellRunnerError::Kind::timedOut);
+  const auto error = thrownBy<ShellRunnerError>(sample);
   EXPECT_EQ((ShellResult{error.status(), error.stdout(), error.stderr()}),
             (ShellResult{1, "12 1 0 0 x\n", "bad"}));
-}
-
-TEST_F(ProcessSampling, TakesImpossibleListsForFatal) {
-  shell_.output("/bin/ps", "7 1 0 0 a\n7 1 0 0 b\n");
   EXPECT_EQ(sampler().sampleTopProcesses(5).size(), 2U);  // only the tree needs pids to be unique
   EXPECT_DEATH(sampler().sampleProcessTree(5), "Fatal error: ps listed process 7 twice");
   FakeShell huge;
   huge.output("/bin/ps", "4294967296 1 0 0 a\n");
-  const ProcessSampler ofHugePid(huge);
-  EXPECT_DEATH(ofHugePid.sampleTopProcesses(5), "Fatal error: ps listed the process id 4294967296");
+  EXPECT_DEATH(ProcessSampler(huge).sampleTopProcesses(5),
+               "Fatal error: ps listed the process id 4294967296");
 }
 
 TEST_F(ProcessSampling, ResolvesNames) {
   files_ = {"/Applications/My Tool.app/Contents/MacOS/My Tool", "/opt/a b/c", "/bin/tool", "/opt", "opt b/c"};
-  struct NameRow {
-    std::string_view commandLine;
-    std::optional<Metadata> metadata;
-    std::string name;
-  };
   const std::string spaced = "/Applications/My Tool.app/Contents/MacOS/My Tool";
-  const NameRow rows[] = {
+  const std::tuple<std::string, std::optional<Metadata>, std::string> rows[] = {
       {"/bin/tool -x", Metadata{" /usr/bin/real ", {}, {}}, " /usr/bin/real "},
       {"/bin/tool -x", Metadata{{}, "/Applications/B.app", {}}, "/Applications/B.app"},
       {"/bin/tool -x", Metadata{"  ", "/Applications/B.app", {}}, "/bin/tool"},
       {"/bin/tool -x", Metadata{{}, {}, "org.b"}, "/bin/tool"},
-      {"/Applications/My Tool.app/Contents/MacOS/My Tool --flag", {}, spaced},
+      {spaced + " --flag", {}, spaced},
       {"\"/opt/a b/c\" -x", {}, "/opt/a b/c"},
       {"launchd", {}, "launchd"},
       {"opt b/c x", {}, "opt b/c x"},
-      {"/gone/tool  -x", {}, "/gone/tool  -x"},
-  };
-  for (const NameRow& row : rows) {
-    EXPECT_EQ(sampler().resolveProcessName(row.commandLine, row.metadata), row.name);
-  }
+      {"/gone/tool  -x", {}, "/gone/tool  -x"}};
+  for (const auto& [line, metadata, name] : rows)
+    EXPECT_EQ(sampler().resolveProcessName(line, metadata), name) << line;
   const std::pair<std::string_view, std::optional<std::string>> tokens[] = {
       {" a b", "a"},      {"", std::nullopt},           {"\"\" x", std::nullopt},
       {"'a b' c", "a b"}, {"\"a\\\"b\\\\c", "a\"b\\c"}, {"'a\"b'", "a\"b"},
@@ -180,71 +162,59 @@ TEST_F(ProcessSampling, ResolvesNames) {
   for (const auto& [line, token] : tokens) EXPECT_EQ(ProcessSampler::executableToken(line), token);
 }
 
-class FakeProcesses final : public platform::RunningProcesses {
- public:
-  struct State {
-    std::optional<std::string> executablePath;
-    std::optional<platform::RunningApplication> application;
-    std::map<std::string, std::string> bundles;
-    int bundleReads = 0;
-  };
-  explicit FakeProcesses(State& state) : state_(state) {}
-  std::optional<std::string> executablePath(std::int32_t) override { return state_.executablePath; }
+struct FakeProcesses final : platform::RunningProcesses {
+  std::optional<std::string> path;
+  std::optional<platform::RunningApplication> application;
+  std::map<std::string, std::string> bundles;
+  int bundleReads = 0;
+  std::optional<std::string> executablePath(std::int32_t) override { return path; }
   std::optional<platform::RunningApplication> runningApplication(std::int32_t) override {
-    return state_.application;
+    return application;
   }
-  std::optional<std::string> bundleIdentifier(const std::string& path) override {
-    ++state_.bundleReads;
-    const auto known = state_.bundles.find(path);
-    return known == state_.bundles.end() ? std::nullopt : std::optional(known->second);
+  std::optional<std::string> bundleIdentifier(const std::string& location) override {
+    ++bundleReads;
+    return bundles.contains(location) ? std::optional(bundles.at(location)) : std::nullopt;
   }
-
- private:
-  State& state_;
 };
 
 TEST(RunningProcessMetadata, IsResolvedFromPathBundleAndRecord) {
   using Application = platform::RunningApplication;
-  struct ResolveRow {
-    FakeProcesses::State state;
-    std::optional<Metadata> metadata;
-  };
-  const ResolveRow rows[] = {
-      {{}, std::nullopt},
-      {{"/usr/libexec/bar", {}, {}}, Metadata{"/usr/libexec/bar", {}, {}}},
-      {{"/A/F.app/x", {}, {{"/A/F.app", "org.f"}}}, Metadata{"/A/F.app/x", "/A/F.app", "org.f"}},
-      {{"/A/F.app/x", Application{"/A/G.app", "org.g"}, {}}, Metadata{"/A/F.app/x", "/A/F.app", "org.g"}},
-      {{"/A/F.app/x", Application{"/A/G.app", {}}, {{"/A/G.app", "org.g"}}},
-       Metadata{"/A/F.app/x", "/A/F.app", {}}},
-      {{{}, Application{"/A/G.app", {}}, {{"/A/G.app", "org.g"}}}, Metadata{{}, "/A/G.app", "org.g"}},
-      {{"/bin/x", Application{{}, "org.x"}, {}}, Metadata{"/bin/x", {}, "org.x"}},
-      {{{}, Application{}, {}}, std::nullopt},
-      {{"/bin/caf\xE9", {}, {}}, Metadata{"/bin/caf\uFFFD", {}, {}}},
-  };
-  for (const ResolveRow& row : rows) {
-    FakeProcesses::State state = row.state;
-    FakeProcesses processes(state);
-    BundleIdentifierCache bundles([&](const std::string& path) { return processes.bundleIdentifier(path); });
-    for (int round = 0; round < 2; ++round) {
-      EXPECT_EQ(RunningProcessMetadataResolver::resolveAmong(processes, bundles, 7), row.metadata)
-          << state.executablePath.value_or("(no path)");
-    }
-    EXPECT_LE(state.bundleReads, 1) << "a bundle is read once";
+  using Path = std::optional<std::string>;
+  const std::string f = "/A/F.app", g = "/A/G.app", inF = "/A/F.app/x";
+  // The path of the executable, what runs as an application, and the identifiers of bundles on disk.
+  const std::tuple<Path, std::optional<Application>, std::map<std::string, std::string>,
+                   std::optional<Metadata>>
+      rows[] = {{{}, {}, {}, {}},
+                {"/usr/libexec/bar", {}, {}, Metadata{"/usr/libexec/bar", {}, {}}},
+                {inF, {}, {{f, "org.f"}}, Metadata{inF, f, "org.f"}},
+                {inF, Application{g, "org.g"}, {}, Metadata{inF, f, "org.g"}},
+                {inF, Application{g, {}}, {{g, "org.g"}}, Metadata{inF, f, {}}},
+                {{}, Application{g, {}}, {{g, "org.g"}}, Metadata{{}, g, "org.g"}},
+                {"/bin/x", Application{{}, "org.x"}, {}, Metadata{"/bin/x", {}, "org.x"}},
+                {{}, Application{}, {}, {}},
+                {"/bin/caf\xE9", {}, {}, Metadata{"/bin/caf\uFFFD", {}, {}}}};
+  for (const auto& [path, application, onDisk, metadata] : rows) {
+    FakeProcesses processes;
+    processes.path = path;
+    processes.application = application;
+    processes.bundles = onDisk;
+    BundleIdentifierCache bundles([&](const std::string& at) { return processes.bundleIdentifier(at); });
+    for (int round = 0; round < 2; ++round)
+      EXPECT_EQ(RunningProcessMetadataResolver::resolveAmong(processes, bundles, 7), metadata)
+          << path.value_or("(no path)");
+    EXPECT_LE(processes.bundleReads, 1) << "a bundle is read once";
   }
-  EXPECT_EQ(RunningProcessMetadataResolver::resolve(::getpid())->executablePath,
-            std::filesystem::read_symlink("/proc/self/exe"));
-  EXPECT_EQ(RunningProcessMetadataResolver::bundleIdentifierCache().bundleIdentifier("/nowhere.app"),
-            std::nullopt);
-  const std::pair<std::string, std::optional<std::string>> paths[] = {
-      {"/A/Foo.APP/Contents/MacOS/Foo", "/A/Foo.APP"},
-      {"/A/Foo.app/X/S.xpc/S", "/A/Foo.app"},
-      {"/S.xpc/A.App/x", "/S.xpc/A.App"},
-      {"/L/S.XPC/S", "/L/S.XPC"},
-      {"/A/Foo.app", "/A/Foo.app"},
-      {"/A/Foo.APP", std::nullopt},  // at the end in lower case only
-  };
-  for (const auto& [path, bundle] : paths)
-    EXPECT_EQ(RunningProcessMetadataResolver::bundlePath(path), bundle) << path;
+  namespace Resolver = RunningProcessMetadataResolver;
+  EXPECT_EQ(Resolver::resolve(::getpid())->executablePath, std::filesystem::read_symlink("/proc/self/exe"));
+  EXPECT_EQ(Resolver::bundleIdentifierCache().bundleIdentifier("/nowhere.app"), std::nullopt);
+  const std::pair<std::string, Path> paths[] = {{"/A/Foo.APP/Contents/MacOS/Foo", "/A/Foo.APP"},
+                                                {"/A/Foo.app/X/S.xpc/S", "/A/Foo.app"},
+                                                {"/S.xpc/A.App/x", "/S.xpc/A.App"},
+                                                {"/L/S.XPC/S", "/L/S.XPC"},
+                                                {"/A/Foo.app", "/A/Foo.app"},
+                                                {"/A/Foo.xpc", "/A/Foo.xpc"},
+                                                {"/A/Foo.APP", {}}};  // at the end in lower case only
+  for (const auto& [path, bundle] : paths) EXPECT_EQ(Resolver::bundlePath(path), bundle) << path;
 }
 
 /// Asks a cache for pids, counting the look-ups.
@@ -254,28 +224,21 @@ struct CountingLookup {
   std::optional<Metadata> answer;
   int lookups = 0;
 
-  std::optional<Metadata> resolve(std::int32_t pid) {
-    return cache.resolve(pid, clock.now(), [this](std::int32_t) {
-      ++lookups;
-      return answer;
-    });
+  std::optional<Metadata> resolve(std::int32_t pid, double after = 0) {
+    clock.advance(after);
+    const auto lookUp = [this](std::int32_t) { return ++lookups, answer; };
+    return cache.resolve(pid, clock.now(), lookUp);
   }
 };
 
 TEST(RunningProcessMetadataCache, KeepsHitsLongerThanMisses) {
   CountingLookup known;
-  const auto lookupsAfter = [&](double seconds) {
-    known.clock.advance(seconds);
-    const bool found = known.resolve(7).has_value();
-    EXPECT_EQ(found, known.lookups > 1);
-    return known.lookups;
-  };
-  EXPECT_EQ(lookupsAfter(0), 1);
-  known.answer = Metadata{"/bin/x", {}, {}};
-  EXPECT_EQ(lookupsAfter(15), 1);
-  EXPECT_EQ(lookupsAfter(0.001), 2);
-  EXPECT_EQ(lookupsAfter(120), 2);
-  EXPECT_EQ(lookupsAfter(0.001), 3);
+  const std::pair<double, int> rows[] = {{0, 1}, {15, 1}, {0.001, 2}, {120, 2}, {0.001, 3}};
+  for (const auto& [seconds, lookups] : rows) {
+    EXPECT_EQ(known.resolve(7, seconds).has_value(), lookups > 1);
+    EXPECT_EQ(known.lookups, lookups);
+    known.answer = Metadata{"/bin/x", {}, {}};
+  }
 }
 
 TEST(RunningProcessMetadataCache, PrunesOldEntriesAndKeepsTheNewest) {
@@ -285,19 +248,14 @@ TEST(RunningProcessMetadataCache, PrunesOldEntriesAndKeepsTheNewest) {
   EXPECT_EQ(known.cache.size(), 63U);
   known.resolve(63);  // the 64th look-up prunes
   EXPECT_EQ(known.cache.size(), 1U);
-  known.clock.advance(100);
-  known.resolve(63);
+  known.resolve(63, 100);
   known.clock.advance(120);
   for (std::int32_t pid = 100; pid < 163; ++pid) known.resolve(pid);
   EXPECT_EQ(known.cache.size(), 64U) << "what was looked up again counts from then";
-  for (std::int32_t pid = 1000; pid < 6000; ++pid) {
-    known.clock.advance(0.001);
-    known.resolve(pid);
-  }
+  for (std::int32_t pid = 1000; pid < 6000; ++pid) known.resolve(pid, 0.001);
   EXPECT_EQ(known.cache.size(), 4096U);
   known.lookups = 0;
-  known.resolve(5999);
-  known.resolve(6000 - 4096);
+  for (const int newest : {5999, 6000 - 4096}) known.resolve(newest);
   EXPECT_EQ(known.lookups, 0) << "the newest stayed";
   known.resolve(6000 - 4097);
   EXPECT_EQ(known.lookups, 1) << "the oldest went";

@@ -1,10 +1,9 @@
 #include <cerrno>
 #include <csignal>
 #include <deque>
-#include <future>
 #include <thread>
-#include <vector>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -30,7 +29,7 @@ struct ScriptedSignals final : SignalOperations {
     bool isThisProcess() const override { return pid == 1234; }
     int send(int signal) const override {
       if (signal == 0) ++script.probes;
-      if (signal != 0) script.sent.push_back({signal, script.slept / 1ms});
+      if (signal != 0) script.sent += fmt::format(" {}@{}", signal, script.slept / 1ms);
       if (script.errors.empty()) return 0;
       const int error = script.errors.front();
       script.errors.pop_front();
@@ -41,7 +40,7 @@ struct ScriptedSignals final : SignalOperations {
   std::deque<int> errors = {};
   int clockDirection = 1;
   int probes = 0;
-  std::vector<std::pair<int, std::int64_t>> sent;  ///< the signals, and after how many milliseconds
+  std::string sent;  ///< each signal, and after how many milliseconds
   std::chrono::microseconds slept{0};
 
   std::unique_ptr<platform::SignalTarget> target(std::int32_t pid) override {
@@ -59,45 +58,29 @@ TEST(ProcessTerminator, HasOneMessageForEveryPath) {
     then.insert(then.begin(), 2 + polls, 0);
     return then;
   };
-  const std::pair<int, std::int64_t> term{SIGTERM, 0}, kill{SIGKILL, 360}, killAtOnce{SIGKILL, 0};
-  using Sent = decltype(ScriptedSignals::sent);
   // The errors are of the probe, SIGTERM, the probes of the wait, SIGKILL, the probes of the second wait.
-  const struct {
-    std::int32_t pid;
-    std::deque<int> errors;
-    Result result;
-    Sent sent;
-    int probes;
-  } rows[] = {
-      {0, {}, Result::failure("Invalid PID 0."), {}, 0},
-      {-5, {}, Result::failure("Invalid PID -5."), {}, 0},
-      {1234, {}, Result::failure("Refusing to terminate the current process (1234)."), {}, 0},
-      {1, {ESRCH}, Result::success("Process 1 is already stopped."), {}, 1},
-      {7, {EPERM}, Result::failure("Unable to inspect process 7: Operation not permitted."), {}, 1},
-      {7, {0, ESRCH}, Result::success("Process 7 exited before termination completed."), {term}, 1},
-      {7, {0, EPERM}, Result::failure("Unable to terminate process 7: Operation not permitted."), {term}, 1},
-      {7, {0, 0, ESRCH}, Result::success(), {term}, 2},
-      {7, {0, 0, 0, 0, ESRCH}, Result::success(), {term}, 4},
-      {7,
-       {0, 0, EPERM, ESRCH},
-       Result::success("Process 7 exited before SIGKILL completed."),
-       {term, killAtOnce},
-       2},
-      {7,
-       survivor({EPERM}),
-       Result::failure("Unable to force terminate process 7: Operation not permitted."),
-       {term, kill},
-       1 + polls},
-      {7, survivor({0, ESRCH}), Result::success("Process 7 required SIGKILL."), {term, kill}, 2 + polls},
-      {7, {}, Result::failure("Process 7 ignored SIGTERM and SIGKILL."), {term, kill}, 1 + 2 * polls},
-  };
-  for (const auto& row : rows) {
+  // Then whether it succeeded, the message, the signals (15 is SIGTERM, 9 SIGKILL), and how many probes.
+  const std::tuple<std::int32_t, std::deque<int>, std::string> rows[] = {
+      {0, {}, "0 Invalid PID 0. 0"},
+      {-5, {}, "0 Invalid PID -5. 0"},
+      {1234, {}, "0 Refusing to terminate the current process (1234). 0"},
+      {1, {ESRCH}, "1 Process 1 is already stopped. 1"},
+      {7, {EPERM}, "0 Unable to inspect process 7: Operation not permitted. 1"},
+      {7, {0, ESRCH}, "1 Process 7 exited before termination completed. 15@0 1"},
+      {7, {0, EPERM}, "0 Unable to terminate process 7: Operation not permitted. 15@0 1"},
+      {7, {0, 0, ESRCH}, "1 (none) 15@0 2"},
+      {7, {0, 0, 0, 0, ESRCH}, "1 (none) 15@0 4"},
+      {7, {0, 0, EPERM, ESRCH}, "1 Process 7 exited before SIGKILL completed. 15@0 9@0 2"},
+      {7, survivor({EPERM}), "0 Unable to force terminate process 7: Operation not permitted. 15@0 9@360 19"},
+      {7, survivor({0, ESRCH}), "1 Process 7 required SIGKILL. 15@0 9@360 20"},
+      {7, {}, "0 Process 7 ignored SIGTERM and SIGKILL. 15@0 9@360 37"}};
+  for (const auto& [pid, errors, course] : rows) {
     ScriptedSignals signals;
-    signals.errors = row.errors;
-    EXPECT_EQ(DefaultProcessTerminator(signals).terminateProcess(row.pid), row.result)
-        << row.result.message.value_or("(none)");
-    EXPECT_EQ(signals.sent, row.sent) << row.result.message.value_or("(none)");
-    EXPECT_EQ(signals.probes, row.probes) << row.result.message.value_or("(none)");
+    signals.errors = errors;
+    const Result result = DefaultProcessTerminator(signals).terminateProcess(pid);
+    EXPECT_EQ(fmt::format("{:d} {}{} {}", result.succeeded, result.message.value_or("(none)"), signals.sent,
+                          signals.probes),
+              course);
   }
 }
 
@@ -108,55 +91,44 @@ TEST(ProcessTerminator, DoesNotWaitForeverWhileTheClockIsSetBack) {
   EXPECT_EQ(signals.slept, 2 * polls * 20ms);
 }
 
-TEST(ProcessTerminator, EndsARealProcessAndKnowsOneThatIsGone) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    for (;;) ::pause();
+TEST(ProcessTerminator, EndsARealProcessByItsPIDOrThatOfAThread) {
+  for (const bool byThread : {false, true}) {
+    const auto pipe = platform::makePipe().value();
+    const pid_t child = ::fork();
+    if (child == 0) {
+      std::thread([&] {
+        const auto thread = static_cast<pid_t>(::syscall(SYS_gettid));
+        if (::write(pipe.second.get(), &thread, sizeof thread) != sizeof thread) ::_exit(1);
+        for (;;) ::pause();
+      }).join();
+    }
+    pid_t thread = 0;
+    ASSERT_EQ(::read(pipe.first.get(), &thread, sizeof thread), ssize_t{sizeof thread});
+    ASSERT_NE(thread, child);
+    const pid_t named = byThread ? thread : child;
+    const DefaultProcessTerminator terminator;
+    const Result result = terminator.terminateProcess(named);
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+    const std::string name = "Process " + std::to_string(named);
+    // Nobody had reaped it, and a zombie is still there to be signalled.
+    if (!byThread) {
+      EXPECT_EQ(result, Result::failure(name + " ignored SIGTERM and SIGKILL."));
+    }
+    EXPECT_EQ(terminator.terminateProcess(named), Result::success(name + " is already stopped."));
   }
-  const DefaultProcessTerminator terminator;
-  const std::string name = "Process " + std::to_string(child);
-  // Nobody has reaped it yet, and a zombie is still there to be signalled.
-  EXPECT_EQ(terminator.terminateProcess(child), Result::failure(name + " ignored SIGTERM and SIGKILL."));
-  ::kill(child, SIGKILL);
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(WTERMSIG(status), SIGTERM);
-  EXPECT_EQ(terminator.terminateProcess(child), Result::success(name + " is already stopped."));
 }
 
 TEST(ProcessTerminator, RefusesThisProcessByWhicheverThread) {
-  std::promise<pid_t> started;
-  std::promise<void> ends;
-  std::thread thread([&, end = ends.get_future()] {
-    started.set_value(static_cast<pid_t>(::syscall(SYS_gettid)));
-    end.wait();
-  });
-  const pid_t other = started.get_future().get();
-  for (const pid_t pid : {::getpid(), other}) {
+  const auto refuses = [] {
+    const auto pid = static_cast<pid_t>(::syscall(SYS_gettid));
     EXPECT_EQ(DefaultProcessTerminator().terminateProcess(pid),
               Result::failure("Refusing to terminate the current process (" + std::to_string(pid) + ")."));
-  }
-  ends.set_value();
-  thread.join();
-}
-
-TEST(ProcessTerminator, EndsAProcessByOneOfItsThreads) {
-  const auto pipe = platform::makePipe().value();
-  const pid_t child = ::fork();
-  if (child == 0) {
-    std::thread([&] {
-      const auto thread = static_cast<pid_t>(::syscall(SYS_gettid));
-      if (::write(pipe.second.get(), &thread, sizeof thread) != sizeof thread) ::_exit(1);
-      for (;;) ::pause();
-    }).join();
-  }
-  pid_t thread = 0;
-  ASSERT_EQ(::read(pipe.first.get(), &thread, sizeof thread), ssize_t{sizeof thread});
-  ASSERT_NE(thread, child);
-  DefaultProcessTerminator().terminateProcess(thread);
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(WTERMSIG(status), SIGTERM);
+  };
+  refuses();
+  std::thread(refuses).join();
 }
 
 }  // namespace
