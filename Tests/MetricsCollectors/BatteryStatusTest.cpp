@@ -134,6 +134,22 @@ TEST(BatteryStatusCollector, FailsOnWhatIsNoBattery) {
   }
 }
 
+TEST(BatteryStatusRules, TellABatteryAndWhetherItGivesItsLevel) {
+  const std::tuple<std::string, bool, bool> rows[] = {
+      {"", false, false},
+      {"Voltage=1", true, false},
+      {"Voltage=0", false, false},
+      {"CurrentCapacity=0", true, true},
+      {"AppleRawCurrentCapacity=0", true, false},
+      {"BatteryInstalled=false,CurrentCapacity=5", false, true},
+      {"BatteryInstalled=true,CurrentCapacity=5,MaxCapacity=1", true, true},
+      {"CurrentCapacity=5,MaxCapacity=0", true, false}};
+  for (const auto& [entry, isBattery, givesLevel] : rows) {
+    EXPECT_EQ(describesBattery(testing::properties(entry)), isBattery) << entry;
+    EXPECT_EQ(tellsLevel(testing::properties(entry)), givesLevel) << entry;
+  }
+}
+
 TEST(DirectBatteryStatusReader, ResolvesTheLevel) {
   using Value = std::optional<std::int64_t>;
   // The current and the full charge as displayed, both as measured, whether it is charged, and the level.
