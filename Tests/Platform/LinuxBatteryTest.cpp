@@ -8,7 +8,6 @@ namespace {
 
 using platform::PropertyDictionary;
 using platform::PropertyValue;
-using Files = SystemTree::Files;
 
 const std::string chargeBattery =
     "type=Battery,present=1,status=Discharging,voltage_now=12000000,current_now=1500000,current_avg=1400000,"
@@ -16,7 +15,6 @@ const std::string chargeBattery =
     "serial_number=  SN 1 ,model_name=DELL GPM03,charge_counter=77,voltage_min_design=77";
 
 struct Row {
-  const char* title;
   std::map<std::string, std::string> supplies;
   std::string properties;   // exactly these, and the adapter
   std::string description;  // exactly these, the type, the levels and whether it charges
@@ -24,9 +22,9 @@ struct Row {
 };
 
 const Row rows[] = {
-    {"a battery that counts charge, discharging: 3 Ah at 1.5 A, at 1.4 A on average; beside it a mouse, an "
-     "uninterruptible supply, and three empty bays",
-     {{"BAT0", chargeBattery},
+    // A battery that counts charge, discharging: 3 Ah at 1.5 A, at 1.4 A on average; beside it a mouse, an
+    // uninterruptible supply, and three empty bays.
+    {{{"BAT0", chargeBattery},
       {"AC", "type=Mains,online=0,model_name=unplugged"},
       {"BAT1", "type=Battery,present=0,status=Unknown,capacity=50"},
       {"BAT2", "type=Battery,status=Charging,cycle_count=7,charge_full=4000000"},
@@ -39,18 +37,17 @@ const Row rows[] = {
      "Serial=SN 1,DeviceName=DELL GPM03",
      "Power Source State=Battery Power,Time to Empty=128",
      ""},
-    {"the driver's own times, in seconds, go before what the charge tells",
-     {{"BAT0",
+    // The driver's own times, in seconds, go before what the charge tells.
+    {{{"BAT0",
        "type=Battery,status=Discharging,charge_now=3000000,current_now=1500000,time_to_empty_now=7260,"
        "time_to_empty_avg=7500"}},
      "AppleRawCurrentCapacity=3000,AppleRawMaxCapacity=unknown,Amperage=-1500,InstantAmperage=-1500,"
      "AvgTimeToEmpty=125,TimeRemaining=121,ExternalConnected=false,IsCharging=false,FullyCharged=false",
      "Power Source State=Battery Power,Time to Empty=125",
      ""},
-    {"a battery that counts energy, charging: 25 Wh of 45 (50 when new) and 20 W at 12.5 V; 20 V at 3.25 A; "
-     "the "
-     "driver says that its times are unknown",
-     {{"BAT0",
+    // A battery that counts energy, charging: 25 Wh of 45 (50 when new) and 20 W at 12.5 V; 20 V at 3.25 A;
+    // the driver says that its times are unknown.
+    {{{"BAT0",
        "type=Battery,status=Charging,voltage_now=12500000,energy_now=25000000,energy_full=45000000,"
        "energy_full_design=50000000,power_now=20000000,cycle_count=0,voltage_min_design=11100000,"
        "time_to_full_now=0,time_to_full_avg=3932100"},
@@ -61,28 +58,28 @@ const Row rows[] = {
      "TimeRemaining=60,ExternalConnected=true,IsCharging=true,FullyCharged=false",
      "Power Source State=AC Power,Time to Full Charge=60",
      "Watts=65"},
-    {"full, with nothing but a level and no adapter listed: percent are no charge",
-     {{"macsmc-battery", "type=Battery,status=Full,capacity=103"}},
+    // Full, with nothing but a level and no adapter listed: percent are no charge.
+    {{{"macsmc-battery", "type=Battery,status=Full,capacity=103"}},
      "CurrentCapacity=100,MaxCapacity=100,AppleRawCurrentCapacity=unknown,AppleRawMaxCapacity=unknown,"
      "ExternalConnected=true,IsCharging=false,FullyCharged=true",
      "Power Source State=AC Power,Is Charged=true",
      ""},
-    {"the charge by the level alone: 30 % of 4 Ah; charging, it misses 2.8 Ah at 1.4 A on average",
-     {{"BAT0", "type=Battery,status=Charging,capacity=30,charge_full=4000000,current_avg=1400000"}},
+    // The charge by the level alone: 30 % of 4 Ah; charging, it misses 2.8 Ah at 1.4 A on average.
+    {{{"BAT0", "type=Battery,status=Charging,capacity=30,charge_full=4000000,current_avg=1400000"}},
      "CurrentCapacity=30,MaxCapacity=100,AppleRawCurrentCapacity=1200,AppleRawMaxCapacity=4000,Amperage=1400,"
      "AvgTimeToFull=120,TimeToFull=120,TimeRemaining=120,ExternalConnected=true,IsCharging=true,"
      "FullyCharged=false",
      "Power Source State=AC Power,Time to Full Charge=120",
      ""},
-    {"the charge by its counter; a current so low that no gauge could tell the time",
-     {{"BAT0", "type=Battery,status=Discharging,capacity=30,charge_counter=1300000,current_now=1000"}},
+    // The charge by its counter; a current so low that no gauge could tell the time.
+    {{{"BAT0", "type=Battery,status=Discharging,capacity=30,charge_counter=1300000,current_now=1000"}},
      "CurrentCapacity=30,MaxCapacity=100,AppleRawCurrentCapacity=1300,AppleRawMaxCapacity=unknown,Amperage=-"
      "1,"
      "InstantAmperage=-1,ExternalConnected=false,IsCharging=false,FullyCharged=false",
      "Power Source State=Battery Power",
      ""},
-    {"two batteries as one at 12 V: 24 and 12 Wh of 36 and 18 Wh, only the first at work, with 6 W",
-     {{"BAT0",
+    // Two batteries as one at 12 V: 24 and 12 Wh of 36 and 18 Wh, only the first at work, with 6 W.
+    {{{"BAT0",
        "type=Battery,status=Discharging,voltage_now=12000000,energy_now=24000000,energy_full=36000000,"
        "power_now=6000000,cycle_count=100,temp=250,time_to_empty_now=60,model_name=first"},
       {"BAT1",
@@ -93,8 +90,8 @@ const Row rows[] = {
      "TimeRemaining=360,ExternalConnected=false,IsCharging=false,FullyCharged=false",
      "Power Source State=Battery Power,Time to Empty=360",
      ""},
-    {"neither a level nor what can be true: half of the charge is not half of both batteries'",
-     {{"BAT0",
+    // Neither a level nor what can be true: half of the charge is not half of both batteries'.
+    {{{"BAT0",
        "type=Battery,status=Unknown,charge_now=3000000,charge_full=1000000000001,"
        "temp=9223372036854775807"},
       {"BAT1", "type=Battery,capacity=50"}},
@@ -105,7 +102,7 @@ const Row rows[] = {
 
 TEST(LinuxBattery, SpeaksTheRegistrysKeysAndUnits) {
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.title);
+    SCOPED_TRACE(row.properties);
     const SystemTree tree;
     for (const auto& [name, text] : row.supplies) tree.powerSupply(name, attributes(text));
     PropertyDictionary expected = properties(row.properties);
@@ -125,24 +122,19 @@ TEST(LinuxBattery, SpeaksTheRegistrysKeysAndUnits) {
 }
 
 TEST(LinuxBattery, KeepsTheSignThatTheStatusTells) {
-  const struct {
-    const char* status;
-    const char* current;
-    std::int64_t amperage;
-  } signs[] = {{"Discharging", "-1400000", -1400},
-               {"Charging", "-900000", 900},
-               {"Not charging", "-49000", 0},
-               {"Full", "60000", 60},
-               {"Unknown", "-7000", -7}};
-  for (const auto& row : signs) {
+  const std::tuple<const char*, const char*, std::int64_t> signs[] = {{"Discharging", "-1400000", -1400},
+                                                                      {"Charging", "-900000", 900},
+                                                                      {"Not charging", "-49000", 0},
+                                                                      {"Not charging", "-50000", -50},
+                                                                      {"Full", "49000", 0},
+                                                                      {"Full", "60000", 60},
+                                                                      {"Unknown", "-7000", -7}};
+  for (const auto& [status, current, amperage] : signs) {
     const SystemTree tree;
-    Files battery = attributes(chargeBattery);
-    battery["status"] = row.status;
-    battery["current_avg"] = row.current;
-    tree.powerSupply("BAT0", battery);
-    EXPECT_EQ(platform::makeBatteryRegistry()->batteryProperties().value().at("Amperage"),
-              PropertyValue(row.amperage))
-        << row.status;
+    tree.powerSupply("BAT0", attributes(chargeBattery));
+    tree.powerSupply("BAT0", {{"status", status}, {"current_avg", current}});
+    const auto found = platform::makeBatteryRegistry()->batteryProperties().value().at("Amperage");
+    EXPECT_EQ(found, PropertyValue(amperage)) << status;
   }
 }
 

@@ -39,11 +39,9 @@ using ::testing::ElementsAre;
 using testing::TemporaryDirectory;
 
 TEST(LinuxSystemLog, WritesItsFieldsAndNoPathOfTheBuild) {
-  const std::pair<SystemLogType, const char*> rows[] = {{SystemLogType::error, "PRIORITY=3"},
-                                                        {SystemLogType::info, "PRIORITY=6"},
-                                                        {SystemLogType::debug, "PRIORITY=7"}};
-  for (const auto& [type, priority] : rows) {
-    journalFields().clear();
+  for (const auto& [type, priority] : {std::pair(SystemLogType::error, "PRIORITY=3"),
+                                       {SystemLogType::info, "PRIORITY=6"},
+                                       {SystemLogType::debug, "PRIORITY=7"}}) {
     systemLog().write("com.quenzel.runtime", "Daemon", type, "two\nlines");
     EXPECT_THAT(journalFields(), ElementsAre("MESSAGE=two\nlines", priority, "SUBSYSTEM=com.quenzel.runtime",
                                              "CATEGORY=Daemon"));
@@ -72,34 +70,28 @@ TEST(PropertyListFile, OpensRegularFilesOnly) {
 TEST(InstalledTools, MustBeBeyondTheReachOfOthers) {
   const uid_t self = ::geteuid();
   constexpr uid_t root = 0;
-  const struct {
-    const char* place;
-    const char* changed;  ///< below the prefix
-    mode_t mode;
-    uid_t user;
-    bool trusted;
-  } rows[] = {{"libexec/quenzel/tools", "", 0755, self, true},
-              {"tools", "", 0755, self, true},
-              {"other", "", 0755, self, false},
-              {"tools", "tools/usr/bin/pmset", 0757, self, false},
-              {"tools", "tools/usr", 0757, self, false},
-              {"tools", "tools", 01777, self, false},
-              {"tools", "", 0757, self, false},
-              {"libexec/quenzel/tools", "libexec", 0757, self, false},
-              {"tools", "tools/usr", 0775, self, self != root},
-              {"tools", "tools/usr", 0775, 12345, self == root},
-              {"tools", "", 0755, 12345, self == root},
-              {"tools", "", 0755, root, self == root}};
-  for (const auto& row : rows) {
+  // The place, what is changed below the prefix, its mode and owner, and whether the tools are trusted.
+  const std::tuple<const char*, const char*, mode_t, uid_t, bool> rows[] = {
+      {"libexec/quenzel/tools", "", 0755, self, true},
+      {"tools", "", 0755, self, true},
+      {"other", "", 0755, self, false},
+      {"tools", "tools/usr/bin/pmset", 0757, self, false},
+      {"tools", "tools/usr", 0757, self, false},
+      {"tools", "tools", 01777, self, false},
+      {"tools", "", 0757, self, false},
+      {"libexec/quenzel/tools", "libexec", 0757, self, false},
+      {"tools", "tools/usr", 0775, self, self != root},
+      {"tools", "tools/usr", 0775, 12345, self == root},
+      {"tools", "", 0755, 12345, self == root},
+      {"tools", "", 0755, root, self == root}};
+  for (const auto& [place, changed, mode, user, trusted] : rows) {
     const TemporaryDirectory folder;
-    std::filesystem::permissions(folder.write(std::string(row.place) + "/usr/bin/pmset", ""),
-                                 std::filesystem::perms(0755));
+    folder.write(std::string(place) + "/usr/bin/pmset", "");
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path()))
       ::chmod(entry.path().c_str(), 0755);
-    ::chmod((folder.path() / row.changed).c_str(), row.mode);
-    const auto found = trustedToolRoot(folder.path(), row.user);
-    EXPECT_EQ(found, row.trusted ? std::optional(folder / row.place) : std::nullopt)
-        << &row - rows << " " << row.changed;
+    ::chmod((folder / changed).c_str(), mode);
+    EXPECT_EQ(trustedToolRoot(folder.path(), user), trusted ? std::optional(folder / place) : std::nullopt)
+        << place << " " << changed << " " << mode << " " << user;
   }
   const TemporaryDirectory folder;
   const std::string tool = folder.write("pmset", "");

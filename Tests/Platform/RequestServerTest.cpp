@@ -21,8 +21,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
-using ::testing::ElementsAre;
 using ::testing::Optional;
+
+constexpr const char* serviceName = "com.quenzel.metricsd";
 
 std::pair<FileDescriptor, FileDescriptor> socketPair() {
   int ends[2] = {-1, -1};
@@ -35,8 +36,11 @@ void send(const FileDescriptor& socket, const std::string& bytes) {
 }
 
 bool isClosed(const FileDescriptor& socket) {
-  char byte = 0;
-  return ::recv(socket.get(), &byte, 1, MSG_DONTWAIT) == 0;
+  char bytes[256];
+  ssize_t count = 0;
+  do count = ::recv(socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+  while (count > 0);
+  return count == 0 || errno == ECONNRESET;
 }
 
 /// The fixed header of a little-endian message with so many bytes of body and of header fields.
@@ -58,28 +62,31 @@ TEST(RequestStream, ReadsTheSizeOfAMessageFromItsHeader) {
       {header(65536 - 32, 17), std::nullopt},
       {header(0xFFFFFFFF, 0xFFFFFFFF), std::nullopt},  // more than 32 bits hold
       {"x" + header(0, 0).substr(1), std::nullopt},
-      {header(0, 0).substr(1), std::nullopt},
+      {header(0, 0).substr(0, 15), std::nullopt},
   };
   for (const auto& [bytes, size] : rows) EXPECT_EQ(announcedMessageSize(bytes), size) << bytes;
 }
 
 TEST(RequestStream, CutsWhatArrivesIntoLinesAndThenMessages) {
-  const auto [client, server] = socketPair();
+  auto [client, server] = socketPair();
   RequestStream stream(server.get(), 60s);
   const std::string first = header(20, 0) + std::string(20, 'a');
   const std::string second = header(5000, 0) + std::string(5000, 'b');
-  send(client, "\0AUTH\r\nBEGIN\r\n"s + first + second.substr(0, 10));
-  EXPECT_THAT(stream.nextLine(), Optional("\0AUTH\r\n"s));
-  EXPECT_THAT(stream.nextLine(), Optional("BEGIN\r\n"s));
+  const std::string longest = std::string(4093, 'x') + "\r\n";
+  send(client, "\0AUTH\r\n"s + longest + "BEGIN\r\n" + first + second.substr(0, 10));
+  for (const std::string& line : {"\0AUTH\r\n"s, longest, "BEGIN\r\n"s})
+    EXPECT_THAT(stream.nextLine(), Optional(line));
   EXPECT_THAT(stream.nextMessage(), Optional(first));
   send(client, second.substr(10));
+  client.reset();
   EXPECT_THAT(stream.nextMessage(), Optional(second));
+  EXPECT_EQ(stream.nextMessage(), std::nullopt);
 }
 
 TEST(RequestStream, EndsWithAClientThatLeavesOrGoesBeyondABound) {
   for (const std::string& bytes : {header(65536, 0), header(20, 0), "l"s, ""s}) {
     auto [client, server] = socketPair();
-    RequestStream stream(server.get(), bytes.size() == 16 ? 50ms : 60'000ms);
+    RequestStream stream(server.get(), bytes == header(20, 0) ? 10ms : 60'000ms);
     send(client, bytes);
     if (bytes.size() != 16) client.reset();
     EXPECT_EQ(stream.nextMessage(), std::nullopt) << bytes.size();
@@ -87,15 +94,15 @@ TEST(RequestStream, EndsWithAClientThatLeavesOrGoesBeyondABound) {
   const auto [client, server] = socketPair();
   send(client, std::string(4096, 'x'));
   EXPECT_EQ(RequestStream(server.get(), 60s).nextLine(), std::nullopt);
-  EXPECT_EQ(RequestStream(server.get(), 50ms).nextLine(), std::nullopt) << "no time-out";
+  EXPECT_EQ(RequestStream(server.get(), 10ms).nextLine(), std::nullopt) << "no time-out";
 }
 
 TEST(RequestStream, LetsAClientBeSilentBetweenMessagesButNotInOne) {
   const auto [client, server] = socketPair();
-  RequestStream stream(server.get(), 50ms);
+  RequestStream stream(server.get(), 10ms);
   const std::string message = header(4, 0) + "body";
   std::thread late([&client = client, &message] {
-    std::this_thread::sleep_for(150ms);  // three times as long as a message may take
+    std::this_thread::sleep_for(30ms);  // three times as long as a message may take
     send(client, message + message.substr(0, 19));
   });
   EXPECT_THAT(stream.nextMessage(), Optional(message));
@@ -105,31 +112,25 @@ TEST(RequestStream, LetsAClientBeSilentBetweenMessagesButNotInOne) {
 
 TEST(ConnectionTable, ClosesTheLongestIdleConnectionOfWhoHoldsMost) {
   // user, socket, busy, leaving, since
-  using Connections = std::list<HeldConnection>;
-  const struct {
-    Connections held;
-    uid_t newcomer;
-    int closed;
-  } rows[] = {
-      {{{1, 10, false, false, 5}, {2, 11, false, false, 1}, {1, 12, false, false, 4}}, 3, 12},
-      {{{1, 10, false, false, 2}, {2, 11, false, false, 1}}, 1, 10},  // the newcomer's counts
-      {{{1, 10, false, false, 2}, {2, 11, false, false, 1}}, 3, 11},
-      {{{1, 10, true, false, 1}, {1, 11, false, false, 9}, {2, 12, false, false, 2}}, 2, 12},
-      {{{1, 10, true, false, 1}, {1, 11, false, false, 9}, {2, 12, false, false, 2}}, 3, 11},
-      {{{1, 10, true, false, 3}, {1, 11, true, false, 2}, {2, 12, false, false, 1}}, 3, 11},
-      {{{1, 10, false, true, 1}, {1, 11, false, false, 3}, {2, 12, false, false, 2}}, 3, 12},
-      {{{1, 10, false, true, 1}}, 3, -1},
-      {{}, 3, -1},
+  const HeldConnection a2{1, 10, false, false, 2}, b1{2, 11, false, false, 1}, a4{1, 12, false, false, 4},
+      busy1{1, 13, true, false, 1}, busy3{1, 14, true, false, 3}, leaving{1, 15, false, true, 1};
+  const std::tuple<std::list<HeldConnection>, uid_t, int> rows[] = {
+      {{a4, b1, a2}, 3, 10},      {{a2, b1}, 1, 10},  // the newcomer's counts
+      {{a2, b1}, 3, 11},          {{busy1, a4, b1}, 2, 11},
+      {{busy1, a4, b1}, 3, 12},   {{busy3, busy1, b1}, 3, 13},
+      {{leaving, a4, b1}, 3, 11},  // that which leaves counts for nobody
+      {{leaving}, 3, -1},         {{}, 3, -1},
   };
-  for (const auto& row : rows) {
-    const HeldConnection* const closed = connectionToClose(row.held, row.newcomer);
-    EXPECT_EQ(closed ? closed->socket : -1, row.closed) << &row - rows;
+  for (const auto& [held, newcomer, expected] : rows) {
+    const HeldConnection* const closed = connectionToClose(held, newcomer);
+    EXPECT_EQ(closed ? closed->socket : -1, expected);
   }
 }
 
 TEST(ConnectionTable, LetsABusyConnectionReplyBeforeItGoes) {
   ConnectionTable table;
   const auto [client, server] = socketPair();
+  const auto [newer, newerServer] = socketPair();
   const auto place = table.enter(1, server.get());
   EXPECT_TRUE(table.beginRequest(place));
   table.closeOneFor(1);
@@ -138,28 +139,50 @@ TEST(ConnectionTable, LetsABusyConnectionReplyBeforeItGoes) {
   table.leave(place);
 
   const auto idle = table.enter(1, server.get());
-  EXPECT_TRUE(table.beginRequest(idle));
-  EXPECT_TRUE(table.endRequest(idle));
+  const auto later = table.enter(1, newerServer.get());
+  for (const auto& used : {idle, later}) {
+    EXPECT_TRUE(table.beginRequest(used));
+    EXPECT_TRUE(table.endRequest(used));
+  }
   table.closeOneFor(1);
-  EXPECT_TRUE(isClosed(client));
+  EXPECT_TRUE(isClosed(client) && !isClosed(newer));
   EXPECT_FALSE(table.beginRequest(idle)) << "a request without a reply";
 }
 
 /// Answers pings at once, and a request to end a process after it has said so and that many milliseconds.
-class Patient final : public RequestHandler {
- public:
-  explicit Patient(const FileDescriptor& begun) : begun_(begun) {}
-  bool shouldAcceptNewConnection() override { return true; }
+struct Handler final : RequestHandler {
+  bool shouldAcceptNewConnection() override { return accepts; }
   void ping(const PingReply& reply) override { reply(true); }
-  void setLowPowerMode(bool, const OutcomeReply& reply) override { reply(true, std::nullopt); }
+  void setLowPowerMode(bool enabled, const OutcomeReply& reply) override {
+    reply(enabled, enabled ? "x" + std::string(65534, 'y') + "\u00e9" : "a\0b\uFFFE"s);
+  }
   void terminateProcess(std::int32_t milliseconds, const OutcomeReply& reply) override {
-    const bool told = ::write(begun_.get(), "b", 1) == 1;
+    const bool told = ::write(begun.second.get(), "b", 1) == 1;
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
     reply(told, std::nullopt);
   }
 
+  bool accepts = true;
+  std::pair<FileDescriptor, FileDescriptor> begun = makePipe().value();
+};
+
+/// A process that serves as long as this lives.
+class ServerProcess {
+ public:
+  template <typename Serve>
+  explicit ServerProcess(Serve serve) : pid_(::fork()) {
+    if (pid_ != 0) return;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    serve();
+    ::_exit(1);
+  }
+  ~ServerProcess() {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+
  private:
-  const FileDescriptor& begun_;
+  const pid_t pid_;
 };
 
 /// The first three connections are of user 1, the fourth of user 2, the many that follow of user 3.
@@ -169,24 +192,18 @@ uid_t userByArrival(int) {
   return arrived <= 3 ? 1 : arrived == 4 ? 2 : 3;
 }
 
+std::unique_ptr<RequestClient> connect() {
+  return std::move(std::get<std::unique_ptr<RequestClient>>(connectToService(serviceName)));
+}
+
 bool answers(RequestClient& client) { return client.ping().index() == 0; }
 
 TEST(RequestServer, NobodyKeepsAnotherUserOut) {
   const testing::DaemonSurroundings surroundings;
   const FileDescriptor listener = surroundings.listeningSocket();
-  const auto begun = makePipe().value();
-  const pid_t server = ::fork();
-  if (server == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    Patient handler(begun.second);
-    RequestServerLimits limits;
-    limits.connections = 8;
-    limits.userOf = userByArrival;
-    serveConnections(listener.get(), handler, limits);
-  }
-  const auto connect = [] {
-    return std::move(std::get<std::unique_ptr<RequestClient>>(connectToService("com.quenzel.metricsd")));
-  };
+  Handler handler;
+  const ServerProcess server(
+      [&] { serveConnections(listener.get(), handler, {.connections = 8, .userOf = userByArrival}); });
   std::vector<std::unique_ptr<RequestClient>> calm;
   for (int i = 0; i < 4; ++i) calm.push_back(connect());
   std::vector<FileDescriptor> flood;
@@ -206,20 +223,77 @@ TEST(RequestServer, NobodyKeepsAnotherUserOut) {
       replies += client->terminateProcess(100).index() == 0 ? 1 : 0;
     });
     char byte = 0;
-    ASSERT_EQ(::read(begun.first.get(), &byte, 1), 1);
+    ASSERT_EQ(::read(handler.begun.first.get(), &byte, 1), 1);
   }
   EXPECT_TRUE(answers(*connect()));
   for (std::thread& request : requests) request.join();
   EXPECT_EQ(replies, 4);
   for (const auto& client : calm) EXPECT_TRUE(answers(*client));
-  ::kill(server, SIGKILL);
-  ::waitpid(server, nullptr, 0);
+}
+
+TEST(RequestServer, EndsWhoBreaksTheProtocolAndRepliesWithWhatDBusCarries) {
+  const testing::DaemonSurroundings surroundings;
+  const FileDescriptor listener = surroundings.listeningSocket();
+  Handler handler;
+  const ServerProcess server([&] { serveConnections(listener.get(), handler, {.patience = 50ms}); });
+  const auto client = connect();
+  const std::string authenticated = "\0AUTH ANONYMOUS\r\nBEGIN\r\n"s;
+  for (const std::string& bytes : {"\0AUTH ANONY"s, "GET / HTTP/1.1\r\n\r\n"s,  // half said, no D-Bus
+                                   authenticated + std::string(4096, 'x'),      // no message
+                                   authenticated + header(4, 0).substr(0, 12),  // half a message
+                                   authenticated + header(127 << 20, 0) + std::string(1000, 'x')}) {
+    const FileDescriptor socket = surroundings.connectSocket();
+    send(socket, bytes);
+    EXPECT_TRUE(testing::eventually([&] { return isClosed(socket); })) << bytes.substr(0, 50);
+  }
+  const auto longText = std::get<RequestReply>(client->setLowPowerMode(true));
+  EXPECT_TRUE(longText.success && longText.message == "x" + std::string(65534, 'y'));
+  EXPECT_EQ(std::get<RequestReply>(client->setLowPowerMode(false)).message, "a?b???");
 }
 
 TEST(RequestServer, TellsWhoConnects) {
   const auto [client, server] = socketPair();
   EXPECT_EQ(peerUser(server.get()), ::getuid());
   EXPECT_EQ(peerUser(-1), static_cast<uid_t>(-1));
+}
+
+TEST(RequestTransport, SaysWhyItDoesNotServe) {
+  const testing::DaemonSurroundings surroundings;
+  const auto& folder = surroundings.folder();
+  folder.write("file", "");
+  const std::string longFolder = folder / std::string(100, 'x');
+  const std::string longPath = longFolder + "/com.quenzel.metricsd.sock";
+  const std::string inTheWay = folder.write("blocked/com.quenzel.metricsd.sock", "keep me");
+  const FileDescriptor live = surroundings.listeningSocket();
+  const std::pair<std::string, std::string> rows[] = {
+      {folder / "file/below", "Cannot create the folder " + (folder / "file/below") + ": Not a directory"},
+      {longFolder, "The socket's path is too long (" + std::to_string(longPath.size()) +
+                       " bytes, at most 107 fit): " + longPath},
+      {folder / "blocked", "Something that is not a socket is in the way: " + inTheWay},
+      {folder / "run/quenzel", "A daemon is already running at " + surroundings.socketPath()},
+  };
+  Handler handler;
+  for (const auto& [socketDirectory, message] : rows) {
+    const testing::ScopedEnvironment moved{{{"QZL_SOCKET_DIRECTORY", socketDirectory}}};
+    EXPECT_EQ(serveRequests(serviceName, handler).message, message);
+  }
+  EXPECT_EQ(folder.read("blocked/com.quenzel.metricsd.sock"), "keep me");
+}
+
+TEST(RequestTransport, SaysWhyNobodyAnswers) {
+  const testing::DaemonSurroundings surroundings;
+  const auto failure = [] {
+    const auto connection = connectToService(serviceName);
+    return connection.index() == 1 ? std::get<TransportFailure>(connection).message : "connected";
+  };
+  const std::string nobody = "No daemon answers at " + surroundings.socketPath() + ": ";
+  EXPECT_EQ(failure(), nobody + "No such file or directory");
+  surroundings.listeningSocket();
+  EXPECT_EQ(failure(), nobody + "Connection refused");
+  Handler handler;
+  handler.accepts = false;
+  const ServerProcess server([&] { serveRequests(serviceName, handler); });
+  EXPECT_TRUE(testing::eventually([&] { return failure() == nobody + "Connection reset by peer"; }));
 }
 
 }  // namespace

@@ -19,9 +19,9 @@ using Message = std::optional<std::string>;
 using Lines = std::vector<std::string>;
 
 struct FakeTerminator final : ProcessTerminating {
-  explicit FakeTerminator(ProcessTerminationResult says = {}) : result(std::move(says)) {}
+  explicit FakeTerminator(ProcessTerminationResult says) : result(std::move(says)) {}
   ProcessTerminationResult terminateProcess(std::int32_t) const override { return result; }
-  ProcessTerminationResult result;
+  const ProcessTerminationResult result;
 };
 
 /// "success / message" of a reply.
@@ -36,7 +36,8 @@ class BatteryMetricsServiceTest : public ::testing::Test {
   /// Makes the request of a service that has just started; the lines that it logs then, without time and
   /// component ("LEVEL message"), and at the end each of its replies, described.
   template <typename Request>
-  Lines outcomeOf(const ShellRunning& shell, const ProcessTerminating& terminator, Request request) {
+  Lines outcomeOf(const ShellRunning& shell, ProcessTerminationResult termination, Request request) {
+    const FakeTerminator terminator(std::move(termination));
     Lines replies;
     ::testing::internal::CaptureStderr();
     BatteryMetricsService service(shell, terminator);
@@ -67,13 +68,8 @@ TEST_F(BatteryMetricsServiceTest, SetsLowPowerModeAndReadsItBack) {
   const std::string unverified = "ERROR setLowPowerMode verification failed: ";
   const std::string failed = "ERROR setLowPowerMode failed: ";
   const std::string broken = "ERROR setLowPowerMode command error: ";
-  struct Row {
-    bool enabled;
-    std::vector<FakeShell::Reply> replies;
-    std::string log;  // the message follows
-    Message message;
-  };
-  const Row rows[] = {
+  // The wish, what pmset answers to -a and to -g, the line of the log without its end, and that: the message.
+  const std::tuple<bool, std::vector<FakeShell::Reply>, std::string, Message> rows[] = {
       {true, {done, prints("Currently in use:\n lowpowermode         1\n")}, applied, {}},
       {false, {done, prints(" sleep 1\r lowpowermode         0\r disksleep 10")}, applied, {}},
       {true, {done, prints("\t LowPowerMode \u00a0 1 \u2003\n")}, applied, {}},
@@ -85,29 +81,24 @@ TEST_F(BatteryMetricsServiceTest, SetsLowPowerModeAndReadsItBack) {
       {true, {ShellResult{64, "", "\nfoo\nbar"}}, failed, "foo"},
       {true, {ShellResult{64, "", " \nfoo"}}, failed, " "},  // blanks are not empty, and no line is trimmed
       {true, {ShellRunnerError::failedToLaunch("gone")}, broken, "Failed to launch command: gone"},
-      {true,
-       {done, ShellRunnerError::timedOut("/usr/bin/pmset -g", 4)},
-       broken,
-       "Command timed out after 4.0s: /usr/bin/pmset -g"},
+      {true, {done, ShellRunnerError::timedOut("pmset", 4)}, broken, "Command timed out after 4.0s: pmset"},
       {true, {done, ShellResult{3, "lowpowermode 1", "no"}}, broken, "Command exited with status 3: no"},
       {true,
        {done, prints("xlowpowermode 1\nlowpowermode")},
        broken,
        "Failed to launch command: Unable to determine lowpowermode state from pmset output."},
   };
-  for (const Row& row : rows) {
+  for (const auto& [enabled, replies, log, message] : rows) {
     FakeShell shell;
-    for (const FakeShell::Reply& reply : row.replies) shell.reply("/usr/bin/pmset", reply);
-    const Lines outcome = outcomeOf(shell, FakeTerminator(), [&](auto& service, const auto& reply) {
-      service.setLowPowerMode(row.enabled, reply);
-    });
-    const std::string request = "INFO setLowPowerMode request received: enabled=";
-    EXPECT_EQ(outcome, (Lines{request + (row.enabled ? "true" : "false"), row.log + row.message.value_or(""),
-                              described(!row.message, row.message)}));
-    std::vector<FakeShell::Call> calls = {
-        {"/usr/bin/pmset", {"-a", "lowpowermode", row.enabled ? "1" : "0"}}};
-    if (row.replies.size() > 1) calls.push_back({"/usr/bin/pmset", {"-g"}});
-    EXPECT_EQ(shell.calls(), calls) << row.log;
+    for (const FakeShell::Reply& reply : replies) shell.reply("/usr/bin/pmset", reply);
+    const Lines outcome = outcomeOf(
+        shell, {}, [&, on = enabled](auto& service, auto reply) { service.setLowPowerMode(on, reply); });
+    EXPECT_EQ(outcome, (Lines{std::string("INFO setLowPowerMode request received: enabled=") +
+                                  (enabled ? "true" : "false"),
+                              log + message.value_or(""), described(!message, message)}));
+    std::vector<FakeShell::Call> calls = {{"/usr/bin/pmset", {"-a", "lowpowermode", enabled ? "1" : "0"}}};
+    if (replies.size() > 1) calls.push_back({"/usr/bin/pmset", {"-g"}});
+    EXPECT_EQ(shell.calls(), calls) << log;
   }
 }
 
@@ -119,16 +110,15 @@ TEST_F(BatteryMetricsServiceTest, RepliesWhatTheTerminatorSays) {
       {Result::failure("Invalid PID 42."), failed + "Invalid PID 42."},
       {{false, std::nullopt}, failed + "unknown"}};
   for (const auto& [result, log] : rows) {
-    const Lines outcome =
-        outcomeOf(FakeShell(), FakeTerminator(result),
-                  [](auto& service, const auto& reply) { service.terminateProcess(42, reply); });
+    const Lines outcome = outcomeOf(FakeShell(), result,
+                                    [](auto& service, auto reply) { service.terminateProcess(42, reply); });
     EXPECT_EQ(outcome, (Lines{"INFO terminateProcess request received: pid=42", log,
                               described(result.succeeded, result.message)}));
   }
 }
 
 TEST_F(BatteryMetricsServiceTest, AnswersPingsAndEveryConnection) {
-  const Lines outcome = outcomeOf(FakeShell(), FakeTerminator(), [](auto& service, const auto& reply) {
+  const Lines outcome = outcomeOf(FakeShell(), {}, [](auto& service, const auto& reply) {
     EXPECT_TRUE(service.shouldAcceptNewConnection());
     service.ping([&](bool ok) { reply(ok, std::nullopt); });
   });
@@ -136,15 +126,13 @@ TEST_F(BatteryMetricsServiceTest, AnswersPingsAndEveryConnection) {
 }
 
 TEST_F(BatteryMetricsServiceTest, StartOpensTheSharedDatabaseToEveryone) {
-  const std::string stranger = folder_.write("stranger", "secret");
-  const std::string linked = folder_.write("linked", "secret");
   const std::string database = folder_.write("Quenzel/battery_history.sqlite", "");
+  const std::string stranger = folder_.write("stranger", ""), linked = folder_.write("linked", "");
   ::chmod((folder_ / "Quenzel").c_str(), 0700);
   for (const std::string& file : {stranger, linked, database}) ::chmod(file.c_str(), 0600);
   std::filesystem::create_symlink(stranger, database + "-wal");
   std::filesystem::create_hard_link(linked, database + "-shm");
-
-  outcomeOf(FakeShell(), FakeTerminator(), [](auto&, const auto&) {});
+  outcomeOf(FakeShell(), {}, [](auto&, const auto&) {});
   EXPECT_EQ(modeOf(folder_ / "Quenzel"), 0777u);
   EXPECT_EQ(modeOf(database), 0666u);
   // In a folder that everyone may write, a link may lead to a file that is nobody else's business.
@@ -158,8 +146,7 @@ TEST_F(BatteryMetricsServiceTest, SidecarPermissionsEndAtTheSharedDirectory) {
   ::chmod(database.c_str(), 0600);
   std::filesystem::create_directory_symlink(elsewhere / "Quenzel", folder_ / "Quenzel");
   const std::string sameLetters = folder_.path().string() + "x/battery_history.sqlite";  // in another folder
-  for (const std::string& path :
-       {database, sameLetters, std::string(), folder_ / "Quenzel/battery_history.sqlite"})
+  for (const auto& path : {database, sameLetters, std::string(), folder_ / "Quenzel/battery_history.sqlite"})
     ensureSharedSnapshotSidecarPermissions(path);
   EXPECT_EQ(modeOf(database), 0600u);
 }

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +17,6 @@ namespace quenzel {
 namespace {
 
 using platform::FileDescriptor;
-using namespace std::string_literals;
 using ::testing::AllOf;
 using testing::DaemonProcess;
 using testing::eventually;
@@ -34,12 +32,9 @@ std::string described(const platform::RequestResult& result) {
 }
 
 /// Whether the peer closes the connection within that time.
-bool isClosedByPeer(const FileDescriptor& socket, int milliseconds = 10'000) {
-  for (char bytes[256];;) {
-    pollfd readable{.fd = socket.get(), .events = POLLIN, .revents = 0};
-    if (::poll(&readable, 1, milliseconds) != 1) return false;
-    if (::read(socket.get(), bytes, sizeof bytes) <= 0) return true;
-  }
+bool isClosedByPeer(const FileDescriptor& socket, int milliseconds) {
+  pollfd readable{.fd = socket.get(), .events = POLLIN, .revents = 0};
+  return ::poll(&readable, 1, milliseconds) == 1 && (readable.revents & POLLHUP) != 0;
 }
 
 /// A child of this process that answers its start and each SIGTERM with a byte on a pipe and lives on.
@@ -47,10 +42,7 @@ bool isClosedByPeer(const FileDescriptor& socket, int milliseconds = 10'000) {
 /// seconds.
 class StubbornChild {
  public:
-  StubbornChild() : pid_(::fork()) {
-    if (pid_ == 0) answerForever();
-    awaitReport();
-  }
+  StubbornChild() : pid_(::fork()) { pid_ == 0 ? answerForever() : awaitReport(); }
   ~StubbornChild() {
     ::kill(pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
@@ -85,13 +77,6 @@ struct DaemonProcessTest : ::testing::Test {
         .output;
   }
 
-  /// A connection that has said that and no more.
-  FileDescriptor connectionSaying(const std::string& bytes) const {
-    FileDescriptor socket = surroundings_.connectSocket();
-    EXPECT_EQ(::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), std::ssize(bytes));
-    return socket;
-  }
-
   testing::DaemonSurroundings surroundings_;
 };
 
@@ -120,30 +105,17 @@ TEST_F(DaemonProcessTest, SetsLowPowerModeThroughPmset) {
   const std::string remembers =
       "state='" + (surroundings_.folder() / "state") + "'\n" +
       "case $1 in -a) echo $3 > $state;; -g) echo \" lowpowermode  $(cat $state)\";; esac\n";
-  const struct {
-    std::string pmset;
-    bool enabled;
-    std::string reply;
-  } rows[] = {
+  const std::tuple<std::string, bool, std::string> rows[] = {
       {remembers, true, "true / (none)"},
       {remembers, false, "true / (none)"},
       {"echo 'pmset: must be run as root' >&2; exit 77\n", true, "false / pmset: must be run as root"},
       {"kill -9 $$\n", true, "false / pmset returned status 9"},
-      {"exec sleep 100\n", true, "false / Command timed out after 0.25s: /usr/bin/pmset -a lowpowermode 1"},
+      {"exec sleep 9\n", true, "false / Command timed out after 0.25s: /usr/bin/pmset -a lowpowermode 1"},
   };
-  for (const auto& row : rows) {
-    surroundings_.installTool("/usr/bin/pmset", row.pmset);
-    EXPECT_EQ(described(client->setLowPowerMode(row.enabled)), row.reply) << row.pmset;
+  for (const auto& [pmset, enabled, reply] : rows) {
+    surroundings_.installTool("/usr/bin/pmset", pmset);
+    EXPECT_EQ(described(client->setLowPowerMode(enabled)), reply) << pmset;
   }
-}
-
-TEST_F(DaemonProcessTest, EndsProcesses) {
-  const DaemonProcess daemon(surroundings_);
-  const pid_t obedient = ::fork();
-  while (obedient == 0) ::pause();
-  auto reaped = std::async(std::launch::async, [&] { return ::waitpid(obedient, nullptr, 0); });
-  EXPECT_EQ(described(daemon.connect()->terminateProcess(obedient)), "true / (none)");
-  EXPECT_EQ(reaped.get(), obedient);
 }
 
 TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
@@ -153,14 +125,6 @@ TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
   const std::size_t descriptors = daemon.count("fd");
 
   auto slow = daemon.connect();
-  const std::string authenticated = "\0AUTH ANONYMOUS\r\nBEGIN\r\n"s;
-  const std::string huge = "l\1\0\1\0\0\xF0\7\1\0\0\0\0\0\0\0"s;  // the header of 127 MiB
-  std::vector<FileDescriptor> wrong;
-  for (const std::string& bytes : {"\0AUTH ANONY"s, "GET / HTTP/1.1\r\n\r\n"s,  // half said, no D-Bus
-                                   authenticated + std::string(4096, 'x'),      // no message
-                                   authenticated + "l\1\0\1\4\0\0\0\1\0\0\0"s,  // half a message
-                                   authenticated + huge + std::string(100'000, 'x')})
-    wrong.push_back(connectionSaying(bytes));
   std::vector<FileDescriptor> idle;
   for (int i = 0; i < 500; ++i) idle.push_back(surroundings_.connectSocket());
 
@@ -168,9 +132,7 @@ TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
   auto terminated = std::async(std::launch::async, [&] { return slow->terminateProcess(child.pid()); });
   child.awaitReport();  // the request is being worked on now
   EXPECT_EQ(described(quick->ping()), "true / (none)");
-  EXPECT_EQ(described(daemon.connect()->ping()), "true / (none)");
-  EXPECT_EQ(terminated.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
-      << "the pings waited for it";
+  EXPECT_EQ(terminated.wait_for(std::chrono::seconds(0)), std::future_status::timeout) << "the ping waited";
   EXPECT_EQ(described(terminated.get()),
             "false / Process " + std::to_string(child.pid()) + " ignored SIGTERM and SIGKILL.");
 
@@ -184,15 +146,11 @@ TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
   ::kill(leaves, SIGKILL);  // a client that leaves loses only its reply
   ::waitpid(leaves, nullptr, 0);
 
-  for (const FileDescriptor& connection : wrong) EXPECT_TRUE(isClosedByPeer(connection));
-  wrong.clear();
   idle.clear();
   slow.reset();
   EXPECT_EQ(described(quick->ping()), "true / (none)");
-  EXPECT_TRUE(eventually([&] {
-    return daemon.count("task") == threads && daemon.count("fd") == descriptors;
-  })) << daemon.count("task")
-      << " threads of " << threads << ", " << daemon.count("fd") << " descriptors of " << descriptors;
+  EXPECT_TRUE(
+      eventually([&] { return daemon.count("task") == threads && daemon.count("fd") == descriptors; }));
 }
 
 TEST_F(DaemonProcessTest, AFullDaemonClosesWhatHasBeenIdleLongest) {
@@ -200,9 +158,10 @@ TEST_F(DaemonProcessTest, AFullDaemonClosesWhatHasBeenIdleLongest) {
   const auto first = daemon.connect();
   std::vector<FileDescriptor> idle;
   for (int i = 0; i < 15; ++i) idle.push_back(surroundings_.connectSocket());
+  EXPECT_TRUE(eventually([&] { return daemon.count("task") == 1 + 16; }));
   EXPECT_EQ(described(first->ping()), "true / (none)");
   EXPECT_EQ(described(daemon.connect()->ping()), "true / (none)");
-  EXPECT_TRUE(isClosedByPeer(idle.front()));
+  EXPECT_TRUE(isClosedByPeer(idle.front(), 10'000));
   EXPECT_FALSE(isClosedByPeer(idle.back(), 0));
   EXPECT_EQ(described(first->ping()), "true / (none)");
 }
@@ -228,17 +187,15 @@ TEST_F(DaemonProcessTest, TakesOverTheSocketOfTheServiceManager) {
 }
 
 TEST_F(DaemonProcessTest, TakesNoArgumentsButTwo) {
-  const struct {
-    const char* argument;
-    int status;
-    const char* output;
-  } rows[] = {{"--help", 0, "Usage: QuenzelDaemon"},
-              {"--version", 0, "QuenzelDaemon 0."},
-              {"--bogus", 2, "QuenzelDaemon: unknown argument: --bogus (see --help)\n"}};
-  for (const auto& row : rows) {
-    DaemonProcess daemon(surroundings_, row.argument);
-    EXPECT_EQ(daemon.exitStatus(), row.status);
-    EXPECT_THAT(daemon.log(), HasSubstr(row.output));
+  const std::tuple<const char*, int, const char*> rows[] = {
+      {"--help", 0, "Usage: QuenzelDaemon"},
+      {"--version", 0, "QuenzelDaemon 0."},
+      {"--help >/dev/full", 1, "QuenzelDaemon: can't write the output\n"},
+      {"--bogus", 2, "QuenzelDaemon: unknown argument: --bogus (see --help)\n"}};
+  for (const auto& [argument, status, output] : rows) {
+    DaemonProcess daemon(surroundings_, argument);
+    EXPECT_EQ(daemon.exitStatus(), status);
+    EXPECT_THAT(daemon.log(), HasSubstr(output));
   }
 }
 
