@@ -90,6 +90,12 @@ const Row rows[] = {
      "TimeRemaining=360,ExternalConnected=false,IsCharging=false,FullyCharged=false",
      "Power Source State=Battery Power,Time to Empty=360",
      ""},
+    // Two batteries that tell nothing but their levels.
+    {{{"BAT0", "type=Battery,status=Full,capacity=40"}, {"BAT1", "type=Battery,status=Full,capacity=61"}},
+     "CurrentCapacity=50,MaxCapacity=100,AppleRawCurrentCapacity=unknown,AppleRawMaxCapacity=unknown,"
+     "ExternalConnected=true,IsCharging=false,FullyCharged=true",
+     "Power Source State=AC Power,Is Charged=true",
+     ""},
     // Neither a level nor what can be true: half of the charge is not half of both batteries'.
     {{{"BAT0",
        "type=Battery,status=Unknown,charge_now=3000000,charge_full=1000000000001,"

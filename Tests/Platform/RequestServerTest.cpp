@@ -113,10 +113,12 @@ TEST(RequestStream, LetsAClientBeSilentBetweenMessagesButNotInOne) {
 TEST(ConnectionTable, ClosesTheLongestIdleConnectionOfWhoHoldsMost) {
   // user, socket, busy, leaving, since
   const HeldConnection a2{1, 10, false, false, 2}, b1{2, 11, false, false, 1}, a4{1, 12, false, false, 4},
-      busy1{1, 13, true, false, 1}, busy3{1, 14, true, false, 3}, leaving{1, 15, false, true, 1};
+      busy1{1, 13, true, false, 1}, busy3{1, 14, true, false, 3}, leaving{1, 15, false, true, 1},
+      b3{2, 16, false, false, 3};
   const std::tuple<std::list<HeldConnection>, uid_t, int> rows[] = {
       {{a4, b1, a2}, 3, 10},      {{a2, b1}, 1, 10},  // the newcomer's counts
       {{a2, b1}, 3, 11},          {{busy1, a4, b1}, 2, 11},
+      {{a2, a4, b3}, 2, 10},  // two each
       {{busy1, a4, b1}, 3, 12},   {{busy3, busy1, b1}, 3, 13},
       {{leaving, a4, b1}, 3, 11},  // that which leaves counts for nobody
       {{leaving}, 3, -1},         {{}, 3, -1},
@@ -147,6 +149,9 @@ TEST(ConnectionTable, LetsABusyConnectionReplyBeforeItGoes) {
   table.closeOneFor(1);
   EXPECT_TRUE(isClosed(client) && !isClosed(newer));
   EXPECT_FALSE(table.beginRequest(idle)) << "a request without a reply";
+  table.leave(later);
+  table.closeOneFor(1);
+  EXPECT_FALSE(isClosed(newer)) << "it had left";
 }
 
 /// Answers pings at once, and a request to end a process after it has said so and that many milliseconds.
