@@ -4,37 +4,32 @@
 #include <gtest/gtest.h>
 
 #include "SharedModels/Runtime/Number.hpp"
+#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
 
-constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr std::int64_t largest = std::numeric_limits<std::int64_t>::max();
 
 TEST(Number, ParsesAWholeTextOrNothing) {
-  // clang-format off
-  const std::pair<std::string_view, double> numbers[] = {
-      {"4", 4},     {"-0.25", -0.25}, {"+.5", 0.5},     {"5.", 5},           {"0.1", 0.1},
-      {"1e3", 1e3}, {"0x10", 16},     {"inf", infinity}, {"1e999", infinity}, {"-0", 0},
-      {"0.30000000000000004", 0.30000000000000004},  {"123456789.123456789", 123456789.123456789},
-      {"9007199254740993", 9007199254740992.0}};  // halfway: to even
-  // clang-format on
-  for (const auto& [text, value] : numbers) EXPECT_EQ(parseDouble(text), value) << text;
+  std::string read;
+  for (const std::string_view text :
+       splitWhitespace("4 -0.25 +.5 5. 0.1 1e3 0x10 inf 1e999 -0 0.30000000000000004 123456789.123456789 "
+                       "9007199254740993"))
+    read += shortestDecimal(parseDouble(text).value()) + " ";
+  EXPECT_EQ(read,
+            "4.0 -0.25 0.5 5.0 0.1 1000.0 16.0 inf inf -0.0 0.30000000000000004 123456789.12345679 "
+            "9007199254740992.0 ");  // a number halfway between two goes to the even one
   EXPECT_TRUE(std::isnan(parseDouble("nan").value()));
-  EXPECT_TRUE(std::signbit(parseDouble("-0").value()));
-  for (const std::string_view text : {"", " 2", "2 ", "\n2", "abc", "1,5", ".", "-", "1.2.3"}) {
+  for (const std::string_view text : {"", " 2", "2 ", "\n2", "abc", "1,5", ".", "-", "1.2.3"})
     EXPECT_EQ(parseDouble(text), std::nullopt) << text;
-  }
   EXPECT_EQ(parseDouble(std::string_view("1\0", 2)), std::nullopt);
-}
-
-TEST(Number, ParsesIntegersThatFit) {
-  const std::pair<std::string_view, std::int64_t> numbers[] = {
-      {"0", 0}, {"+7", 7}, {"-5", -5}, {"9223372036854775807", largest}};
-  for (const auto& [text, value] : numbers) EXPECT_EQ(parseInteger(text), value) << text;
-  for (const std::string_view text : {"9223372036854775808", "+-3", "", "+", "1.0", " 1"}) {
+  read.clear();
+  for (const char* text : {"0", "+7", "-5", "9223372036854775807"})
+    read += std::to_string(parseInteger(text).value()) + " ";
+  EXPECT_EQ(read, "0 7 -5 9223372036854775807 ");
+  for (const char* text : {"9223372036854775808", "+-3", "", "+", "1.0", " 1"})
     EXPECT_EQ(parseInteger(text), std::nullopt) << text;
-  }
 }
 
 TEST(Number, ScansNumbersOffTheFront) {
@@ -51,10 +46,7 @@ TEST(Number, ScansNumbersOffTheFront) {
   EXPECT_EQ(NumberScanner("5e+").decimal(), 5.0);
 }
 
-TEST(Number, PrintsTheShortestFormThatReadsBack) {
-  EXPECT_EQ(shortestDecimal(4), "4.0");
-  EXPECT_EQ(shortestDecimal(0.1), "0.1");
-  EXPECT_EQ(shortestDecimal(infinity), "inf");
+TEST(Number, PrintsAndBoundsWhatMayBeAbsent) {
   EXPECT_EQ(twoDecimalsOrNil(1.005), "1.00");  // the double lies below 1.005
   EXPECT_EQ(twoDecimalsOrNil(std::nullopt), "nil");
   EXPECT_EQ(nonNegative(std::nan("")), 0.0);

@@ -35,39 +35,33 @@ Watts totalsOf(const Points& points) {
 }
 
 TEST(PowerTrendTest, ClampsStepsAndCarriesVanishedPartsForward) {
-  struct Row {
-    Watts seconds, totals, clamped;
-  };
-  const Row rows[] = {{{}, {}, {}},
-                      {{0}, {99}, {99}},
-                      {{0, 10}, {10, 40}, {10, 28}},
-                      {{0, 1}, {10, 40}, {10, 14}},
-                      {{0, 10}, {40, 10}, {40, 22}},
-                      {{0, 2}, {10, 40}, {10, 14}},
-                      {{0, 2.5}, {10, 40}, {10, 14.5}},
-                      {{10, 0}, {10, 40}, {10, 14}},
-                      {{5, 5}, {10, -40}, {10, 6}},
-                      {{0, none, 1}, {10, 40, 40}, {10, 14, 18}},
-                      {{0, 10, 20}, {10, 40, 40}, {10, 28, 40}},
-                      {{0, 1000}, {0, 1000}, {0, 1000}}};
-  for (const Row& row : rows) {
+  const Watts rows[][3] = {{{}, {}, {}},
+                           {{0}, {99}, {99}},
+                           {{0, 10}, {10, 40}, {10, 28}},
+                           {{0, 1}, {10, 40}, {10, 14}},
+                           {{0, 10}, {40, 10}, {40, 22}},
+                           {{0, 2}, {10, 40}, {10, 14}},
+                           {{0, 2.5}, {10, 40}, {10, 14.5}},
+                           {{10, 0}, {10, 40}, {10, 14}},
+                           {{5, 5}, {10, -40}, {10, 6}},
+                           {{0, none, 1}, {10, 40, 40}, {10, 14, 18}},
+                           {{0, 10, 20}, {10, 40, 40}, {10, 28, 40}},
+                           {{0, 1000}, {0, 1000}, {0, 1000}}};
+  for (const auto& [seconds, totals, clamped] : rows) {
     Points points;
-    for (std::size_t i = 0; i < row.totals.size(); ++i)
-      points.push_back({.timestamp = {row.seconds[i]}, .totalW = row.totals[i]});
-    EXPECT_EQ(totalsOf(clampRateOfChange(points)), row.clamped);
+    for (std::size_t i = 0; i < totals.size(); ++i)
+      points.push_back({.timestamp = {seconds[i]}, .totalW = totals[i]});
+    EXPECT_EQ(totalsOf(clampRateOfChange(points)), clamped);
   }
-  struct Part {
-    double previous, part, total, carried;
-  };
-  const Part parts[] = {
+  const double parts[][4] = {
       {2, 0, 5, 2},    {2, 0.01, 5, 2},         {2, 0.011, 5, 0.011}, {2, 0, 0.5, 0}, {2, 0, 0.51, 2},
       {2, -1, 0.5, 0}, {0.01, 0.005, 5, 0.005}, {0.011, 0, 5, 0.011}, {0, -1, 5, 0},  {2, 9, 5, 6},
       {9, 1, 5, 5}};
-  for (const Part& row : parts) {
+  for (const auto& [previousW, partW, totalW, carriedW] : parts) {
     for (const auto part : std::span(powerFields).subspan(1)) {
-      Points points{{.totalW = 5}, {.timestamp = {1}, .totalW = row.total}};
-      points[0].*part = row.previous, points[1].*part = row.part;
-      EXPECT_DOUBLE_EQ(clampRateOfChange(points)[1].*part, row.carried) << row.previous << " " << row.part;
+      Points points{{.totalW = 5}, {.timestamp = {1}, .totalW = totalW}};
+      points[0].*part = previousW, points[1].*part = partW;
+      EXPECT_DOUBLE_EQ(clampRateOfChange(points)[1].*part, carriedW) << previousW << " " << partW;
     }
   }
 }
@@ -78,27 +72,25 @@ TEST(PowerTrendTest, FillsDipsFiltersSpikesAndSmooths) {
   };
   const auto smooth = [](const Points& points) { return exponentialSmooth(points, 0.25); };
   static const Watts mixed{1, 9, 2, 8, 3, 7};
-  struct Row {
-    std::function<Points(Points)> stage;
-    Watts in, out;
-  };
-  const Row rows[] = {{replaceTransientDips, {12, 0.25, 16}, {12, 14, 16}},
-                      {replaceTransientDips, {12, 0.5, 0.5, 16}, {12, 0.5, 0.5, 16}},
-                      {replaceTransientDips, {12, 0.5, 14, -3, 20}, {12, 13, 14, 17, 20}},
-                      {replaceTransientDips, {12, 1, 12}, {12, 1, 12}},
-                      {replaceTransientDips, {10, 0, 12}, {10, 0, 12}},
-                      {replaceTransientDips, {12, 0, 10}, {12, 0, 10}},
-                      {replaceTransientDips, {12, 0}, {12, 0}},
-                      {medians(5), mixed, {2, 5, 3, 7, 5, 7}},
-                      {medians(3), mixed, {5, 2, 8, 3, 7, 5}},
-                      {medians(-4), mixed, {5, 2, 8, 3, 7, 5}},
-                      {medians(7), mixed, {5, 3, 5, 5, 7, 5}},
-                      {medians(99), {1, 9, 2}, {2, 2, 2}},
-                      {medians(5), {1, 9}, {1, 9}},
-                      {smooth, {8, 16, 16}, {8, 10, 11.5}},
-                      {smooth, {8, 8, 8}, {8, 8, 8}},
-                      {smooth, {}, {}}};
-  for (const Row& row : rows) EXPECT_EQ(row.stage(pointsOf(row.in)), pointsOf(row.out)) << (&row - rows);
+  const std::tuple<std::function<Points(Points)>, Watts, Watts> rows[] = {
+      {replaceTransientDips, {12, 0.25, 16}, {12, 14, 16}},
+      {replaceTransientDips, {12, 0.5, 0.5, 16}, {12, 0.5, 0.5, 16}},
+      {replaceTransientDips, {12, 0.5, 14, -3, 20}, {12, 13, 14, 17, 20}},
+      {replaceTransientDips, {12, 1, 12}, {12, 1, 12}},
+      {replaceTransientDips, {10, 0, 12}, {10, 0, 12}},
+      {replaceTransientDips, {12, 0, 10}, {12, 0, 10}},
+      {replaceTransientDips, {12, 0}, {12, 0}},
+      {medians(5), mixed, {2, 5, 3, 7, 5, 7}},
+      {medians(3), mixed, {5, 2, 8, 3, 7, 5}},
+      {medians(-4), mixed, {5, 2, 8, 3, 7, 5}},
+      {medians(7), mixed, {5, 3, 5, 5, 7, 5}},
+      {medians(99), {1, 9, 2}, {2, 2, 2}},
+      {medians(5), {1, 9}, {1, 9}},
+      {smooth, {8, 16, 16}, {8, 10, 11.5}},
+      {smooth, {8, 8, 8}, {8, 8, 8}},
+      {smooth, {}, {}}};
+  for (const auto& [stage, in, out] : rows)
+    EXPECT_EQ(stage(pointsOf(in)), pointsOf(out)) << testing::PrintToString(in);
   for (Watts five : {Watts{1, 2, 3, 4, 5}, Watts{1, 1, 3, 4, 4}, Watts{3, 3, 3, 3, 9}}) {
     do EXPECT_EQ(medianFilter(pointsOf(five), 5)[2].totalW, 3) << five[0] << five[1] << five[2] << five[3];
     while (std::next_permutation(five.begin(), five.end()));
@@ -137,28 +129,21 @@ TEST(PowerTrendTest, PreparesAndChainsWhatAPeriodShows) {
 }
 
 TEST(PowerTrendTest, ThinsAndKeepsTheNewest) {
-  struct Row {
-    std::size_t count;
-    std::int64_t maxPoints;
-    Watts totals;
-  };  // of points with 0, 1, 2, ... W
-  const Row rows[] = {{0, 5, {}},
-                      {3, 3, {0, 1, 2}},
-                      {6, 5, {0.5, 2.5, 4.5, 5}},
-                      {7, 3, {1, 4, 6}},
-                      {6, 3, {0.5, 4.5, 5}},
-                      {4, 1, {1.5, 3}},
-                      {4, 0, {1.5, 3}},
-                      {4, -9, {0, 1, 2, 3}},
-                      {3, -1, {0, 1, 2}},
-                      {0, -1, {}},
-                      {1, 0, {0}}};
+  // Points, the most that are shown and, of points with 0, 1, 2, ... W, those that are.
+  const std::tuple<std::size_t, std::int64_t, Watts> rows[] = {{0, 5, {}},
+                                                               {3, 3, {0, 1, 2}},
+                                                               {6, 5, {0.5, 2.5, 4.5, 5}},
+                                                               {7, 3, {1, 4, 6}},
+                                                               {6, 3, {0.5, 4.5, 5}},
+                                                               {4, 1, {1.5, 3}},
+                                                               {4, -9, {0, 1, 2, 3}},
+                                                               {1, 0, {0}}};
   Watts ramp(1000);
   std::iota(ramp.begin(), ramp.end(), 0);
   const Points week = pointsOf(ramp);
   const std::vector<EnergyTrendPoint> energy = buildEnergyTrend(week);
-  for (const Row& row : rows)
-    EXPECT_EQ(totalsOf(downsample(std::span(week).first(row.count), row.maxPoints)), row.totals);
+  for (const auto& [count, maxPoints, totals] : rows)
+    EXPECT_EQ(totalsOf(downsample(std::span(week).first(count), maxPoints)), totals);
   EXPECT_EQ(downsample(week, 300).at(1), (PowerTrendPoint{4, {80}, 5.5, 11, 16.5, 22, false}));
   EXPECT_EQ(std::pair(downsample(week, 300).size(),
                       downsampleEnergyTrend(std::span(energy).first(301), 300).size()),
@@ -192,23 +177,18 @@ TEST(PowerTrendTest, IntegratesEnergyAndFollowsTheBattery) {
   std::vector<PreparedSnapshot> snapshots;
   for (int i = 0; i < 8; ++i) snapshots.push_back({.timestamp = {i * 60.0}, .batteryLevelPercent = 50.0 - i});
   snapshots[4].batteryLevelPercent.reset();
-  struct Row {
-    std::size_t count;
-    std::int64_t maxPoints;
+  const std::tuple<std::size_t, std::int64_t, Watts> levelRows[] = {{0, 3, {}},
+                                                                    {4, 10, {50, 49, 48, 47}},
+                                                                    {7, 3, {50, 48, 44}},
+                                                                    {8, 3, {50, 48, 44, 43}},
+                                                                    {8, 0, {50, 43}},
+                                                                    {5, 1, {50}},
+                                                                    {4, -1, {50, 49, 48, 47}}};
+  for (const auto& [count, maxPoints, expected] : levelRows) {
     Watts levels;
-  };
-  const Row levelRows[] = {{0, 3, {}},
-                           {4, 10, {50, 49, 48, 47}},
-                           {7, 3, {50, 48, 44}},
-                           {8, 3, {50, 48, 44, 43}},
-                           {8, 0, {50, 43}},
-                           {5, 1, {50}},
-                           {4, -1, {50, 49, 48, 47}}};
-  for (const Row& row : levelRows) {
-    Watts levels;
-    for (const auto& point : buildBatteryLevelTrend(std::span(snapshots).first(row.count), row.maxPoints))
+    for (const auto& point : buildBatteryLevelTrend(std::span(snapshots).first(count), maxPoints))
       levels.push_back(point.levelPercent);
-    EXPECT_EQ(levels, row.levels) << row.count;
+    EXPECT_EQ(levels, expected) << count;
   }
   EXPECT_TRUE(buildBatteryLevelTrend({}, 10).empty());
   const DrainSnapshot read{.timestamp = {7}, .batteryStatus = BatteryStatusSample{.levelPercent = 80}};

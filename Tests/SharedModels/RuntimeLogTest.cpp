@@ -29,7 +29,6 @@ using enum RuntimeLogLevel;
 TEST(RuntimeLog, ChoosesItsFirstLevel) {
   constexpr auto level = "QZL_LOG_LEVEL", verbose = "QZL_LOG_VERBOSE";
   const std::tuple<std::map<std::string, std::string>, PropertyDictionary, RuntimeLogLevel> rows[] = {
-      {{}, {}, warn},
       {{{level, " INFO \n"}}, {{level, "error"}}, info},
       {{{level, "debug"}}, {{level, " Error"}}, error},
       {{{level, "debug"}}, {}, warn},
@@ -38,42 +37,37 @@ TEST(RuntimeLog, ChoosesItsFirstLevel) {
       {{{verbose, "1"}, {level, "warn"}}, {{level, "error"}}, warn},
       {{{verbose, "true"}}, {}, warn},
       {{{verbose, " 1"}}, {}, warn}};
-  for (const auto& [environment, bundle, expected] : rows) {
-    EXPECT_EQ(RuntimeLog::initialMinimumLevel(environment, &bundle), expected)
-        << ::testing::PrintToString(environment);
-  }
+  for (const auto& [environment, bundle, expected] : rows)
+    EXPECT_EQ(RuntimeLog::initialMinimumLevel(environment, &bundle), expected) << PrintToString(environment);
   EXPECT_EQ(RuntimeLog::initialMinimumLevel({}, nullptr), warn);
 }
 
 TEST(RuntimeLog, IsSwitchedOffByEnvironmentOrElseInfoPlist) {
   constexpr auto variable = "QZL_LOG_DISABLED";
   const PropertyDictionary silent, on{{variable, true}};
-  EXPECT_FALSE(RuntimeLog::isDisabled(std::nullopt, &silent));
-  for (const char* value : {" Yes ", "Y", "on", "TRUE", "1"}) {
+  EXPECT_FALSE(RuntimeLog::isDisabled(std::nullopt, &silent) || RuntimeLog::isDisabled({}, nullptr));
+  for (const char* value : {" Yes ", "Y", "on", "TRUE", "1"})
     EXPECT_TRUE(RuntimeLog::isDisabled(value, &silent)) << value;
-  }
-  for (const char* value : {"01", "", "no"}) {  // an environment value alone decides
+  for (const char* value : {"01", "", "no"})  // an environment value alone decides
     EXPECT_FALSE(RuntimeLog::isDisabled(value, &on)) << value;
-  }
-  const auto disabledByBundle = [&](PropertyValue value) {
+  const auto byBundle = [&](PropertyValue value) {
     const PropertyDictionary bundle{{variable, std::move(value)}};
     return RuntimeLog::isDisabled(std::nullopt, &bundle);
   };
-  EXPECT_TRUE(disabledByBundle(true) && disabledByBundle("on") && disabledByBundle(std::int64_t{2}));
-  EXPECT_FALSE(disabledByBundle("off") || disabledByBundle(0.0));
-  EXPECT_FALSE(disabledByBundle(PropertyValue::Array{true}));
+  EXPECT_TRUE(byBundle(true) && byBundle("on") && byBundle(std::int64_t{2}) && byBundle(0.5));
+  EXPECT_FALSE(byBundle(false) || byBundle("off") || byBundle(std::int64_t{0}) || byBundle(0.0) ||
+               byBundle(PropertyValue::Array{true}));
 }
 
 TEST(RuntimeLog, FormatsLinesAndCategories) {
   EXPECT_EQ(RuntimeLog::formattedLine(1731715200.1234, info, "Daemon", "ping received."),
             "[1731715200.123] [INFO] [Daemon] ping received.\n");
-  EXPECT_EQ(RuntimeLog::formattedLine(0, warn, "", "x"), "[0.000] [WARN] [] x\n");
   EXPECT_EQ(RuntimeLog::formattedLine(0, error, " Battery Status ", "x"),
             "[0.000] [ERROR] [ Battery Status ] x\n");
   EXPECT_EQ(RuntimeLog::systemLogCategory(" Battery Status "), "Battery_Status");
   EXPECT_EQ(RuntimeLog::systemLogCategory(" \u00A0\n"), "General");
-  EXPECT_EQ(systemLogType(warn), platform::SystemLogType::error);
-  EXPECT_EQ(systemLogType(info), platform::SystemLogType::info);
+  EXPECT_EQ(std::pair(systemLogType(warn), systemLogType(info)),
+            std::pair(platform::SystemLogType::error, platform::SystemLogType::info));
 }
 
 /// Moves the shared directory to a folder of the test and restores the log's settings behind it.
@@ -101,12 +95,10 @@ TEST_F(RuntimeLogWriting, WritesStandardErrorFileAndNotification) {
   EXPECT_THAT(lines, ElementsAre(EndsWith("[ERROR] [Daemon] x\n")));
   EXPECT_EQ(standardError, lines.at(0));
   EXPECT_EQ(file(), lines.at(0));
-  struct stat status {};
-  ASSERT_EQ(::stat(RuntimeLog::sharedLogPath().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0644U);
+  EXPECT_EQ(std::filesystem::status(RuntimeLog::sharedLogPath()).permissions(), std::filesystem::perms(0644));
 }
 
-TEST_F(RuntimeLogWriting, OutlivesABrokenPipeAndAFullFile) {
+TEST_F(RuntimeLogWriting, OutlivesABrokenPipeAndAFullFileAndLeavesAWaitingSignalAlone) {
   const auto logsToNobody = [] {
     auto pipe = platform::makePipe().value();
     pipe.first.reset();
@@ -120,9 +112,6 @@ TEST_F(RuntimeLogWriting, OutlivesABrokenPipeAndAFullFile) {
   };
   EXPECT_EXIT(logsToNobody(), KilledBySignal(SIGPIPE), "");
   EXPECT_THAT(file(), MatchesRegex("[^\n]*\\[Daemon\\] nobody reads standard error\n"));
-}
-
-TEST_F(RuntimeLogWriting, LeavesASignalAloneThatWaitsAlready) {
   const auto logsWithOneWaiting = [] {
     sigset_t signals;
     sigemptyset(&signals);
@@ -155,12 +144,11 @@ TEST_F(RuntimeLogWriting, ObeysTheDisabledSwitchAtTheNextCallAndTakesNoLinkOrFif
 
 TEST_F(RuntimeLogWriting, TakesLinesFromManyThreadsWhileTheEnvironmentChanges) {
   ::testing::internal::CaptureStderr();
-  std::vector<std::thread> threads;
-  for (int writer = 0; writer < 4; ++writer) {
-    threads.emplace_back([] {
+  std::vector<std::thread> threads(4);
+  for (std::thread& thread : threads)
+    thread = std::thread([] {
       for (int line = 0; line < 50; ++line) RuntimeLog::error("Daemon", "whole line");
     });
-  }
   for (std::size_t size = 0; size < 200; ++size) environment_.set("QZL_UNRELATED", std::string(size, 'x'));
   for (std::thread& thread : threads) thread.join();
   ::testing::internal::GetCapturedStderr();

@@ -1,5 +1,7 @@
+#include <array>
 #include <limits>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,38 +25,38 @@ TEST(SamplingConfigTest, MissingKeysTakeTheirDefaults) {
 }
 
 TEST(SamplingConfigTest, RaisesWhatLiesBelowItsFloor) {
+  // Intervals in seconds: least, most, background, interactive, burst, powermetrics, hidden, USB.
+  using Intervals = std::array<std::int64_t, 8>;
   constexpr auto lowest = std::numeric_limits<std::int64_t>::min();
-  const std::pair<SamplingSettings, SamplingSettings> rows[] = {
-      {{.minIntervalSec = lowest, .maxIntervalSec = lowest}, {.minIntervalSec = 1, .maxIntervalSec = 1}},
-      {{.minIntervalSec = 10, .maxIntervalSec = 4}, {.minIntervalSec = 10, .maxIntervalSec = 10}},
-      {{.backgroundIntervalSec = 0, .interactiveIntervalSec = -1, .burstIntervalSec = 1},
-       {.backgroundIntervalSec = 1, .interactiveIntervalSec = 1, .burstIntervalSec = 1}},
-      {{.powermetricsIntervalSec = 0, .hiddenRefreshIntervalSec = 5, .usbRefreshIntervalSec = 29},
-       {.powermetricsIntervalSec = 1, .hiddenRefreshIntervalSec = 30, .usbRefreshIntervalSec = 30}},
+  const Intervals rows[][2] = {
+      {{lowest, lowest, lowest, lowest, lowest, lowest, lowest, lowest}, {1, 1, 1, 1, 1, 1, 30, 30}},
+      {{10, 4, 0, -1, 1, 0, 5, 29}, {10, 10, 1, 1, 1, 1, 30, 30}},
+      {{2, 3, 4, 5, 6, 7, 31, 32}, {2, 3, 4, 5, 6, 7, 31, 32}}};
+  const auto config = [](const Intervals& in) {
+    return SamplingConfig(
+        {in[0], in[1], true, SamplingMode::burst, in[2], in[3], in[4], in[5], in[6], in[7]});
   };
   for (const auto& [given, floored] : rows) {
-    const SamplingConfig config(given);
-    EXPECT_EQ(config.settings(), floored);
-    EXPECT_EQ(decodeConfig(SnapshotCodec::encodeConfig(config)), config);
+    const SamplingSettings set = config(given).settings();
+    EXPECT_EQ((Intervals{set.minIntervalSec, set.maxIntervalSec, set.backgroundIntervalSec,
+                         set.interactiveIntervalSec, set.burstIntervalSec, set.powermetricsIntervalSec,
+                         set.hiddenRefreshIntervalSec, set.usbRefreshIntervalSec}),
+              floored);
+    EXPECT_EQ(decodeConfig(SnapshotCodec::encodeConfig(config(given))), config(given));
   }
   EXPECT_EQ(decodeConfig(R"({"minIntervalSec":0,"usbRefreshIntervalSec":29})"),
             SamplingConfig({.minIntervalSec = 1, .usbRefreshIntervalSec = 30}));
 }
 
 TEST(SamplingConfigTest, TheModeChoosesTheIntervals) {
-  using enum SamplingMode;
-  const std::tuple<SamplingMode, std::int64_t, std::int64_t, std::int64_t> rows[] = {
-      {background, 30, 21, 30}, {interactive, 30, 9, 10}, {burst, 30, 3, 10},
-      {background, 4, 21, 4},   {interactive, 4, 9, 4},   {burst, 4, 3, 4}};
-  for (const auto& [mode, powermetricsIntervalSec, activeIntervalSec, cacheTTLSeconds] : rows) {
-    const SamplingConfig config({.samplingMode = mode,
-                                 .backgroundIntervalSec = 21,
-                                 .interactiveIntervalSec = 9,
-                                 .burstIntervalSec = 3,
-                                 .powermetricsIntervalSec = powermetricsIntervalSec});
-    EXPECT_EQ(config.activeIntervalSec(), activeIntervalSec) << rawValue(mode);
-    EXPECT_EQ(config.powermetricsCacheTTLSeconds(), cacheTTLSeconds) << rawValue(mode);
+  std::string chosen;
+  for (const std::int64_t powermetrics : {30, 4}) {
+    for (const auto mode : {SamplingMode::background, SamplingMode::interactive, SamplingMode::burst}) {
+      const SamplingConfig config({5, 30, false, mode, 21, 9, 3, powermetrics});
+      chosen += fmt::format("{} s, {} s; ", config.activeIntervalSec(), config.powermetricsCacheTTLSeconds());
+    }
   }
+  EXPECT_EQ(chosen, "21 s, 30 s; 9 s, 10 s; 3 s, 10 s; 21 s, 4 s; 9 s, 4 s; 3 s, 4 s; ");
 }
 
 TEST(SamplingConfigTest, AKeyOfTheWrongTypeFailsAndIsNamed) {

@@ -1,5 +1,4 @@
 #include <limits>
-#include <set>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -53,23 +52,28 @@ constexpr auto kInput = R"({
                       "hostShares": [{"pid": 9, "share": 0.5}]}],
   "screenModelW": 0, "usbModelW": 0.25, "developerMode": true})";
 
-// ... and the same values as records, field by field in the same order.
-// clang-format off
-const ProcessSample kSample{501, 1, 77, "/Applications/Ma\u00efl.app/Contents/MacOS/Mail", "com.example.mail",
-                            1.5, 1.25, 0.25, true, 18446744073709551615U, 0.1,
-                            9007199254740993,  // 2^53 + 1: no double holds it
-                            1000.5, 2, 3, 4, 5, 6};
+/// A record of these fields, in their order.
+template <typename Record, typename... Fields>
+Record make(Fields... fields) {
+  return Record{std::move(fields)...};
+}
+
+// ... and the same values as records, field by field in the same order; no double holds 2^53 + 1.
+const auto kSample = make<ProcessSample>(501, 1, 77, "/Applications/Ma\u00efl.app/Contents/MacOS/Mail",
+                                         "com.example.mail", 1.5, 1.25, 0.25, true, 18446744073709551615U,
+                                         0.1, 9007199254740993U, 1000.5, 2.0, 3.0, 4.0, 5.0, 6.0);
 const HiddenWorkloadMapping kMapping{HiddenDrainKind::launchdService, "com.example.job", {{9, 0.5}}};
-const ProcessDrain kDrain{-1234567890, 1, "Mail", "com.example.mail", "Mail \u2014 Inbox", "mail", "app:mail",
-                          2.5, 0.3, 12.5, 0.015625, 2.25, 0.25, {"ram_model", "powermetrics_cpu"}};
-const BatteryStatusSample kBattery{81.5, 50, true, false, 240, 18, 17, 12500, -1500, 3012, 5103, 4900, 4000, 4950,
-                                   1000, "F5D1234", "bq40z651", false, true, 96, "96W USB-C \"Power\" Adapter"};
-const DrainSnapshot kRecord{{778123456.789}, 13.75, {kDrain, makeProcessDrain(42, "Mail", 0.5, {})},
-                            {{HiddenDrainKind::cloudflaredTunnel, "edge", 0.125}},
-                            {3, 0.75, 4, 1, 0.0625, 0.5, 0.375, 0.875, 0.1875, 0.9}, 1.375,
-                            SourceTelemetry{true, 412, false, true, false, false, true},
-                            PowerUsageContext{true, 81.25}, kBattery};
-// clang-format on
+const auto kDrain = make<ProcessDrain>(-1234567890, 1, "Mail", "com.example.mail", "Mail \u2014 Inbox",
+                                       "mail", "app:mail", 2.5, 0.3, 12.5, 0.015625, 2.25, 0.25,
+                                       std::vector<std::string>{"ram_model", "powermetrics_cpu"});
+const auto kBattery =
+    make<BatteryStatusSample>(81.5, 50, true, false, 240, 18, 17, 12500, -1500, 3012, 5103, 4900, 4000, 4950,
+                              1000, "F5D1234", "bq40z651", false, true, 96, "96W USB-C \"Power\" Adapter");
+const auto kRecord = make<DrainSnapshot>(
+    PointInTime{778123456.789}, 13.75, std::vector{kDrain, makeProcessDrain(42, "Mail", 0.5, {})},
+    std::vector<HiddenDrain>{{HiddenDrainKind::cloudflaredTunnel, "edge", 0.125}},
+    ComponentDrain{3, 0.75, 4, 1, 0.0625, 0.5, 0.375, 0.875, 0.1875, 0.9}, 1.375,
+    SourceTelemetry{true, 412, false, true, false, false, true}, PowerUsageContext{true, 81.25}, kBattery);
 
 TEST(SnapshotCodecTest, WritesEachFieldUnderItsNameInOrder) {
   EXPECT_EQ(encodeDrainSnapshot(kRecord), ordered_json::parse(kSnapshot));
@@ -77,57 +81,51 @@ TEST(SnapshotCodecTest, WritesEachFieldUnderItsNameInOrder) {
             ordered_json::parse(kInput));
 }
 
-/// What a document of a record reads and writes back as, or the error.
+/// Whether each key of a complete record is of its type, and may be left out unless it is required.
 template <auto decode, auto encode>
-json recode(const json& document) {
-  return encode(decode(document, {}));
+void checkKeys(const json& complete, const std::string& required) {
+  const auto recode = [](const json& document) -> json { return encode(decode(document, {})); };
+  EXPECT_EQ(recode(complete), complete);
+  for (const auto& [key, value] : complete.items()) {
+    SCOPED_TRACE(complete.dump() + "." + key);
+    json missing = complete, null = complete, wrong = complete;
+    missing.erase(key);
+    null[key] = nullptr;
+    wrong[key] = value.is_object() ? json(true) : json::object();
+    const auto error = [&](const json& document) {
+      return thrownBy<JSONCodingError>([&] { recode(document); });
+    };
+    EXPECT_EQ(error(wrong).kind(), Kind::wrongType);
+    EXPECT_THAT(error(wrong).what(), testing::StartsWith(key + ": expected "));
+    if ((" " + required + " ").find(" " + key + " ") != std::string::npos) {
+      EXPECT_EQ(error(missing).what(), key + ": missing");
+      EXPECT_EQ(error(null).kind(), Kind::wrongType);
+    } else {
+      EXPECT_EQ(recode(null), recode(missing));
+      EXPECT_NE(recode(missing), complete);
+    }
+  }
 }
 
 TEST(SnapshotCodecTest, EachKeyIsRequiredOrOptionalAndOfItsType) {
   const json snapshot = json::parse(kSnapshot), input = json::parse(kInput);
-  const json& mapping = input["hiddenMappings"][0];
-  // clang-format off
-  const struct {
-    json (*recode)(const json&);
-    json complete;
-    std::set<std::string> required;
-  } records[] = {
-      {recode<decodeProcessSample, encodeProcessSample>, input["processes"][0], {"pid", "name"}},
-      {recode<decodeHiddenWorkloadMapping, encodeHiddenWorkloadMapping>, mapping, {"kind", "identifier", "hostShares"}},
-      {recode<decodeHiddenWorkloadHostShare, encodeHiddenWorkloadHostShare>, mapping["hostShares"][0], {"pid", "share"}},
-      {recode<decodeSourceTelemetry, encodeSourceTelemetry>, snapshot["telemetry"],
-       {"powermetricsCommandOK", "powermetricsParsedProcessCount", "powermetricsHasPackagePower",
-        "powermetricsHasSystemPower", "usedEstimatedTotalPower", "screenModelAvailable", "usbModelAvailable"}},
-      {recode<decodePowerUsageContext, encodePowerUsageContext>, snapshot["powerContext"], {"onBatteryPower"}},
-      {recode<decodeBatteryStatusSample, encodeBatteryStatusSample>, snapshot["batteryStatus"],
-       {"levelPercent", "isCharging", "externalPowerConnected"}},
-      {recode<decodeProcessDrain, encodeProcessDrain>, snapshot["processes"][0],
-       {"pid", "name", "drainW", "energyShare", "sourceFlags"}},
-      {recode<decodeHiddenDrain, encodeHiddenDrain>, snapshot["hidden"][0], {"kind", "identifier", "drainW"}},
-      {recode<decodeComponentDrain, encodeComponentDrain>, snapshot["components"], {}},
-      {recode<decodeDrainSnapshot, encodeDrainSnapshot>, snapshot,
-       {"timestamp", "totalDischargeW", "processes", "hidden", "components", "unattributedW"}}};
-  // clang-format on
-  for (const auto& record : records) {
-    EXPECT_EQ(record.recode(record.complete), record.complete);
-    for (const auto& [key, value] : record.complete.items()) {
-      SCOPED_TRACE(record.complete.dump() + "." + key);
-      json missing = record.complete, null = record.complete, wrong = record.complete;
-      missing.erase(key);
-      null[key] = nullptr;
-      wrong[key] = value.is_object() ? json(true) : json::object();
-      const auto error = thrownBy<JSONCodingError>([&] { record.recode(wrong); });
-      EXPECT_EQ(error.kind(), Kind::wrongType);
-      EXPECT_THAT(error.what(), testing::StartsWith(key + ": expected "));
-      if (record.required.contains(key)) {
-        EXPECT_EQ(thrownBy<JSONCodingError>([&] { record.recode(missing); }).what(), key + ": missing");
-        EXPECT_EQ(thrownBy<JSONCodingError>([&] { record.recode(null); }).kind(), Kind::wrongType);
-      } else {
-        EXPECT_EQ(record.recode(null), record.recode(missing));
-        EXPECT_NE(record.recode(missing), record.complete);
-      }
-    }
-  }
+  const json &mapping = input["hiddenMappings"][0], &telemetry = snapshot["telemetry"];
+  std::string all;
+  for (const auto& [key, value] : telemetry.items()) all += key + " ";
+  checkKeys<decodeSourceTelemetry, encodeSourceTelemetry>(telemetry, all);
+  checkKeys<decodeProcessSample, encodeProcessSample>(input["processes"][0], "pid name");
+  checkKeys<decodeHiddenWorkloadMapping, encodeHiddenWorkloadMapping>(mapping, "kind identifier hostShares");
+  checkKeys<decodeHiddenWorkloadHostShare, encodeHiddenWorkloadHostShare>(mapping["hostShares"][0],
+                                                                          "pid share");
+  checkKeys<decodePowerUsageContext, encodePowerUsageContext>(snapshot["powerContext"], "onBatteryPower");
+  checkKeys<decodeBatteryStatusSample, encodeBatteryStatusSample>(
+      snapshot["batteryStatus"], "levelPercent isCharging externalPowerConnected");
+  checkKeys<decodeProcessDrain, encodeProcessDrain>(snapshot["processes"][0],
+                                                    "pid name drainW energyShare sourceFlags");
+  checkKeys<decodeHiddenDrain, encodeHiddenDrain>(snapshot["hidden"][0], "kind identifier drainW");
+  checkKeys<decodeComponentDrain, encodeComponentDrain>(snapshot["components"], "");
+  checkKeys<decodeDrainSnapshot, encodeDrainSnapshot>(
+      snapshot, "timestamp totalDischargeW processes hidden components unattributedW");
 }
 
 TEST(SnapshotCodecTest, SnapshotsReadBackEqual) {
@@ -161,14 +159,11 @@ TEST(DrainSnapshotTest, DerivedMembers) {
   const SourceTelemetry telemetry{.powermetricsHasPackagePower = true};
   EXPECT_FALSE(telemetry.powermetricsAvailable());
   EXPECT_TRUE(telemetry.powermetricsAttributionAvailable());
-  const std::pair<std::vector<std::string>, bool> rows[] = {
-      {{}, false},
-      {{"ram_model", "xpowermetrics", "Powermetrics", "power"}, false},
-      {{"powermetrics_gpu", "x"}, true},
-      {{"ram_model", "powermetrics"}, true}};
-  for (const auto& [flags, expected] : rows) {
-    EXPECT_EQ(makeProcessDrain(1, "a", 1, flags).hasPowermetricsSourceFlag(), expected);
-  }
+  const auto flagged = [](std::vector<std::string> flags) {
+    return makeProcessDrain(1, "a", 1, std::move(flags)).hasPowermetricsSourceFlag();
+  };
+  EXPECT_FALSE(flagged({}) || flagged({"ram_model", "xpowermetrics", "Powermetrics", "power"}));
+  EXPECT_TRUE(flagged({"powermetrics_gpu", "x"}) && flagged({"ram_model", "powermetrics"}));
 }
 
 }  // namespace

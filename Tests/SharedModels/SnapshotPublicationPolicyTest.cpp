@@ -11,14 +11,11 @@ namespace {
 using enum SnapshotPublicationDecision;
 
 TEST(SnapshotPublicationPolicyTest, LooksAtTheTotalAlone) {
-  const std::pair<double, SnapshotPublicationDecision> rows[] = {{0.1, insufficientTotalPower},
-                                                                 {-5, insufficientTotalPower},
-                                                                 {0.1000001, publishable},
-                                                                 {20, publishable},
-                                                                 {std::nan(""), publishable}};
-  for (const auto& [totalW, decision] : rows) {
-    EXPECT_EQ(SnapshotPublicationPolicy::decision(makeSnapshot(0, totalW)), decision) << totalW;
-  }
+  const auto decision = [](double totalW) {
+    return SnapshotPublicationPolicy::decision(makeSnapshot(0, totalW));
+  };
+  for (const double low : {0.1, -5.0}) EXPECT_EQ(decision(low), insufficientTotalPower) << low;
+  for (const double enough : {0.1000001, 20.0, std::nan("")}) EXPECT_EQ(decision(enough), publishable);
 }
 
 TEST(SnapshotPublicationPolicyTest, DecisionsHaveTheirCodesAndReasons) {

@@ -1,4 +1,5 @@
 #include <set>
+#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,43 +15,24 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 TEST(AppleProcessDetector, KnowsTheSystemsOwnProcesses) {
-  struct Row {
-    const char* name;
-    std::optional<std::string> bundleID;
-    const char* displayName;
-    bool isSystem;
+  // The name, the bundle identifier and the name that is shown.
+  const auto isSystem = [](const std::string& row) {
+    std::istringstream fields(row);
+    std::string name, bundleID, displayName;
+    std::getline(std::getline(std::getline(fields, name, '|'), bundleID, '|'), displayName);
+    return AppleProcessDetector::isAppleSystemProcess(
+        name, bundleID.empty() ? std::nullopt : std::optional(bundleID), displayName);
   };
-  const Row rows[] = {
-      {"/usr/libexec/foo", {}, "foo", true},
-      {"/usr/local/bin/foo", {}, "foo", false},
-      {"/usr/local/bin/LaunchD", {}, "x", true},
-      {"/SYSTEM/library/q", {}, "q", true},
-      {"mdworker shared", {}, "x", true},
-      {"x", {}, "Natural Language Service", false},
-      {"kernel_task", {}, "x", true},
-      {"/opt/\u212Aernel_Task/", {}, "x", true},
-      {"x", "COM.APPLE.Example", "x", true},
-      {"x", "org.com.apple.x", "x", false},
-      {"x", "COM.APPLEX.y", "x", false},
-      {"x", "com.apple", "x", false},
-      {"my.com.Apple.helper", {}, "x", true},
-      {"x", {}, "Com.Apple.X", true},
-      {"/opt/mds", {}, "x", true},
-      {"/opt/mds/x", {}, "x", false},
-      {"x", {}, "WidgetKit Simulator", true},
-      {"x", {}, "widgetkit-simulator", false},
-      {"Knowledge-Agent", {}, "x", true},
-      {"knowledge agent", {}, "x", false},
-      {"x", {}, "my com.apple.x", false},
-      {"x", {}, "AccessibilityVizSuport", true},
-      {"x", {}, "accessibilityvizsupport", false},
-      {"usr/sbin/foo", {}, "", false},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(AppleProcessDetector::isAppleSystemProcess(row.name, row.bundleID, row.displayName),
-              row.isSystem)
-        << row.name << ", " << row.displayName;
-  }
+  for (const char* row :
+       {"/usr/libexec/foo", "/usr/local/bin/LaunchD", "/SYSTEM/library/q", "mdworker shared", "kernel_task",
+        "/opt/\u212Aernel_Task/", "x|COM.APPLE.Example", "my.com.Apple.helper", "x||Com.Apple.X", "/opt/mds",
+        "x||WidgetKit Simulator", "Knowledge-Agent", "x||AccessibilityVizSuport"})
+    EXPECT_TRUE(isSystem(row)) << row;
+  for (const char* row :
+       {"/usr/local/bin/foo", "x||Natural Language Service", "x|org.com.apple.x", "x|COM.APPLEX.y",
+        "x|com.apple", "/opt/mds/x", "x||widgetkit-simulator", "knowledge agent", "x||my com.apple.x",
+        "x||accessibilityvizsupport", "usr/sbin/foo"})
+    EXPECT_FALSE(isSystem(row)) << row;
   for (const std::string_view prefix : AppleProcessDetector::systemPathPrefixes)
     EXPECT_TRUE(AppleProcessDetector::isAppleSystemProcess(std::string(prefix) + "x", {}, "")) << prefix;
 }
@@ -89,7 +71,8 @@ TEST(TerminationTargetResolver, FallsBackToTheRowItself) {
   EXPECT_THAT(targetPIDs({.pid = 4}, {}), ElementsAre(4));
   EXPECT_THAT(targetPIDs({.pid = 4}, std::vector<ProcessDrain>{{.pid = 0}, {.pid = -9}}), ElementsAre(4));
   EXPECT_THAT(targetPIDs({.pid = -4}, {}), IsEmpty());
-  EXPECT_DEATH(targetPIDs({.pid = 1}, std::vector<ProcessDrain>{{.pid = 4294967297}}), "4294967297");
+  EXPECT_DEATH(targetPIDs({.pid = 1}, std::vector<ProcessDrain>{{.pid = 4294967297}}),
+               "process number 4294967297 is out of range");
 }
 
 }  // namespace
