@@ -32,12 +32,10 @@ TEST(JSONCodingTest, ReadsNumbersExactlyAndOnlyFromNumbers) {
   const auto kindOf = [](const auto decode, const std::string& text) {
     return thrownBy<JSONCodingError>([&] { decode(parseJSON(text), JSONPath()); }).kind();
   };
-  for (const char* text : {"9223372036854775808", "9223372036854775808.0", "5.5", "true"}) {
+  for (const char* text : {"9223372036854775808", "9223372036854775808.0", "5.5", "true"})
     EXPECT_EQ(kindOf(decodeJSON<std::int64_t>, text), text[0] == '9' ? outOfRange : wrongType) << text;
-  }
-  for (const char* text : {"18446744073709551616", "-1", "-1.0"}) {
+  for (const char* text : {"18446744073709551616", "-1", "-1.0"})
     EXPECT_EQ(kindOf(decodeJSON<std::uint64_t>, text), outOfRange) << text;
-  }
   EXPECT_EQ(kindOf(decodeJSON<double>, "\"5\""), wrongType);
   EXPECT_EQ(kindOf(decodeJSON<bool>, "1"), wrongType);
   EXPECT_EQ(kindOf(decodeJSON<std::string>, "null"), wrongType);
@@ -77,8 +75,7 @@ TEST(JSONCodingTest, WritesDoublesThatReadBackAndRefusesWhatHasNoForm) {
   };
   for (const auto& row : rows) {
     const auto error = thrownBy<JSONCodingError>([&] { encodeJSON(std::get<0>(row)); });
-    EXPECT_EQ(error.kind(), std::get<1>(row));
-    EXPECT_EQ(error.what(), std::get<2>(row));
+    EXPECT_EQ(std::tuple(error.kind(), error.what()), std::tuple(std::get<1>(row), std::get<2>(row)));
   }
 }
 

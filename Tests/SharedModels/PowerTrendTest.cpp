@@ -9,6 +9,8 @@
 #include "SharedModels/GraphBuildEngine/GraphPeriod.hpp"
 #include "SharedModels/GraphBuildEngine/PowerTrendSmoothing.hpp"
 #include "SharedModels/GraphBuildEngine/TrendDownsampling.hpp"
+#include "SharedModels/Runtime/Number.hpp"
+#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -34,24 +36,29 @@ Watts totalsOf(const Points& points) {
   return totals;
 }
 
+/// The columns of a row such as "0 10 | 10 40".
+std::vector<Watts> numbers(std::string_view row) {
+  std::vector<Watts> columns(1);
+  for (const std::string_view word : splitWhitespace(row)) {
+    if (word == "|")
+      columns.emplace_back();
+    else
+      columns.back().push_back(parseDouble(word).value());
+  }
+  return columns;
+}
+
 TEST(PowerTrendTest, ClampsStepsAndCarriesVanishedPartsForward) {
-  const Watts rows[][3] = {{{}, {}, {}},
-                           {{0}, {99}, {99}},
-                           {{0, 10}, {10, 40}, {10, 28}},
-                           {{0, 1}, {10, 40}, {10, 14}},
-                           {{0, 10}, {40, 10}, {40, 22}},
-                           {{0, 2}, {10, 40}, {10, 14}},
-                           {{0, 2.5}, {10, 40}, {10, 14.5}},
-                           {{10, 0}, {10, 40}, {10, 14}},
-                           {{5, 5}, {10, -40}, {10, 6}},
-                           {{0, none, 1}, {10, 40, 40}, {10, 14, 18}},
-                           {{0, 10, 20}, {10, 40, 40}, {10, 28, 40}},
-                           {{0, 1000}, {0, 1000}, {0, 1000}}};
-  for (const auto& [seconds, totals, clamped] : rows) {
+  // The seconds, the watts and the watts that the clamp leaves.
+  for (const char* row :
+       {"| |", "0 | 99 | 99", "0 10 | 10 40 | 10 28", "0 1 | 10 40 | 10 14", "0 10 | 40 10 | 40 22",
+        "0 2 | 10 40 | 10 14", "0 2.5 | 10 40 | 10 14.5", "10 0 | 10 40 | 10 14", "5 5 | 10 -40 | 10 6",
+        "0 nan 1 | 10 40 40 | 10 14 18", "0 10 20 | 10 40 40 | 10 28 40", "0 1000 | 0 1000 | 0 1000"}) {
+    const std::vector<Watts> columns = numbers(row);
     Points points;
-    for (std::size_t i = 0; i < totals.size(); ++i)
-      points.push_back({.timestamp = {seconds[i]}, .totalW = totals[i]});
-    EXPECT_EQ(totalsOf(clampRateOfChange(points)), clamped);
+    for (std::size_t i = 0; i < columns[1].size(); ++i)
+      points.push_back({.timestamp = {columns[0][i]}, .totalW = columns[1][i]});
+    EXPECT_EQ(totalsOf(clampRateOfChange(points)), columns[2]) << row;
   }
   const double parts[][4] = {
       {2, 0, 5, 2},    {2, 0.01, 5, 2},         {2, 0.011, 5, 0.011}, {2, 0, 0.5, 0}, {2, 0, 0.51, 2},
@@ -129,21 +136,18 @@ TEST(PowerTrendTest, PreparesAndChainsWhatAPeriodShows) {
 }
 
 TEST(PowerTrendTest, ThinsAndKeepsTheNewest) {
-  // Points, the most that are shown and, of points with 0, 1, 2, ... W, those that are.
-  const std::tuple<std::size_t, std::int64_t, Watts> rows[] = {{0, 5, {}},
-                                                               {3, 3, {0, 1, 2}},
-                                                               {6, 5, {0.5, 2.5, 4.5, 5}},
-                                                               {7, 3, {1, 4, 6}},
-                                                               {6, 3, {0.5, 4.5, 5}},
-                                                               {4, 1, {1.5, 3}},
-                                                               {4, -9, {0, 1, 2, 3}},
-                                                               {1, 0, {0}}};
   Watts ramp(1000);
   std::iota(ramp.begin(), ramp.end(), 0);
   const Points week = pointsOf(ramp);
   const std::vector<EnergyTrendPoint> energy = buildEnergyTrend(week);
-  for (const auto& [count, maxPoints, totals] : rows)
-    EXPECT_EQ(totalsOf(downsample(std::span(week).first(count), maxPoints)), totals);
+  // Points, the most that are shown and, of points with 0, 1, 2, ... W, those that are.
+  for (const char* row : {"0 5 |", "3 3 | 0 1 2", "6 5 | 0.5 2.5 4.5 5", "7 3 | 1 4 6", "6 3 | 0.5 4.5 5",
+                          "4 1 | 1.5 3", "4 -9 | 0 1 2 3", "1 0 | 0"}) {
+    const std::vector<Watts> columns = numbers(row);
+    const auto count = static_cast<std::size_t>(columns[0][0]);
+    EXPECT_EQ(totalsOf(downsample(std::span(week).first(count), std::lround(columns[0][1]))), columns[1])
+        << row;
+  }
   EXPECT_EQ(downsample(week, 300).at(1), (PowerTrendPoint{4, {80}, 5.5, 11, 16.5, 22, false}));
   EXPECT_EQ(std::pair(downsample(week, 300).size(),
                       downsampleEnergyTrend(std::span(energy).first(301), 300).size()),
@@ -177,18 +181,14 @@ TEST(PowerTrendTest, IntegratesEnergyAndFollowsTheBattery) {
   std::vector<PreparedSnapshot> snapshots;
   for (int i = 0; i < 8; ++i) snapshots.push_back({.timestamp = {i * 60.0}, .batteryLevelPercent = 50.0 - i});
   snapshots[4].batteryLevelPercent.reset();
-  const std::tuple<std::size_t, std::int64_t, Watts> levelRows[] = {{0, 3, {}},
-                                                                    {4, 10, {50, 49, 48, 47}},
-                                                                    {7, 3, {50, 48, 44}},
-                                                                    {8, 3, {50, 48, 44, 43}},
-                                                                    {8, 0, {50, 43}},
-                                                                    {5, 1, {50}},
-                                                                    {4, -1, {50, 49, 48, 47}}};
-  for (const auto& [count, maxPoints, expected] : levelRows) {
+  for (const char* row : {"0 3 |", "4 10 | 50 49 48 47", "7 3 | 50 48 44", "8 3 | 50 48 44 43", "8 0 | 50 43",
+                          "5 1 | 50", "4 -1 | 50 49 48 47"}) {
+    const std::vector<Watts> columns = numbers(row);
+    const auto shown = std::span(snapshots).first(static_cast<std::size_t>(columns[0][0]));
     Watts levels;
-    for (const auto& point : buildBatteryLevelTrend(std::span(snapshots).first(count), maxPoints))
+    for (const auto& point : buildBatteryLevelTrend(shown, std::lround(columns[0][1])))
       levels.push_back(point.levelPercent);
-    EXPECT_EQ(levels, expected) << count;
+    EXPECT_EQ(levels, columns[1]) << row;
   }
   EXPECT_TRUE(buildBatteryLevelTrend({}, 10).empty());
   const DrainSnapshot read{.timestamp = {7}, .batteryStatus = BatteryStatusSample{.levelPercent = 80}};

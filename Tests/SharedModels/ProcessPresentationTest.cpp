@@ -104,11 +104,16 @@ TEST(ProcessPresentation, ShowsHelpersUnderTheApplicationThatHostsThem) {
 TEST(ProcessPresentation, PrefersTheBestNameAndOfEqualOnesTheFirst) {
   std::vector<ProcessDrain> rows = {makeProcessDrain(0, "/A.app/tool", 0),
                                     makeProcessDrain(2, "/B.app/tool", 0),
-                                    makeProcessDrain(3, "/C.app/tool", 0)};
+                                    makeProcessDrain(3, "/C.app/tool", 0),
+                                    makeProcessDrain(4, "/opt/other", 0),  // in no application: no alias
+                                    makeProcessDrain(5, "", 0)};
   const auto context = makePresentationContext(std::vector{makeSnapshot(0, 1, rows)});
   EXPECT_EQ(context.aliasByExecutableLeaf, (TextMap<std::string>{{"tool", "B"}}));
-  EXPECT_EQ(context.displayNameByProcessID,
-            (TextMap<std::string>{{"0-/A.app/tool", "A"}, {"2-/B.app/tool", "B"}, {"3-/C.app/tool", "C"}}));
+  EXPECT_EQ(context.displayNameByProcessID, (TextMap<std::string>{{"0-/A.app/tool", "A"},
+                                                                  {"2-/B.app/tool", "B"},
+                                                                  {"3-/C.app/tool", "C"},
+                                                                  {"4-/opt/other", "other"},
+                                                                  {"5-", ""}}));
   DisplayNameCache cache;
   EXPECT_EQ(buildExecutableAliasMap(rows, cache), context.aliasByExecutableLeaf);
   const auto watts = processWattsByDisplayName(

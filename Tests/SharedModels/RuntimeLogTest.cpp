@@ -143,7 +143,7 @@ TEST_F(RuntimeLogWriting, ObeysTheDisabledSwitchAtTheNextCallAndTakesNoLinkOrFif
 }
 
 TEST_F(RuntimeLogWriting, TakesLinesFromManyThreadsWhileTheEnvironmentChanges) {
-  ::testing::internal::CaptureStderr();
+  internal::CaptureStderr();
   std::vector<std::thread> threads(4);
   for (std::thread& thread : threads)
     thread = std::thread([] {

@@ -55,6 +55,7 @@ TEST(TerminationTargetResolver, EndsTheApplicationBeforeItsHelpers) {
   const std::vector<ProcessDrain> members = {
       {.pid = 3, .name = "plain"},
       {.pid = 30, .parentPID = 3, .name = "plain"},
+      {.pid = 31, .parentPID = 1000, .name = "plain"},
       {.pid = 2, .parentPID = 1000, .name = "a"},
       {.pid = 90, .name = "/A.app/Contents/MacOS/x"},
       {.pid = 91, .parentPID = 90, .name = "/A.app/Contents/MacOS/x"},
@@ -64,11 +65,11 @@ TEST(TerminationTargetResolver, EndsTheApplicationBeforeItsHelpers) {
       {.pid = 95, .name = "a"},
       {.pid = 0, .name = "/A.app/Contents/MacOS/A", .bundleID = "org.a"},
   };
-  EXPECT_THAT(targetPIDs(group, members), ElementsAre(95, 80, 1, 90, 91, 2, 3, 30));
+  EXPECT_THAT(targetPIDs(group, members), ElementsAre(95, 80, 1, 90, 91, 2, 3, 31, 30));
 }
 
 TEST(TerminationTargetResolver, FallsBackToTheRowItself) {
-  EXPECT_THAT(targetPIDs({.pid = 4}, {}), ElementsAre(4));
+  EXPECT_THAT(targetPIDs({.pid = 2147483647}, {}), ElementsAre(2147483647));
   EXPECT_THAT(targetPIDs({.pid = 4}, std::vector<ProcessDrain>{{.pid = 0}, {.pid = -9}}), ElementsAre(4));
   EXPECT_THAT(targetPIDs({.pid = -4}, {}), IsEmpty());
   EXPECT_DEATH(targetPIDs({.pid = 1}, std::vector<ProcessDrain>{{.pid = 4294967297}}),
