@@ -118,7 +118,8 @@ TEST(PowerTrendTest, PreparesAndChainsWhatAPeriodShows) {
             std::pair(Points{{1500, {1.5}, 20, 3, 3, 0, true}}, std::optional(80.0)));
   std::vector<PreparedSnapshot> history;
   for (int i = 0; i < 50; ++i)
-    history.push_back({.timestamp = {i * 20.0}, .totalW = i % 7 * 9.0, .batteryLevelPercent = 90 - i / 10.0});
+    history.push_back(
+        {.timestamp = {i * 20.0}, .totalW = i % 7 * 30.0, .batteryLevelPercent = 90 - i / 10.0});
   const GraphPeriodTrends trends = buildPeriodTrends(history, {"1h", 3600, 10});
   const Points smoothed =
       exponentialSmooth(medianFilter(replaceTransientDips(clampRateOfChange(powerTrend(history))), 5), 0.2);

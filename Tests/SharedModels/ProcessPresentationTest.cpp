@@ -120,6 +120,10 @@ TEST(ProcessPresentation, PrefersTheBestNameAndOfEqualOnesTheFirst) {
       makeSnapshot(0, 1, {makeProcessDrain(9, "(tool)", 2), makeProcessDrain(8, "x", -1)}),
       context.aliasByExecutableLeaf, cache);
   EXPECT_EQ(watts, (TextMap<double>{{"B", 2}, {"x", 0}}));
+  ProcessPresentationContext keyed;  // by the identifiers of the rows alone
+  keyed.canonicalNameByProcessID = {{"7-x", "Known"}};
+  const auto two = makeSnapshot(0, 1, {makeProcessDrain(7, "x", 2), makeProcessDrain(8, "y", 1)});
+  EXPECT_EQ(processWattsByDisplayName(two, keyed), (TextMap<double>{{"Known", 2}, {"y", 1}}));
 }
 
 TEST(ProcessPresentation, KeepsTheNameOfANumberThatIsUsedAgain) {
