@@ -116,6 +116,8 @@ TEST(PowerTrendTest, PreparesAndChainsWhatAPeriodShows) {
   const PreparedSnapshot prepared = preparedSnapshot(snapshot);
   EXPECT_EQ(std::pair(powerTrend({&prepared, 1}), prepared.batteryLevelPercent),
             std::pair(Points{{1500, {1.5}, 20, 3, 3, 0, true}}, std::optional(80.0)));
+  const DrainSnapshot plugged{.powerContext = PowerUsageContext{false, 1}};
+  EXPECT_FALSE(preparedSnapshot(plugged).onBatteryPower || preparedSnapshot({}).onBatteryPower);
   std::vector<PreparedSnapshot> history;
   for (int i = 0; i < 50; ++i)
     history.push_back(
