@@ -2,6 +2,8 @@
 #include <limits>
 #include <random>
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
 
 #include "QuenzelMonitor/Attribution.hpp"
@@ -12,14 +14,12 @@ namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN(),
                  kInfinity = std::numeric_limits<double>::infinity();
-using Flags = std::vector<std::string>;
 
 ProcessSample measured(std::int64_t pid, double watts, double cpuPercent = 0) {
-  return {.pid = pid,
-          .name = "p",
-          .powermetricsPackageW = watts,
-          .powermetricsCPUW = watts / 2,
-          .cpuPercent = cpuPercent};
+  ProcessSample sample = makeProcessSample(pid, "p", cpuPercent);
+  sample.powermetricsPackageW = watts;
+  sample.powermetricsCPUW = watts / 2;
+  return sample;
 }
 HiddenWorkloadMapping container(std::vector<HiddenWorkloadHostShare> shares) {
   return {HiddenDrainKind::dockerContainer, "web", std::move(shares)};
@@ -33,72 +33,79 @@ std::vector<double> partsOf(const DrainSnapshot& snapshot) {
   return parts;
 }
 
+std::string flagsOf(const DrainSnapshot& snapshot) {
+  return fmt::format("{}", fmt::join(snapshot.processes.at(0).sourceFlags, " "));
+}
+
 TEST(Attribution, ServesThePartsInTheirOrder) {
   const ProcessSample p50 = makeProcessSample(1, "p", 50), q100 = makeProcessSample(2, "q", 100),
                       r250 = makeProcessSample(3, "r", 250);
   const HiddenWorkloadMapping service{HiddenDrainKind::launchdService, "s", {{1, 1}, {1, 5}}};
-  const struct Row {
-    const char* what;
-    AttributionInput input;
-    std::vector<double> parts;
-    Flags firstFlags;
-  } rows[] = {
-      // two processors
-      {"all fits", {{}, 10, {measured(1, 3), measured(2, 1)}, {}, 2, 1}, {2, 1, 3, 1, 3}, {"powermetrics"}},
-      {"models give way", {{}, 10, {measured(1, 6)}, {}, 6, 2}, {3, 1, 6, 0}, {"powermetrics"}},
-      {"too much",
-       {{}, 4, {measured(1, 6), measured(2, 2)}, {}, 1, 1},
-       {0, 0, 3, 1, 0},
-       {"powermetrics", "scaled-to-total"}},
-      {"by CPU", {{}, 12, {p50, q100}, {}, 3, 1}, {3, 1, 2, 4, 2}, {"cpu-share"}},
-      {"overbooked", {{}, 8, {p50, q100, r250}}, {0, 0, 1, 2, 5, 0}, {"cpu-share"}},
-      {"not by CPU", {{}, 8, {measured(1, 1), q100}}, {0, 0, 1, 0, 7}, {"powermetrics"}},
-      {"hidden",
-       {{}, 8, {measured(1, 4), measured(2, 2)}, {container({{1, 0.25}, {2, 0.5}, {9, 1}})}},
-       {0, 0, 3, 1, 2, 2},
-       {"powermetrics", "hidden-workload-host"}},
-      {"shares over 1",
-       {{}, 8, {measured(1, 6)}, {container({{1, 1}}), service}},
-       {0, 0, 0, 2, 4, 2},
-       {"powermetrics", "hidden-workload-host"}},
-      {"twice",
-       {{}, 8, {measured(1, 4)}, {container({{1, 0.5}}), container({{1, kNaN}, {1, 0.25}})}},
-       {0, 0, 1, 3, 4},
-       {"powermetrics", "hidden-workload-host"}},
-      {"listed twice", {{}, 8, {measured(1, 4), measured(1, 4)}}, {0, 0, 4, 4}, {"powermetrics"}},
+  const ProcessSample p1 = measured(1, 1), p3 = measured(1, 3), p4 = measured(1, 4), p6 = measured(1, 6),
+                      q1 = measured(2, 1), q2 = measured(2, 2), odd = measured(3, -2, kNaN);
+  const auto hidden = container({{1, 0.25}, {2, 0.5}, {9, 1}}), half = container({{1, 0.5}}),
+             all = container({{1, 1}}), quarter = container({{1, kNaN}, {1, 0.25}});
+  const std::string flag = "powermetrics", host = "powermetrics hidden-workload-host",
+                    scaled = "powermetrics scaled-to-total";
+  using Parts = std::vector<double>;
+  const std::tuple<const char*, AttributionInput, Parts, std::string> rows[] = {
+      // on two processors
+      {"all fits", {{}, 10, {p3, q1}, {}, 2, 1}, {2, 1, 3, 1, 3}, flag},
+      {"models give way", {{}, 10, {p6}, {}, 6, 2}, {3, 1, 6, 0}, flag},
+      {"too much", {{}, 4, {p6, q2}, {}, 1, 1}, {0, 0, 3, 1, 0}, scaled},
+      {"by CPU", {{}, 12, {p50, q100}, {}, 3, 1}, {3, 1, 2, 4, 2}, "cpu-share"},
+      {"overbooked", {{}, 8, {p50, q100, r250}}, {0, 0, 1, 2, 5, 0}, "cpu-share"},
+      {"not by CPU", {{}, 8, {p1, q100}}, {0, 0, 1, 0, 7}, flag},
+      {"hidden", {{}, 8, {p4, q2}, {hidden}}, {0, 0, 3, 1, 2, 2}, host},
+      {"shares over 1", {{}, 8, {p6}, {all, service}}, {0, 0, 0, 2, 4, 2}, host},
+      {"twice", {{}, 8, {p4}, {half, quarter}}, {0, 0, 1, 3, 4}, host},
+      {"listed twice", {{}, 8, {p4, p4}}, {0, 0, 4, 4}, flag},
       {"nonsense",
-       {{}, 8, {measured(1, kInfinity), measured(2, kNaN), measured(3, -2, kNaN)}, {}, kNaN, -1},
+       {{}, 8, {measured(1, kInfinity), measured(2, kNaN), odd}, {}, kNaN, -1},
        {0, 0, 0, 0, 0, 8},
-       {}},
-      {"no total", {{}, -3, {measured(1, 4)}, {}, 1, 1}, {0, 0, 0, 0}, {"powermetrics", "scaled-to-total"}},
-  };
-  for (const Row& row : rows) {
-    const DrainSnapshot snapshot = attribute({row.input, {}, {}}, {.logicalCPUCount = 2});
-    EXPECT_EQ(partsOf(snapshot), row.parts) << row.what;
-    EXPECT_EQ(snapshot.processes[0].sourceFlags, row.firstFlags) << row.what;
+       ""},
+      {"no total", {{}, -3, {p4}, {}, 1, 1}, {0, 0, 0, 0}, scaled}};
+  for (const auto& [what, input, parts, flags] : rows) {
+    const DrainSnapshot snapshot = attribute({input, {}, {}}, {.logicalCPUCount = 2});
+    EXPECT_EQ(partsOf(snapshot), parts) << what;
+    EXPECT_EQ(flagsOf(snapshot), flags) << what;
   }
 }
 
 TEST(Attribution, SaysWhatTheFiguresAreMadeOf) {
-  AttributionBuildResult build{{{}, 10, {measured(1, 4, 50), measured(2, 0.0009)}, {}, 1},
-                               {},
-                               BatteryStatusSample{.levelPercent = 80, .remainingWh = kNaN}};
+  AttributionBuildResult build{
+      {{}, 20, {measured(1, 5, 50), measured(2, 0.0009)}, {}, 1, 2},
+      {true, 2, true, true, false, true, true},
+      BatteryStatusSample{.levelPercent = 80, .remainingWh = kNaN, .dischargeWatts = 9}};
   build.input.processes[0].powermetricsGPUFallbackAllocated = true;
-  DrainSnapshot snapshot =
-      attribute(build, {true,
-                        4,
-                        {.powerCounters = true},
-                        {.cpuW = 3, .totalTrackedW = 4, .intervalSeconds = 1, .supported = true}});
+  SystemPowerSnapshot chip{3, 0.5, 0.25, 0.125, 1, 1.125, 0.0625, 0, 7, 1, true};
+  DrainSnapshot snapshot = attribute(build, {true, 4, {.powerCounters = true}, chip});
   dropNegligibleRows(snapshot);
   ASSERT_EQ(snapshot.processes.size(), 1U);
-  const ProcessDrain& row = snapshot.processes[0];
-  EXPECT_EQ(row.sourceFlags, (Flags{"powermetrics", "powermetrics-gpu-estimated", "modelled"}));
-  EXPECT_EQ(std::tuple(row.cpuAttributedW, row.cpuCapacityFraction, row.energyShare),
-            std::tuple(2.0, 0.125, 0.8));
-  EXPECT_EQ(std::tuple(snapshot.components.cpuW, snapshot.components.confidence, snapshot.unattributedW),
-            std::tuple(3.0, 0.5, 5.0));
-  EXPECT_EQ(std::tuple(snapshot.powerContext, snapshot.batteryStatus->remainingWh),
-            std::tuple(PowerUsageContext{true, 80}, std::nullopt));
+  const ProcessDrain row = snapshot.processes[0];
+  EXPECT_EQ(flagsOf(snapshot), "powermetrics powermetrics-gpu-estimated modelled");
+  EXPECT_EQ(std::tuple(row.cpuAttributedW, row.cpuCapacityFraction, row.energyShare, snapshot.unattributedW),
+            std::tuple(2.5, 0.125, 0.625, 12.0));
+  EXPECT_EQ(snapshot.components, (ComponentDrain{1, 2, 3, 0.5, 0.25, 0.125, 1, 1.125, 0.0625, 0.5}));
+  EXPECT_EQ(snapshot.telemetry, (SourceTelemetry{true, 2, true, true, false, true, true}));
+  EXPECT_EQ(std::tuple(snapshot.powerContext, snapshot.batteryStatus->remainingWh,
+                       snapshot.batteryStatus->dischargeWatts),
+            std::tuple(PowerUsageContext{true, 80}, std::nullopt, 9));
+  snapshot.processes[0].drainW = leastRowW;
+  dropNegligibleRows(snapshot);
+  EXPECT_EQ(snapshot.processes.size(), 1U) << "as little as is kept";
+  chip.intervalSeconds = 0;
+  EXPECT_EQ(attribute(build, {.componentPower = chip}).components, (ComponentDrain{1, 2}));
+  const std::tuple<bool, platform::ModelledHardware, const char*> totals[] = {
+      {true, {true, false}, "cpu-share"},
+      {true, {false, true}, "cpu-share modelled"},
+      {false, {true, false}, "cpu-share modelled"},
+      {false, {false, true}, "cpu-share"}};
+  build.input.processes = {makeProcessSample(1, "p", 50)};
+  for (const auto& [addedUp, modelled, flags] : totals) {
+    build.metadata.usedEstimatedTotalPower = addedUp;
+    EXPECT_EQ(flagsOf(attribute(build, {.modelled = modelled})), flags);
+  }
 }
 
 TEST(Attribution, ConservesTheTotalWhateverComesIn) {

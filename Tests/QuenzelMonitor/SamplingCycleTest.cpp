@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -12,55 +13,46 @@ namespace {
 
 using testing::FakeShell;
 using testing::SystemTree;
-
-/// The line of the report that begins with the label, without it.
-std::string line(const std::string& report, const std::string& label) {
-  const std::size_t start = report.find("\n  " + label) + 3 + label.size();
-  return report.substr(start, report.find('\n', start) - start);
-}
+using nlohmann::literals::operator""_json_pointer;
 
 TEST(SamplingCycle, GivesOneAnswerAboutTheBattery) {
-  const std::string drained = "Voltage=12000,Amperage=-1500,ExternalConnected=false";
+  const std::string drained = "Voltage=12000,Amperage=-1500,ExternalConnected=false",
+                    plugged = "Voltage=12000,ExternalConnected=true";
+  const std::string by18 = "18.00 W, reported by the battery (source IOKit)",
+                    noDischarge = "unknown: the battery reports no discharge (source none)",
+                    noComponent = "unknown: no component reports its power (source PM-Package+Components)",
+                    noBattery = "external power (the machine has no battery)";
   struct Row {
     const char* title;
     std::string supply;  // of the kernel, which the direct reader sees
     std::string entry;   // that ioreg prints; nothing: it fails
-    const char* power;
-    const char* battery;
-    const char* total;
+    std::string power, battery, total;
     std::optional<double> storedLevel;
   };
   const Row rows[] = {
       {"the total comes from the battery, whatever the kernel says of the adapter", "status=Full,capacity=90",
-       drained + ",CurrentCapacity=81,MaxCapacity=100", "on battery", "81.0 %, discharging at 18.00 W",
-       "18.00 W, reported by the battery (source IOKit)", 81},
+       drained + ",CurrentCapacity=81,MaxCapacity=100", "on battery", "81.0 %, discharging at 18.00 W", by18,
+       81},
       {"and the other way round", "status=Discharging,capacity=90",
-       "Voltage=12000,ExternalConnected=true,CurrentCapacity=81,MaxCapacity=100,FullyCharged=true",
-       "external power", "81.0 %, full",
-       "unknown: no component reports its power (source PM-Package+Components)", 81},
+       plugged + ",CurrentCapacity=81,MaxCapacity=100,FullyCharged=true", "external power", "81.0 %, full",
+       noComponent, 81},
       {"only the kernel tells", "status=Discharging,capacity=90", "", "on battery", "could not be read",
-       "unknown: the battery reports no discharge (source none)", std::nullopt},
+       noDischarge, std::nullopt},
       {"only ioreg tells: energy by a charge in mAh", "", drained + ",CurrentCapacity=4000,MaxCapacity=5000",
-       "on battery", "80.0 %, discharging at 18.00 W, 48.0 Wh left",
-       "18.00 W, reported by the battery (source IOKit)", 80},
+       "on battery", "80.0 %, discharging at 18.00 W, 48.0 Wh left", by18, 80},
       {"charging, with its rate", "status=Charging,capacity=20",
-       "Voltage=12000,Amperage=2000,IsCharging=true,ExternalConnected=true,CurrentCapacity=20,MaxCapacity="
-       "100,"
-       "AppleRawCurrentCapacity=1000,AvgTimeToFull=75",
-       "external power", "20.0 %, charging at 24.00 W, 12.0 Wh left, 1 h 15 min to full",
-       "unknown: no component reports its power (source PM-Package+Components)", 20},
+       plugged +
+           ",Amperage=2000,IsCharging=true,CurrentCapacity=20,MaxCapacity=100,AppleRawCurrentCapacity=1000,"
+           "AvgTimeToFull=75",
+       "external power", "20.0 %, charging at 24.00 W, 12.0 Wh left, 1 h 15 min to full", noComponent, 20},
       {"a desktop's entry", "", "BatteryInstalled=false," + drained + ",CurrentCapacity=0,MaxCapacity=0",
-       "external power (the machine has no battery)", "none",
-       "unknown: no component reports its power (source PM-Package+Components)", std::nullopt},
+       noBattery, "none", noComponent, std::nullopt},
       {"an entry without voltage and charge", "", "IsCharging=false,ExternalConnected=true,Voltage=0",
-       "external power (the machine has no battery)", "none",
-       "unknown: no component reports its power (source PM-Package+Components)", std::nullopt},
-      {"no level is no level of 0", "", drained, "on battery", "level unknown, discharging at 18.00 W",
-       "18.00 W, reported by the battery (source IOKit)", std::nullopt},
-      {"neither is a maximum of 0", "", drained + ",CurrentCapacity=0,MaxCapacity=0", "on battery",
-       "level unknown, discharging at 18.00 W", "18.00 W, reported by the battery (source IOKit)",
+       noBattery, "none", noComponent, std::nullopt},
+      {"no level is no level of 0", "", drained, "on battery", "level unknown, discharging at 18.00 W", by18,
        std::nullopt},
-  };
+      {"neither is a maximum of 0", "", drained + ",CurrentCapacity=0,MaxCapacity=0", "on battery",
+       "level unknown, discharging at 18.00 W", by18, std::nullopt}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.title);
     const SystemTree tree;
@@ -68,21 +60,17 @@ TEST(SamplingCycle, GivesOneAnswerAboutTheBattery) {
     FakeShell shell;
     shell.output("/bin/ps", "7 1 0.5 0 a\n");
     for (const char* nice : {"/usr/bin/nice", "/usr/bin/sudo"}) shell.output(nice, "System Power: 1 W\n");
-    if (!row.entry.empty()) {
-      shell.output("/usr/sbin/ioreg", platform::encodePropertyList(
-                                          platform::PropertyValue::Array{testing::properties(row.entry)}));
-    }
+    const platform::PropertyValue::Array entries{testing::properties(row.entry)};
+    if (!row.entry.empty()) shell.output("/usr/sbin/ioreg", platform::encodePropertyList(entries));
     const SamplingCycleResult result = SamplingCycle(shell).run();
-    const std::string report = sampleReport(result, {});
-    EXPECT_EQ(line(report, "Power      "), row.power);
-    EXPECT_EQ(line(report, "Battery    "), row.battery);
-    EXPECT_EQ(line(report, "Total      "), row.total);
+    EXPECT_THAT(sampleReport(result, {}),
+                ::testing::HasSubstr("\n  Power      " + row.power + "\n  Battery    " + row.battery +
+                                     "\n  Total      " + row.total + "\n"));
     const DrainSnapshot stored = attribute(
         result.build, {.onBattery = result.onBattery, .batteryLevelKnown = result.batteryLevelKnown});
     EXPECT_EQ(stored.powerContext->batteryLevelPercent, row.storedLevel);
     EXPECT_EQ(stored.batteryStatus.has_value(), row.storedLevel.has_value());
-    const auto json = encodeSample(result);
-    EXPECT_EQ(json.contains("batteryStatus") && json["batteryStatus"].contains("levelPercent"),
+    EXPECT_EQ(encodeSample(result).contains("/batteryStatus/levelPercent"_json_pointer),
               row.storedLevel.has_value());
   }
 }

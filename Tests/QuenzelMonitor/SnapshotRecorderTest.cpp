@@ -13,10 +13,9 @@ using enum RecordingOutcome;
 using Seconds = std::vector<double>;
 
 SamplingCycleResult cycleOf(double totalW, std::vector<ProcessSample> processes = {}, bool whole = true) {
-  return {.build = {{{}, totalW, std::move(processes)}, {.powermetricsCommandOK = whole}, {}},
-          .unavailable = {},
-          .componentPower = {},
-          .modelled = {}};
+  SamplingCycleResult result;
+  result.build = {{{}, totalW, std::move(processes)}, {.powermetricsCommandOK = whole}, {}};
+  return result;
 }
 
 /// A machine whose time passes only while the recorder waits or a cycle lets it.
@@ -36,53 +35,36 @@ struct World {
     seconds += span;
     wall.advance(span);
   }
+  bool stopsWithin(double span) {
+    pass(std::min(span, std::max(stopAt - seconds, 0.0)));
+    return seconds >= stopAt;
+  }
   RecordingTally record(SnapshotRecorderOptions options) {
-    return SnapshotRecorder(
-               {.sample =
-                    [this] {
-                      startedAt.push_back(seconds);
-                      return cycle();
-                    },
-                .insert =
-                    [this](const DrainSnapshot& snapshot) {
-                      stored = snapshot;
-                      return insertion();
-                    },
-                .purge =
-                    [this](PointInTime before) {
-                      purgedAt.push_back(seconds);
-                      purgedBefore.push_back(before);
-                      purging();
-                      return 1;
-                    },
-                .newestStored = [this] { return newest; },
-                .now = wall.provider(),
-                .monotonicSeconds = [this] { return seconds; },
-                .waitForStop =
-                    [this](double span) {
-                      pass(std::min(span, std::max(stopAt - seconds, 0.0)));
-                      return seconds >= stopAt;
-                    },
-                .report = [this](const RecordedCycle& recorded) { reported.push_back(recorded.outcome); },
-                .notice = [this](const std::string& text) { notices.push_back(text); },
-                .complain = [this](const std::string& failure) { complaints.push_back(failure); }},
-               options)
-        .run();
+    const SnapshotRecorder::Collaborators with{
+        [this] { return startedAt.push_back(seconds), cycle(); },
+        [this](const DrainSnapshot& snapshot) { return stored = snapshot, insertion(); },
+        [this](PointInTime before) {
+          return purgedAt.push_back(seconds), purgedBefore.push_back(before), purging(), 1;
+        },
+        [this] { return newest; },
+        wall.provider(),
+        [this] { return seconds; },
+        [this](double span) { return stopsWithin(span); },
+        [this](const RecordedCycle& recorded) { reported.push_back(recorded.outcome); },
+        [this](const std::string& text) { notices.push_back(text); },
+        [this](const std::string& failure) { complaints.push_back(failure); }};
+    return SnapshotRecorder(with, options).run();
   }
 };
 
 TEST(SnapshotRecorder, KeepsItsCadenceAndCatchesUpWithNothing) {
   World slow, setBack;
   slow.cycle = [&, took = Seconds{1, 25, 9, 7200, 0}] {
-    slow.pass(took.at(slow.startedAt.size() - 1));
-    return cycleOf(5);
+    return slow.pass(took.at(slow.startedAt.size() - 1)), cycleOf(5);
   };
   slow.record({.intervalSeconds = 10, .cycleCount = 5});
   EXPECT_EQ(slow.startedAt, (Seconds{0, 10, 40, 50, 7260}));
-  setBack.cycle = [&] {
-    setBack.wall.advance(-3600);
-    return cycleOf(5);
-  };
+  setBack.cycle = [&] { return setBack.wall.advance(-3600), cycleOf(5); };
   EXPECT_EQ(setBack.record({.intervalSeconds = 0.1, .cycleCount = 50})[inserted], 50);
   ASSERT_EQ(setBack.startedAt.size(), 50U);
   EXPECT_NEAR(setBack.startedAt.back(), 4.9, 1e-9);
@@ -91,8 +73,7 @@ TEST(SnapshotRecorder, KeepsItsCadenceAndCatchesUpWithNothing) {
 TEST(SnapshotRecorder, LengthensAnIntervalThatCyclesDoNotFitInto) {
   World mac;  // its powermetrics samples for 5 s
   mac.cycle = [&, took = Seconds{5.25, 5.5, 5.25, 5.75, 5.25, 12, 2, 8, 7, 1}] {
-    mac.pass(took.at(mac.startedAt.size() - 1));
-    return cycleOf(5);
+    return mac.pass(took.at(mac.startedAt.size() - 1)), cycleOf(5);
   };
   mac.record({.intervalSeconds = 2, .cycleCount = 10});
   EXPECT_EQ(mac.startedAt, (Seconds{0, 6, 12, 18, 24, 30, 48, 54, 66, 74}));
@@ -126,10 +107,7 @@ TEST(SnapshotRecorder, StopsBetweenCycles) {
             std::tuple(4, 35));
   for (const bool toolsWereSpared : {true, false}) {
     World sampling;
-    sampling.cycle = [&] {
-      sampling.stopAt = 0;
-      return cycleOf(5, {}, toolsWereSpared);
-    };
+    sampling.cycle = [&] { return sampling.stopAt = 0, cycleOf(5, {}, toolsWereSpared); };
     EXPECT_EQ(sampling.record({})[inserted], toolsWereSpared ? 1 : 0);
   }
 }
@@ -141,10 +119,8 @@ TEST(SnapshotRecorder, NamesEveryRowThatItStores) {
   world.cycle = [&] { return cycleOf(8, {idle, helper, makeProcessSample(9, " \n", 25)}); };
   world.record({.cycleCount = 1, .logicalCPUCount = 1});
   ASSERT_EQ(world.stored.processes.size(), 2U) << "the idle application has no row";
-  const ProcessDrain& row = world.stored.processes[0];
-  EXPECT_EQ(std::tuple(row.canonicalName, row.processGroupKey),
-            std::tuple("Foo", "app:/applications/foo.app"))
-      << "but lends its name";
+  EXPECT_EQ(world.stored.processes[0].canonicalName, "Foo") << "but lends its name";
+  EXPECT_EQ(world.stored.processes[0].processGroupKey, "app:/applications/foo.app");
   EXPECT_EQ(world.stored.processes[1].displayName, "pid 9");
 }
 
