@@ -39,7 +39,7 @@ std::string flagsOf(const DrainSnapshot& snapshot) {
 
 TEST(Attribution, ServesThePartsInTheirOrder) {
   const ProcessSample p50 = makeProcessSample(1, "p", 50), q100 = makeProcessSample(2, "q", 100),
-                      r250 = makeProcessSample(3, "r", 250);
+                      r250 = makeProcessSample(3, "r", 250), unknown = makeProcessSample(4, "u", kNaN);
   const HiddenWorkloadMapping service{HiddenDrainKind::launchdService, "s", {{1, 1}, {1, 5}}};
   const ProcessSample p1 = measured(1, 1), p3 = measured(1, 3), p4 = measured(1, 4), p6 = measured(1, 6),
                       q1 = measured(2, 1), q2 = measured(2, 2), odd = measured(3, -2, kNaN);
@@ -54,7 +54,7 @@ TEST(Attribution, ServesThePartsInTheirOrder) {
       {"models give way", {{}, 10, {p6}, {}, 6, 2}, {3, 1, 6, 0}, flag},
       {"too much", {{}, 4, {p6, q2}, {}, 1, 1}, {0, 0, 3, 1, 0}, scaled},
       {"by CPU", {{}, 12, {p50, q100}, {}, 3, 1}, {3, 1, 2, 4, 2}, "cpu-share"},
-      {"overbooked", {{}, 8, {p50, q100, r250}}, {0, 0, 1, 2, 5, 0}, "cpu-share"},
+      {"overbooked", {{}, 8, {p50, q100, r250, unknown}}, {0, 0, 1, 2, 5, 0, 0}, "cpu-share"},
       {"not by CPU", {{}, 8, {p1, q100}}, {0, 0, 1, 0, 7}, flag},
       {"hidden", {{}, 8, {p4, q2}, {hidden}}, {0, 0, 3, 1, 2, 2}, host},
       {"shares over 1", {{}, 8, {p6}, {all, service}}, {0, 0, 0, 2, 4, 2}, host},
@@ -94,6 +94,9 @@ TEST(Attribution, SaysWhatTheFiguresAreMadeOf) {
   snapshot.processes[0].drainW = leastRowW;
   dropNegligibleRows(snapshot);
   EXPECT_EQ(snapshot.processes.size(), 1U) << "as little as is kept";
+  build.input.totalDischargeW = 0;
+  EXPECT_EQ(attribute(build, {.componentPower = chip}).components.confidence, std::nullopt);
+  build.input.totalDischargeW = 20;
   chip.intervalSeconds = 0;
   EXPECT_EQ(attribute(build, {.componentPower = chip}).components, (ComponentDrain{1, 2}));
   const std::tuple<bool, platform::ModelledHardware, const char*> totals[] = {

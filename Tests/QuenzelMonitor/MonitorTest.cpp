@@ -216,12 +216,7 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
       .levelPercent = 81.5, .remainingWh = 50, .systemTimeRemainingMinutes = 247, .dischargeWatts = 11.25};
   result.unavailable = {{"USB power", "no\nreading"}};
   result.modelled = {.battery = false, .powerCounters = true};
-  result.componentPower = {.cpuW = 3.5,
-                           .dramW = 0.25,
-                           .memoryFabricW = 1.5,
-                           .totalTrackedW = 3.75,
-                           .intervalSeconds = 2.04,
-                           .supported = true};
+  result.componentPower = {3.5, 0, 0, 0.25, 1.5, 1.75, 0, 0, 3.75, 2.04, true};
   EXPECT_EQ(sampleReport(result, {.topProcesses = 5, .width = 80}),
             "Quenzel at 2001-01-01 05:45:00 +0545\n"
             "  Power      on battery\n"
