@@ -52,7 +52,7 @@ TEST(ApplicationQuit, FindsAnApplicationWithItsHelpersAndSparesItself) {
   const std::vector<ProcessSample> running = processes(
       "1 0 /sbin/init; 10 1 /Foo.app/Contents/MacOS/Foo; 11 10 /opt/h\u00C9lper; 12 10 /usr/bin/ssh;"
       "13 10 /System/Library/Dock.app/x/panel; 14 1 panel; 20 1 /Bar.app/Contents/MacOS/Bar;"
-      "21 20 /opt/h\u00C9lper; 30 1 /opt/shell; 31 30 /opt/quenzel; 32 30 /opt/shell; 40 1 /usr/bin/tool;"
+      "21 20 /opt/h\u00C9lper; 30 0 /opt/shell; 31 30 /opt/quenzel; 32 30 /opt/shell; 40 1 /usr/bin/tool;"
       "41 1 /opt/tool; 50 1 Agent; 51 1 com.apple.Agent; 60 1 /Web.app/Contents/MacOS/Web org.w;"
       "61 60 /Web.app/Contents/x/GPU org.w.h; 62 61 /opt/pipe; 70 1 /opt/b\uFFFDd; 80 1 ide org.ide;"
       "81 80 /usr/bin/git");
