@@ -101,9 +101,9 @@ TEST(RequestStream, LetsAClientBeSilentBetweenMessagesButNotInOne) {
   const auto [client, server] = socketPair();
   RequestStream stream(server.get(), 10ms);
   const std::string message = header(4, 0) + "body";
-  std::thread late([&client = client, &message] {
+  std::thread late([&message, descriptor = &client] {
     std::this_thread::sleep_for(30ms);  // three times as long as a message may take
-    send(client, message + message.substr(0, 19));
+    send(*descriptor, message + message.substr(0, 19));
   });
   EXPECT_THAT(stream.nextMessage(), Optional(message));
   EXPECT_EQ(stream.nextMessage(), std::nullopt);
