@@ -54,7 +54,7 @@ TEST(EnergyCounters, StandStillWithoutAReading) {
   Channels first = {{"g", "a", "mJ", 1}, {"g", "a", "mJ", 2}, {"h", "a", "mJ", 3}, {"g", {}, "mJ", 4}};
   counters.replaceMissingReadings(first);
   Channels moved;
-  for (const std::size_t from : {3, 2, 0, 1}) moved.push_back(first[from]);
+  for (const std::size_t from : {3U, 2U, 0U, 1U}) moved.push_back(first[from]);
   moved.insert(moved.begin() + 2, {"x", "a", "mJ", 0});
   const Channels expected = moved;
   for (auto& channel : moved) channel.value = none;

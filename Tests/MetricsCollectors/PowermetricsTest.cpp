@@ -190,11 +190,11 @@ TEST(PowermetricsCollector, JudgesTheAnswerAndLogsWhatItDid) {
       {ShellResult{0, "System Power: 0 W\n", ""}, Kind::emptyOrUnparseableOutput, "System Power: 0 W"},
       {ShellResult{0, manyLines, ""}, Kind::emptyOrUnparseableOutput,
        "1 | 2 | 3 | 4 | 5 | 6 | 7 | 8 | 9 | 10 | 11 | 12 | 13 | 14 | 15 | 16"}};
-  for (const auto& [reply, kind, text] : rows) {
+  for (const auto& [reply, expectedKind, said] : rows) {
     FakeShell shell;
     shell.reply(command.executable, reply);
     const auto collect = [&] { PowermetricsCollector(shell).collectNormalizedSample(); };
-    const auto lines = linesLoggedBy([&, kind = kind, text = text] {
+    const auto lines = linesLoggedBy([&, kind = expectedKind, text = said] {
       const auto error = thrownBy<PowermetricsCollectorError>(collect);
       const std::string message = kind == Kind::emptyOrUnparseableOutput ? "" : text;
       EXPECT_EQ(std::tuple(error.kind(), error.message(), std::string(error.what())),
@@ -204,7 +204,7 @@ TEST(PowermetricsCollector, JudgesTheAnswerAndLogsWhatItDid) {
     std::string line = "execution failed: ";
     if (result) line = fmt::format("non-zero status={}, firstStderrLine=", result->status);
     if (result && result->status == 0) line = "parse produced no process/package/system power. preview=";
-    EXPECT_EQ(lines.back(), "[ERROR] [Powermetrics] powermetrics " + line + text);
+    EXPECT_EQ(lines.back(), "[ERROR] [Powermetrics] powermetrics " + line + said);
   }
   FakeShell shell;
   shell.reply(command.executable, ShellResult{0, "CPU Power: 1500 mW\nTotal Power: 4 W\n", "note"});

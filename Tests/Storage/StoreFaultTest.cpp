@@ -29,7 +29,6 @@ namespace quenzel {
 namespace {
 
 using enum SnapshotInsertOutcome;
-using fmt::format;
 using Mode = SQLiteSnapshotStore::Mode;
 using testing::CommandResult;
 using ::testing::ContainsRegex;
@@ -54,7 +53,7 @@ Snapshots wholeSnapshots(double first, int count, double step = 10) {
   for (int index = 0; index < count; ++index) {
     DrainSnapshot& snapshot = snapshots.emplace_back(makeSnapshot(first + index * step, 10));
     for (int pid = 1; pid <= 20; ++pid) {
-      ProcessDrain row = makeProcessDrain(pid, format("p{}", pid), 1.0 / pid, {"a", "b"});
+      ProcessDrain row = makeProcessDrain(pid, fmt::format("p{}", pid), 1.0 / pid, {"a", "b"});
       row.displayName = row.canonicalName = row.processGroupKey = row.name;
       snapshot.processes.push_back(row);
     }
@@ -107,22 +106,24 @@ class StoreFaultTest : public ::testing::Test {
   /// The command that imports snapshots into a database.
   std::string import(const std::string& database, const Snapshots& snapshots) const {
     const std::string file =
-        format("{}-{}", snapshots.front().timestamp.secondsSince1970(), snapshots.size());
-    return format("{} history import --database {} {}", program, database,
-                  folder.write(file, linesOf(snapshots)));
+        fmt::format("{}-{}", snapshots.front().timestamp.secondsSince1970(), snapshots.size());
+    return fmt::format("{} history import --database {} {}", program, database,
+                       folder.write(file, linesOf(snapshots)));
   }
   /// Runs a command on the database, to which the import of one more snapshot is "import".
   CommandResult run(const std::string& command) const {
     return runCommand("timeout 20 " + (command == "import"
                                            ? import(path, wholeSnapshots(start + 5000, 1))
-                                           : format("{} {} --database {}", program, command, path)));
+                                           : fmt::format("{} {} --database {}", program, command, path)));
   }
-  CommandResult failure(const std::string& why) const { return {1, format("quenzel: {}: {}\n", path, why)}; }
+  CommandResult failure(const std::string& why) const {
+    return {1, fmt::format("quenzel: {}: {}\n", path, why)};
+  }
   void removeDatabase() const { std::filesystem::remove_all(disk); }
   /// A first import where there is too little space, and a second one when there is more.
   void expectRecovery(const std::string& shell, const std::string& limit, const std::string& relief) const {
     const Snapshots first = wholeSnapshots(start, 100), second = wholeSnapshots(start + 5000, 5);
-    const CommandResult result = runCommand(format(
+    const CommandResult result = runCommand(fmt::format(
         "{} sh -c '({}; exec {}); echo {}; {} && {} && {} history export --database {} >{}'", shell, limit,
         import(path, first), "$?", relief, import(path, second), program, path, folder / "exported"));
     EXPECT_THAT(result.output,
@@ -149,15 +150,15 @@ TEST_F(StoreFaultTest, KilledProcessLosesNothingAcknowledged) {
   int killed = 0;
   for (int round = 1; killed < kills && round < 3 * kills && !HasFailure(); ++round) {
     const double delay = whole.count() * std::pow(std::uniform_real_distribution<double>(0, 1)(random), 2);
-    SCOPED_TRACE(format("seed {}, round {}, killed after {} s", seed, round, delay));
+    SCOPED_TRACE(fmt::format("seed {}, round {}, killed after {} s", seed, round, delay));
     if (round % 8 == 0) {
       removeDatabase();
       expected.clear();
     }
     const Snapshots offered = wholeSnapshots(start + 1000 * round, batch);
     folder.write("told", "");  // it may be killed before it comes to that itself
-    killed += runCommand(format("{} >{} & sleep {:.4f}; kill -9 $! 2>&-; wait $!", import(path, offered),
-                                folder / "told", delay))
+    killed += runCommand(fmt::format("{} >{} & sleep {:.4f}; kill -9 $! 2>&-; wait $!", import(path, offered),
+                                     folder / "told", delay))
                   .status == 128 + SIGKILL;
     const Snapshots stored = soundContent(path);
     const int told = insertedIn(folder.read("told")),
@@ -217,16 +218,16 @@ TEST_F(StoreFaultTest, ReadOnlyDiskIsOneClearLine) {
       {"latest", "/h.sqlite", unableToOpen},
       {"purge --older-than 1", "/h.sqlite", unableToOpen},
       {"import", "/h.sqlite", unableToOpen},
-      {"import", "/n", format("Can't create the file {}/n: Read-only file system", disk)},
-      {"import", "/s/n", format("Can't create the folder {}/s: Read-only file system", disk)}};
-  std::string script = format("mount -t tmpfs none {0}; {1}; mount -o remount,ro {0}; ls {0}", disk,
-                              import(path, wholeSnapshots(start, 1)));
+      {"import", "/n", fmt::format("Can't create the file {}/n: Read-only file system", disk)},
+      {"import", "/s/n", fmt::format("Can't create the folder {}/s: Read-only file system", disk)}};
+  std::string script = fmt::format("mount -t tmpfs none {0}; {1}; mount -o remount,ro {0}; ls {0}", disk,
+                                   import(path, wholeSnapshots(start, 1)));
   std::string expected = "inserted\nh.sqlite\n";
   for (const auto& [command, file, message] : commands) {
-    script += format("; {}history {} --database {}{} </dev/null; echo $?", program, command, disk, file);
-    expected += format("quenzel: {}{}: {}\n1\n", disk, file, message);
+    script += fmt::format("; {}history {} --database {}{} </dev/null; echo $?", program, command, disk, file);
+    expected += fmt::format("quenzel: {}{}: {}\n1\n", disk, file, message);
   }
-  EXPECT_EQ(runCommand(format("{} sh -c '{}'", withMounts, script)), (CommandResult{0, expected}));
+  EXPECT_EQ(runCommand(fmt::format("{} sh -c '{}'", withMounts, script)), (CommandResult{0, expected}));
 }
 
 TEST_F(StoreFaultTest, DamagedFileIsReported) {
@@ -263,7 +264,8 @@ TEST_F(StoreFaultTest, DamagedFileIsReported) {
       if (result.status == 0) continue;
       ++failures;
       EXPECT_EQ(result.status, 1);
-      EXPECT_THAT(result.output, ContainsRegex(format("^(quenzel: {}|error): {}\n$", path, row.message)));
+      EXPECT_THAT(result.output,
+                  ContainsRegex(fmt::format("^(quenzel: {}|error): {}\n$", path, row.message)));
     }
     EXPECT_TRUE(failures >= row.fewest && failures <= row.most) << failures;
   }
@@ -288,18 +290,19 @@ TEST_F(StoreFaultTest, OnlyPlainFilesAreDatabases) {
     store(wholeSnapshots(start, 1));
     folder.write("victim", content);
     ASSERT_EQ(
-        runCommand(format("cd {}; rm -f h.sqlite{}; {} h.sqlite{}", disk, suffix, plant, suffix)).output, "");
+        runCommand(fmt::format("cd {}; rm -f h.sqlite{}; {} h.sqlite{}", disk, suffix, plant, suffix)).output,
+        "");
     for (const char* command : {"history latest", "estimates list", "import"})
-      EXPECT_EQ(run(command), failure(message + (suffix.empty() ? "" : format(": {}{}", path, suffix))));
+      EXPECT_EQ(run(command), failure(message + (suffix.empty() ? "" : fmt::format(": {}{}", path, suffix))));
     EXPECT_EQ(folder.read("victim"), content) << plant << suffix;
   }
   EXPECT_EQ(runCommand(program + "history latest --database /dev/null").output,
-            format("quenzel: /dev/null: {}\n", odd));
+            fmt::format("quenzel: /dev/null: {}\n", odd));
   EXPECT_EQ(runCommand(import(victim + "/h", wholeSnapshots(start, 1))).output,
-            format("quenzel: {0}/h: Can't create the folder {0}: File exists\n", victim));
+            fmt::format("quenzel: {0}/h: Can't create the folder {0}: File exists\n", victim));
   // A name that SQLite by itself takes for a database in memory.
   const std::string command = import(":memory:", wholeSnapshots(start, 1));
-  EXPECT_EQ(runCommand(format("cd {} && {}", disk, command)).output, "inserted\n");
+  EXPECT_EQ(runCommand(fmt::format("cd {} && {}", disk, command)).output, "inserted\n");
   EXPECT_EQ(soundContent(disk + "/:memory:").size(), 1U);
 }
 
@@ -318,7 +321,7 @@ TEST_F(StoreFaultTest, FoldersAreReachedOverTrustedLinksOnly) {
     ASSERT_EQ(::lchown(link.c_str(), stranger - 1, stranger - 1), 0);
   }
   EXPECT_EQ(refusal(link + "/h.sqlite", stranger),
-            format("The symbolic link {} of another user is not followed", link));
+            fmt::format("The symbolic link {} of another user is not followed", link));
   std::filesystem::create_symlink("loop", folder / "loop");
   EXPECT_EQ(refusal(folder / "loop/h", ::geteuid()), "Too many symbolic links");
 }
@@ -359,7 +362,7 @@ TEST_F(StoreFaultTest, ForeignSchemasAreNotCarriedOut) {
   for (const auto& [change, message] : rows) {
     removeDatabase();
     store(wholeSnapshots(start, 1));
-    ASSERT_EQ(runCommand(format("sqlite3 {} <{}", path, folder.write("change", change))).output, "");
+    ASSERT_EQ(runCommand(fmt::format("sqlite3 {} <{}", path, folder.write("change", change))).output, "");
     for (const char* command : {"history latest", "show", "import"}) {
       const CommandResult result = run(command);
       EXPECT_EQ(result, message.empty() ? (CommandResult{0, result.output}) : failure(message)) << command;
@@ -384,27 +387,29 @@ TEST_F(StoreFaultTest, AnEndlessStatementEndsWhenItIsWantedTo) {
 
 TEST_F(StoreFaultTest, WhatIsStoredReachesTheFileOfThatName) {
   const std::string other = folder / "other.sqlite", removeAll = "rm -r " + disk,
-                    sql = format("sqlite3 {} 'PRAGMA foreign_keys = OFF; ", path);
+                    sql = fmt::format("sqlite3 {} 'PRAGMA foreign_keys = OFF; ", path);
   SQLiteSnapshotStore(other, Mode::readWriteCreate).insert(wholeSnapshot(start));
   const struct {
     std::string happens;
     std::size_t kept;  ///< of what was stored before
     const char* log;
-  } rows[] = {{":", 1, ""},
-              {removeAll, 0, "was removed or replaced: opening it anew"},
-              {format("{}; mkdir {}; cp {} {}", removeAll, disk, other, path), 1, "was removed or replaced"},
-              {format("rm {}-wal", path), 1, "was removed or replaced"},
-              {sql + "DROP TABLE snapshots; DROP TABLE process_samples; DROP TABLE estimate_tracking; "
-                     "DROP TABLE schema_metadata'",
-               0, "lost its tables: making them anew"},
-              {sql + "DROP TABLE hidden_drains'", 1, "lost its tables"},
-              {sql + "UPDATE schema_metadata SET value = 4'", 0, "lost its tables"}};
+  } rows[] = {
+      {":", 1, ""},
+      {removeAll, 0, "was removed or replaced: opening it anew"},
+      {fmt::format("{}; mkdir {}; cp {} {}", removeAll, disk, other, path), 1, "was removed or replaced"},
+      {fmt::format("rm {}-wal", path), 1, "was removed or replaced"},
+      {sql + "DROP TABLE snapshots; DROP TABLE process_samples; DROP TABLE estimate_tracking; "
+             "DROP TABLE schema_metadata'",
+       0, "lost its tables: making them anew"},
+      {sql + "DROP TABLE hidden_drains'", 1, "lost its tables"},
+      {sql + "UPDATE schema_metadata SET value = 4'", 0, "lost its tables"}};
   for (const auto& row : rows) {
     removeDatabase();
     SQLiteSnapshotStore store(path, Mode::readWriteCreate);
     store.insert(wholeSnapshot(start));
-    ASSERT_EQ(runCommand(format("sqlite3 {} 'PRAGMA wal_checkpoint(TRUNCATE)' && {}", path, row.happens)),
-              (CommandResult{0, "0|0|0\n"}));
+    ASSERT_EQ(
+        runCommand(fmt::format("sqlite3 {} 'PRAGMA wal_checkpoint(TRUNCATE)' && {}", path, row.happens)),
+        (CommandResult{0, "0|0|0\n"}));
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(store.insert(wholeSnapshot(start + 60)), inserted) << row.happens;
     EXPECT_EQ(store.insert(EstimateTrackingEstimateInput{}), 1) << row.happens;
@@ -415,8 +420,8 @@ TEST_F(StoreFaultTest, WhatIsStoredReachesTheFileOfThatName) {
 }
 
 TEST_F(StoreFaultTest, EveryCommandFindsTheUsersOwnHistory) {
-  const std::string environment =
-      format("QZL_SHARED_DIRECTORY={} XDG_DATA_HOME={} ", folder.write("file", "") + "/x", folder / "data");
+  const std::string environment = fmt::format("QZL_SHARED_DIRECTORY={} XDG_DATA_HOME={} ",
+                                              folder.write("file", "") + "/x", folder / "data");
   const std::string line = folder.write("line", linesOf(wholeSnapshots(start, 1)));
   EXPECT_EQ(runCommand(environment + program + "history import " + line), (CommandResult{0, "inserted\n"}));
   EXPECT_EQ(runCommand(environment + program + "history export").output, folder.read("line"));
@@ -434,7 +439,7 @@ TEST_F(StoreFaultTest, AnotherSchemaVersionCostsTheSnapshotsOnly) {
     store(wholeSnapshots(start, 1));
     SQLiteSnapshotStore(path, Mode::readWriteCreate).insert(EstimateTrackingEstimateInput{});
     Database database(path, Database::Access::readWriteCreate);
-    database.execute(format("UPDATE schema_metadata SET value = '{}';", version).c_str());
+    database.execute(fmt::format("UPDATE schema_metadata SET value = '{}';", version).c_str());
     if (version == "(none)") database.execute("DELETE FROM schema_metadata;");
     EXPECT_EQ(soundContent(path).size(), 1U) << version;
     EXPECT_EQ(text(database, selectVersion), version) << "altered by reading";
@@ -452,11 +457,11 @@ TEST_F(StoreFaultTest, RootAndUsersShareTheDatabaseWhoeverComesFirst) {
   const std::string shared = SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL();
   for (const std::string& first : {std::string(), asUser}) {
     removeDatabase();
-    ASSERT_EQ(runCommand(format("mkdir {0} && chmod 777 {0}", disk)).status, 0);
+    ASSERT_EQ(runCommand(fmt::format("mkdir {0} && chmod 777 {0}", disk)).status, 0);
     double time = start;
     const auto import = [&](const std::string& as) {
       const std::string command = StoreFaultTest::import(shared, wholeSnapshots(time += 10, 1));
-      EXPECT_EQ(runCommand(format("umask 077; {} {}", as, command)), (CommandResult{0, "inserted\n"}));
+      EXPECT_EQ(runCommand(fmt::format("umask 077; {} {}", as, command)), (CommandResult{0, "inserted\n"}));
     };
     import(first);
     import(first.empty() ? asUser : "");
@@ -470,10 +475,10 @@ TEST_F(StoreFaultTest, RootAndUsersShareTheDatabaseWhoeverComesFirst) {
     EXPECT_EQ(runCommand(asUser + program + "history export").output, linesOf(wholeSnapshots(start + 10, 4)));
   }
   ASSERT_EQ(::chmod(shared.c_str(), 0600), 0);
-  EXPECT_EQ(
-      runCommand(format("{} {} show --database {}", "setpriv --reuid 65533 --clear-groups", program, shared))
-          .output,
-      format("quenzel: {}: {}\n", shared, unableToOpen));
+  EXPECT_EQ(runCommand(fmt::format("{} {} show --database {}", "setpriv --reuid 65533 --clear-groups",
+                                   program, shared))
+                .output,
+            fmt::format("quenzel: {}: {}\n", shared, unableToOpen));
 }
 
 // Closing any descriptor of a file gives up the process's locks on it, and another one could then switch the
@@ -484,7 +489,7 @@ TEST_F(StoreFaultTest, SettingModesKeepsSQLitesLocks) {
   for (const char* suffix : databaseFiles) ASSERT_EQ(::chmod((path + suffix).c_str(), 0600), 0);
   store.insert(wholeSnapshot(start));
   for (const char* suffix : databaseFiles) EXPECT_EQ(modeOf(path + suffix), 0666U) << suffix;
-  EXPECT_THAT(runCommand(format("sqlite3 {} 'PRAGMA journal_mode = DELETE'", path)).output,
+  EXPECT_THAT(runCommand(fmt::format("sqlite3 {} 'PRAGMA journal_mode = DELETE'", path)).output,
               ::testing::HasSubstr("database is locked"));
 }
 
