@@ -1,7 +1,7 @@
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <regex>
 #include <thread>
 
 #include <fmt/format.h>
@@ -32,7 +32,11 @@ CommandResult tool(const std::string& command) {
   return runCommand(QUENZEL_TOOL_DIRECTORY "/usr/" + command);
 }
 
-std::string squeezed(const std::string& text) { return std::regex_replace(text, std::regex(" +"), " "); }
+std::string squeezed(std::string text) {
+  const auto areBlank = [](char left, char right) { return left == ' ' && right == ' '; };
+  text.erase(std::unique(text.begin(), text.end(), areBlank), text.end());
+  return text;
+}
 
 /// A task whose minor and major page faults equal its user and system ticks.
 TaskStat task(std::int32_t pid, std::string name, std::uint64_t user, std::uint64_t system,
