@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csignal>
 #include <future>
 #include <variant>
@@ -158,7 +159,10 @@ TEST_F(DaemonProcessTest, AFullDaemonClosesWhatHasBeenIdleLongest) {
   const auto first = daemon.connect();
   std::vector<FileDescriptor> idle;
   for (int i = 0; i < 15; ++i) idle.push_back(surroundings_.connectSocket());
-  EXPECT_TRUE(eventually([&] { return daemon.count("task") == 1 + 16; }));
+  EXPECT_TRUE(eventually([&] {
+    const std::string log = daemon.log();  // two lines of the start, one for each connection
+    return std::count(log.begin(), log.end(), '\n') == 2 + 16;
+  }));
   EXPECT_EQ(described(first->ping()), "true / (none)");
   EXPECT_EQ(described(daemon.connect()->ping()), "true / (none)");
   EXPECT_TRUE(isClosedByPeer(idle.front(), 10'000));
