@@ -32,7 +32,7 @@ class RecordCommand : public ::testing::Test {
 };
 
 TEST_F(RecordCommand, AcknowledgesWhatTheDatabaseHolds) {
-  const auto result = testing::runCommand(enter_ + record_ + "--json --interval 2 --count 2 --keep-days 1");
+  const auto result = testing::runCommand(enter_ + record_ + "--json --interval 6 --count 2 --keep-days 1");
   std::istringstream lines(result.output);
   std::string line;
   for (const DrainSnapshot& stored : history()) {
@@ -67,7 +67,7 @@ TEST_F(RecordCommand, TellsWhatFailsInOneLine) {
       {"--count 0", 2, "quenzel: .*at least 1.*\n"},
       {"--quiet --count 1 >/dev/full", 0, ""},
       {"--count 1 >/dev/full", 1, "quenzel: can't write the output\n"},
-      {"--quiet --interval 2 --count 2", 1, "quenzel: .*: gone\nquenzel: .*: gone\n"},  // every cycle failed
+      {"--quiet --interval 6 --count 2", 1, "quenzel: .*: gone\nquenzel: .*: gone\n"},  // every cycle failed
   };
   for (const auto& [options, status, output] : rows) {
     if (status == 1 && options.starts_with("--quiet")) environment_.set("QZL_TOOL_ROOT", folder_ / "tools");
@@ -90,7 +90,7 @@ TEST_F(RecordCommand, SaysOnceWhatItMayNotRead) {
   const std::string asUser = ::geteuid() == 0 ? "setpriv --reuid=65534 --clear-groups " : "";
   const std::string refusal =
       "package power: not permitted: this machine has energy counters, [^\n]*chmod g\\+r[^\n]*\n";
-  const std::string record = enter_ + asUser + record_ + "--interval 2 --count 2 ";
+  const std::string record = enter_ + asUser + record_ + "--interval 6 --count 2 ";
   EXPECT_THAT(testing::runCommand(enter_ + asUser + QUENZEL_BINARY_DIRECTORY "/quenzel sample").output,
               ::testing::ContainsRegex("\n  " + refusal));
   EXPECT_THAT(testing::runCommand(record).output,
