@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -10,9 +11,12 @@
 
 #include "Platform/AppendFile.hpp"
 #include "Platform/FileDescriptor.hpp"
+#include "Platform/HomeDirectory.hpp"
+#include "Platform/InstalledTools.hpp"
 #include "Platform/Linux/LinuxPropertyListFile.hpp"
 #include "Platform/Linux/TrustedTools.hpp"
 #include "Platform/SystemLog.hpp"
+#include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
 
 namespace {
@@ -45,6 +49,16 @@ TEST(LinuxSystemLog, WritesItsFieldsAndNoPathOfTheBuild) {
     systemLog().write("com.quenzel.runtime", "Daemon", type, "two\nlines");
     EXPECT_THAT(journalFields(), ElementsAre("MESSAGE=two\nlines", priority, "SUBSYSTEM=com.quenzel.runtime",
                                              "CATEGORY=Daemon"));
+  }
+}
+
+TEST(HomeDirectory, IsTheEnvironmentsElseTheUserDatabases) {
+  const std::string listed = ::getpwuid(::geteuid())->pw_dir;
+  const std::pair<std::optional<std::string>, std::string> rows[] = {
+      {"/u", "/u"}, {"u", listed}, {{}, listed}};
+  for (const auto& [home, expected] : rows) {
+    const testing::ScopedEnvironment environment({{"HOME", home}});
+    EXPECT_EQ(homeDirectory(), expected);
   }
 }
 
@@ -98,6 +112,8 @@ TEST(InstalledTools, MustBeBeyondTheReachOfOthers) {
   folder.write("tools/usr/bin/ioreg", "");
   std::filesystem::create_symlink(tool, folder / "tools/usr/bin/pmset");
   EXPECT_EQ(trustedToolRoot(folder.path(), self), std::nullopt);
+  const std::filesystem::path installed(QUENZEL_TOOL_DIRECTORY);
+  EXPECT_EQ(installedToolRoot(), trustedToolRoot(installed.parent_path(), self));
 }
 
 TEST(AppendFile, AddsToRegularFilesOfOneNameOnly) {

@@ -92,8 +92,8 @@ TEST(PropertyListTest, RefusesWhatIsNoListWithinTheBounds) {
        {times(200000, "<dict><key>a</key>"), nested(maxPropertyListDepth + 1)}},
   };
   const std::pair<std::string, Texts> malformed[] = {
-      // The library would take "010" for octal.
-      {"integer", {"", "+", "-", "abc", "1 2", "010", "18446744073709551616", "-9223372036854775809"}},
+      // The library would take a leading 0 for octal.
+      {"integer", {"", "+", "-", "abc", "1 2", "01", "18446744073709551616", "-9223372036854775809"}},
       {"real", {"", "1x", "1e400", "nan"}},
       {"data", {"A", "AA=A", "A===", "AA*=", "AAAAA"}},
       {"date",

@@ -1,11 +1,9 @@
 #include <csignal>
-#include <iterator>
 #include <sstream>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,8 +14,6 @@
 
 namespace quenzel {
 namespace {
-
-using testing::eventually;
 
 /// Processes from "PID PARENT NAME [BUNDLE_ID]; ...".
 std::vector<ProcessSample> processes(const std::string& text) {
@@ -77,68 +73,29 @@ TEST(ApplicationQuit, FindsAnApplicationWithItsHelpersAndSparesItself) {
   for (const auto& [name, plan] : rows) EXPECT_EQ(planned(running, name), plan) << name;
 }
 
-/// A real application with two helpers, one of them in its bundle, under a parent that buries its dead.
-class RealApplication {
- public:
-  explicit RealApplication(const testing::TemporaryDirectory& folder) : pids_(folder / "pids") {
-    const std::string app = copied("/bin/sh", folder.write("Quitme.app/Contents/MacOS/Quitme", ""));
-    const std::string agent = copied("/bin/sleep", folder.write("Quitme.app/Contents/Agents/Agent", ""));
-    const std::string script =
-        fmt::format("/bin/sleep 1000 & echo $$ $! >'{0}'\n'{1}' 1000 & echo $! >>'{0}'\nwait", pids_, agent);
-    warden_ = ::fork();
-    if (warden_ > 0) return;
-    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-    if (::fork() == 0) ::execl(app.c_str(), "Quitme", "-c", script.c_str(), nullptr);
-    while (::wait(nullptr) > 0) {
-    }
-    ::_exit(0);
-  }
-  ~RealApplication() {
-    for (const int pid : pids()) ::kill(pid, SIGKILL);
-    ::waitpid(warden_, nullptr, 0);
-  }
-
-  /// Of the application, its helper and its agent, as soon as all of them run.
-  std::vector<int> pids() const {
-    std::ifstream file(pids_);
-    return {std::istream_iterator<int>(file), {}};
-  }
-  bool isComplete() const {
-    const std::vector<int> running = pids();
-    return running.size() == 3 && executable(running[1]) != "Quitme" && executable(running[2]) == "Agent";
-  }
-
- private:
-  static std::string copied(const char* program, const std::string& target) {
-    std::filesystem::copy_file(program, target, std::filesystem::copy_options::overwrite_existing);
-    return target;
-  }
-  static std::string executable(int pid) {
-    std::error_code ignored;
-    return std::filesystem::read_symlink(fmt::format("/proc/{}/exe", pid), ignored).filename();
-  }
-
-  std::string pids_;
-  pid_t warden_;
-};
-
-TEST(ApplicationQuit, EndsARealApplicationBeforeItsHelpers) {
+TEST(ApplicationQuit, EndsARealApplicationThroughTheDaemon) {
   const testing::DaemonSurroundings surroundings;
   const testing::DaemonProcess daemon(surroundings);
   daemon.connect();
-  const RealApplication application(surroundings.folder());
-  ASSERT_TRUE(eventually([&] { return application.isComplete(); }));
-  const std::vector<int> pids = application.pids();
-  const std::string command = "daemon quit quitme --json";
-  const testing::Outcome quit = testing::runQuenzel(command);
-  EXPECT_EQ(quit.status, exitSuccess) << quit.err;
-  EXPECT_EQ(quit.json(), nlohmann::json::parse(fmt::format(
-                             R"({{"application": "Quitme", "protectedPIDs": [], "outcomes": [
-                    {{"pid": {}, "name": "Quitme", "success": true}}, {{"pid": {}, "name": "Agent", "success": true}},
-                    {{"pid": {}, "name": "sleep", "success": true}}]}})",
-                             pids[0], pids[2], pids[1])));
-  for (const int pid : pids) EXPECT_NE(::kill(pid, 0), 0);
-  const testing::Outcome again = testing::runQuenzel(command);
+  const std::string application = surroundings.folder().write("Quitme.app/Contents/MacOS/Quitme", "");
+  std::filesystem::copy_file("/bin/sleep", application, std::filesystem::copy_options::overwrite_existing);
+  const pid_t pid = ::fork();
+  if (pid == 0) ::execl(application.c_str(), application.c_str(), "1000", nullptr);
+  testing::Outcome quit;
+  EXPECT_TRUE(testing::eventually([&] {  // when it has become the application
+    quit = testing::runQuenzel("daemon quit quitme --json");
+    return quit.status == exitSuccess;
+  })) << quit.err;
+  EXPECT_EQ(quit.json(),
+            nlohmann::json::parse(fmt::format(
+                R"({{"application": "Quitme", "protectedPIDs": [], "outcomes": [{{"pid": {}, "name": "Quitme",
+           "success": true, "message": "ended, but its parent has yet to collect it"}}]}})",
+                pid)));
+  ::kill(pid, SIGKILL);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+  const testing::Outcome again = testing::runQuenzel("daemon quit quitme");
   EXPECT_EQ(std::tie(again.status, again.err),
             std::tuple(exitFailure, "quenzel: no application \"quitme\" is running\n"));
 }
