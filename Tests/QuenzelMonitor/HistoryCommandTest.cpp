@@ -59,14 +59,12 @@ TEST_F(HistoryCommand, ReadsWhatIsTooLargeToAddUp) {
   std::string lines;
   for (const double seconds : {0., 0.75, 36., 40., 72.}) {
     nlohmann::json snapshot = nlohmann::json::parse(lineAt(700000000 + seconds));
-    snapshot["totalDischargeW"] = snapshot["unattributedW"] = snapshot["components"]["cpuW"] = 1.7e308;
-    snapshot["hidden"] = {{{"kind", "docker_container"}, {"identifier", "h"}, {"drainW", 1.7e308}}};
+    snapshot["totalDischargeW"] = snapshot["components"]["cpuW"] = 1.7e308;
     nlohmann::json& processes = snapshot["processes"];
-    for (const double sign : {1., 1., -1., -1.}) {
+    for (const double watts : {1.7e308, 1.7e308, -1.7e308, -1.7e308}) {
       processes.push_back(processes[0]);
-      processes.back()["pid"] = processes.size() + 7;
-      processes.back()["drainW"] = sign * 1.7e308;
-      if (processes.size() > 3) processes.back()["processGroupKey"] = "below";
+      processes.back().update({{"pid", processes.size() + 7}, {"drainW", watts}});
+      if (watts < 0) processes.back()["processGroupKey"] = "below";
     }
     lines += snapshot.dump() + "\n";
   }
@@ -118,11 +116,7 @@ TEST_F(HistoryCommand, RefusesInOneLine) {
                    {"estimates add", 1, "quenzel: JSON document: parse error at line 1"}},
       refused[] = {
           {"history show 9", 1, there + "no snapshot 9\n"},
-          {"history show 0", 1, there + "no snapshot 0\n"},
-          {"history show -1", 1, there + "no snapshot -1\n"},
-          {"history show x", 2, "quenzel: ID: \"x\" is not a whole number"},
           {"history latest --limit 0", 2, "quenzel: --limit: \"0\" is not a whole number of at least 1"},
-          {"history window --seconds nan", 2, "quenzel: --seconds: \"nan\" is not a number"},
           {"history summary --from 1", 2, "quenzel: --to is required"},
           {"estimates evaluate", 2, "quenzel: ID is required"}};
   const auto check = [&](const char* command, int status, const std::string& message) {

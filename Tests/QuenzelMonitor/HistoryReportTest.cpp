@@ -50,22 +50,12 @@ TEST_F(HistoryReport, FoldsWhatBearsOneNameAndLosesNoEnergy) {
     add(seconds, {{"App", 2}, {"app", 1}, {longName, 4}, {"Z", 0.5}, {"z", 0.25}}, 80 - seconds / 36);
   add(108, {{"App", 2}, {"app", 1}}, 77);
   const HistoryView seen = view(200);
-  ASSERT_EQ(seen.applications.size(), 3u);
-  const ApplicationUsage rows[] = {
-      {longName, 0.1, 0.1 / 0.03, 0, 0}, {"App", 0.09, 3, 3, 2}, {"Z", 0.01875, 0.625, 0, 0}};
-  for (std::size_t i = 0; i < 3; ++i) {
-    const ApplicationUsage &found = seen.applications[i], &row = rows[i];
-    EXPECT_EQ(std::tie(found.name, found.latestW, found.memberCount),
-              std::tie(row.name, row.latestW, row.memberCount));
-    EXPECT_NEAR(found.energyWh, row.energyWh, 1e-9);
-    EXPECT_NEAR(found.averageW, row.averageW, 1e-9) << "over the 108 s";
-  }
-
   const std::string text = historyReport(seen, {.width = 80, .isUnicode = true});
   EXPECT_THAT(
       text,
       AllOf(HasSubstr("Energy     0.300 Wh, 10.00 W on average\n"), HasSubstr("draining at 100.0 % an hour"),
             HasSubstr("     0.0900   30.0%      3.000      3.000  2          App\n"),
+            HasSubstr("     0.0188    6.2%      0.625      0.000  -          Z\n"),
             HasSubstr("     0.1000   33.3%      3.333      0.000  -          日本語のとても長いアプ"),
             Not(HasSubstr("modelled")), Not(HasSubstr("Only")), Not(HasSubstr("future"))));
   const std::string ascii = historyReport(seen, {.width = 80, .isUnicode = false});

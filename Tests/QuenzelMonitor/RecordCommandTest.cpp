@@ -91,8 +91,6 @@ TEST_F(RecordCommand, SaysOnceWhatItMayNotRead) {
   const std::string refusal =
       "package power: not permitted: this machine has energy counters, [^\n]*chmod g\\+r[^\n]*\n";
   const std::string record = enter_ + asUser + record_ + "--interval 6 --count 2 ";
-  EXPECT_THAT(testing::runCommand(enter_ + asUser + QUENZEL_BINARY_DIRECTORY "/quenzel sample").output,
-              ::testing::ContainsRegex("\n  " + refusal));
   EXPECT_THAT(testing::runCommand(record).output,
               ::testing::MatchesRegex("recording [^\n]*\nrejected [^\n]*; " + refusal +
                                       "rejected [^\n]* for the same reason as before\nended: [^\n]*\n"));

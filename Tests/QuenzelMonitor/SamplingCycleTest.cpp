@@ -6,12 +6,15 @@
 #include "QuenzelMonitor/Attribution.hpp"
 #include "QuenzelMonitor/SampleReport.hpp"
 #include "Tests/Support/FakeShell.hpp"
+#include "Tests/Support/LoggedLines.hpp"
 #include "Tests/Support/SystemTree.hpp"
 
 namespace quenzel {
 namespace {
 
+using ::testing::AllOf;
 using testing::FakeShell;
+using ::testing::HasSubstr;
 using testing::SystemTree;
 using nlohmann::literals::operator""_json_pointer;
 
@@ -22,12 +25,14 @@ TEST(SamplingCycle, GivesOneAnswerAboutTheBattery) {
                     noDischarge = "unknown: the battery reports no discharge (source none)",
                     noComponent = "unknown: no component reports its power (source PM-Package+Components)",
                     noBattery = "external power (the machine has no battery)";
+  const std::string noReading = ": the System Management Controller gives no reading above 0 W\n";
   struct Row {
     const char* title;
     std::string supply;  // of the kernel, which the direct reader sees
     std::string entry;   // that ioreg prints; nothing: it fails
     std::string power, battery, total;
     std::optional<double> storedLevel;
+    std::string note;  // of what is not available, beside what never is
   };
   const Row rows[] = {
       {"the total comes from the battery, whatever the kernel says of the adapter", "status=Full,capacity=90",
@@ -37,7 +42,8 @@ TEST(SamplingCycle, GivesOneAnswerAboutTheBattery) {
        plugged + ",CurrentCapacity=81,MaxCapacity=100,FullyCharged=true", "external power", "81.0 %, full",
        noComponent, 81},
       {"only the kernel tells", "status=Discharging,capacity=90", "", "on battery", "could not be read",
-       noDischarge, std::nullopt},
+       noDischarge, std::nullopt,
+       "  battery: Failed to launch command: No reply is set for /usr/sbin/ioreg.\n"},
       {"only ioreg tells: energy by a charge in mAh", "", drained + ",CurrentCapacity=4000,MaxCapacity=5000",
        "on battery", "80.0 %, discharging at 18.00 W, 48.0 Wh left", by18, 80},
       {"charging, with its rate", "status=Charging,capacity=20",
@@ -45,27 +51,29 @@ TEST(SamplingCycle, GivesOneAnswerAboutTheBattery) {
            ",Amperage=2000,IsCharging=true,CurrentCapacity=20,MaxCapacity=100,AppleRawCurrentCapacity=1000,"
            "AvgTimeToFull=75",
        "external power", "20.0 %, charging at 24.00 W, 12.0 Wh left, 1 h 15 min to full", noComponent, 20},
-      {"a desktop's entry", "", "BatteryInstalled=false," + drained + ",CurrentCapacity=0,MaxCapacity=0",
-       noBattery, "none", noComponent, std::nullopt},
-      {"an entry without voltage and charge", "", "IsCharging=false,ExternalConnected=true,Voltage=0",
-       noBattery, "none", noComponent, std::nullopt},
+      {"a desktop's entry, whatever the kernel says", "status=Full,capacity=90",
+       "BatteryInstalled=false," + drained + ",CurrentCapacity=0,MaxCapacity=0", noBattery, "none",
+       noComponent, std::nullopt, "  battery: this machine has none\n"},
       {"no level is no level of 0", "", drained, "on battery", "level unknown, discharging at 18.00 W", by18,
-       std::nullopt},
-      {"neither is a maximum of 0", "", drained + ",CurrentCapacity=0,MaxCapacity=0", "on battery",
-       "level unknown, discharging at 18.00 W", by18, std::nullopt}};
+       std::nullopt}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.title);
     const SystemTree tree;
     if (!row.supply.empty()) tree.powerSupply("BAT0", testing::attributes("type=Battery," + row.supply));
     FakeShell shell;
-    shell.output("/bin/ps", "7 1 0.5 0 a\n");
+    shell.output("/bin/ps", "7 1 0.5 0 a\n8 1 0,5 0 b\n");
     for (const char* nice : {"/usr/bin/nice", "/usr/bin/sudo"}) shell.output(nice, "System Power: 1 W\n");
     const platform::PropertyValue::Array entries{testing::properties(row.entry)};
     if (!row.entry.empty()) shell.output("/usr/sbin/ioreg", platform::encodePropertyList(entries));
     const SamplingCycleResult result = SamplingCycle(shell).run();
-    EXPECT_THAT(sampleReport(result, {}),
-                ::testing::HasSubstr("\n  Power      " + row.power + "\n  Battery    " + row.battery +
-                                     "\n  Total      " + row.total + "\n"));
+    EXPECT_THAT(
+        sampleReport(result, {}),
+        AllOf(HasSubstr("\n  Power      " + row.power + "\n  Battery    " + row.battery + "\n  Total      " +
+                        row.total + "\n"),
+              HasSubstr("available:\n  processes: rows of ps that can't be read: 1\n" + row.note +
+                        "  package power: powermetrics reports no CPU, GPU or ANE power on this machine\n"
+                        "  display power" +
+                        noReading + "  USB power" + noReading)));
     const DrainSnapshot stored = attribute(
         result.build, {.onBattery = result.onBattery, .batteryLevelKnown = result.batteryLevelKnown});
     EXPECT_EQ(stored.powerContext->batteryLevelPercent, row.storedLevel);
@@ -73,6 +81,12 @@ TEST(SamplingCycle, GivesOneAnswerAboutTheBattery) {
     EXPECT_EQ(encodeSample(result).contains("/batteryStatus/levelPercent"_json_pointer),
               row.storedLevel.has_value());
   }
+  SystemTree modelled;
+  modelled.set("QZL_MODEL_HARDWARE", "1");
+  EXPECT_THAT(
+      testing::linesLoggedBy([] { SamplingCycle(FakeShell().output("/bin/ps", "7 1 0.5 0 a\n")).run(); }),
+      ::testing::Contains("[INFO] [SamplingCycle] the figures of this cycle are modelled, not measured: "
+                          "battery power counters"));
 }
 
 }  // namespace
