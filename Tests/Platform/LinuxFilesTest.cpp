@@ -19,20 +19,13 @@
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
 
-namespace {
-
-std::vector<std::string>& journalFields() {
-  static std::vector<std::string> fields;
-  return fields;
-}
-
-}  // namespace
+static std::vector<std::string> journalFields;
 
 // Takes the place of the library's function of that name: what would go to the journal ends up here.
 extern "C" int sd_journal_sendv(const iovec* fields, int count) {
-  journalFields().clear();
+  journalFields.clear();
   for (int i = 0; i < count; ++i)
-    journalFields().emplace_back(static_cast<const char*>(fields[i].iov_base), fields[i].iov_len);
+    journalFields.emplace_back(static_cast<const char*>(fields[i].iov_base), fields[i].iov_len);
   return 0;
 }
 
@@ -43,12 +36,13 @@ using ::testing::ElementsAre;
 using testing::TemporaryDirectory;
 
 TEST(LinuxSystemLog, WritesItsFieldsAndNoPathOfTheBuild) {
-  for (const auto& [type, priority] : {std::pair(SystemLogType::error, "PRIORITY=3"),
-                                       {SystemLogType::info, "PRIORITY=6"},
-                                       {SystemLogType::debug, "PRIORITY=7"}}) {
+  const std::pair<SystemLogType, const char*> rows[] = {{SystemLogType::error, "PRIORITY=3"},
+                                                        {SystemLogType::info, "PRIORITY=6"},
+                                                        {SystemLogType::debug, "PRIORITY=7"}};
+  for (const auto& [type, priority] : rows) {
     systemLog().write("com.quenzel.runtime", "Daemon", type, "two\nlines");
-    EXPECT_THAT(journalFields(), ElementsAre("MESSAGE=two\nlines", priority, "SUBSYSTEM=com.quenzel.runtime",
-                                             "CATEGORY=Daemon"));
+    EXPECT_THAT(journalFields, ElementsAre("MESSAGE=two\nlines", priority, "SUBSYSTEM=com.quenzel.runtime",
+                                           "CATEGORY=Daemon"));
   }
 }
 

@@ -27,16 +27,13 @@ TEST(LinuxRunningProcesses, RecordsApplicationsAndServices) {
       {app + "app-org.kde.discover@autostart.service", "org.kde.discover"},
       {app + "app-flatpak-org.mozilla.firefox.service", "org.mozilla.firefox"},
       {app + "app-firefox.scope", "firefox"},
-      {app + "app-bad\\x2.service", "bad\\x2"},
       {app + "foot.service/inner/deeper\n", "foot"},
       {"0::/system.slice/getty@tty1.service", "getty@tty1"},
       {"12:cpu,cpuacct:/docker\n1:name=systemd:/system.slice/cron.service\n0::/\n", "cron"},
       {"4:memory:/system.slice/wrong.service\n0::/system.slice/right.service\n", "right"},
       {"0::/user.slice/user-1000.slice/session-2.scope\n", nullptr},
-      {"0::/init.scope", nullptr},
       {"0::/app-.scope", nullptr},
       {"0::/.service", nullptr},
-      {"0::/\n", nullptr},
       {"", nullptr},
   };
   const SystemTree tree;
@@ -70,7 +67,6 @@ TEST(LinuxRunningProcesses, FindsExecutables) {
       {"", "sshd", "sshd: user /secret", "sshd"},
       {"", "titled", "/usr/bin/titled --key=secret", "titled"},
       {"", "slash", "/opt/ ", "slash"},
-      {"", "folder", "/opt/", "folder"},
       {"", "zombie", "", "zombie"},
       {"", "", "/bin/y", "none"},
   };
@@ -111,11 +107,7 @@ TEST(LinuxBundleInformationDeathTest, ReadsThePropertyListOnce) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // each row in a fresh process, which reads the bundle once
   std::optional<TemporaryDirectory> folder(std::in_place);
   const std::string good = folder->write("Info.plist", listStart + "<string>org.x</string>" + listEnd);
-  const std::string bad = folder->write("bad.plist", "<plist");
-  const std::pair<Text, const char*> rows[] = {{good, "1 entries, org.x"},
-                                               {bad, "0 entries, none"},
-                                               {"/no", "0 entries, none"},
-                                               {{}, "0 entries, none"}};
+  const std::pair<std::string, const char*> rows[] = {{good, "1 entries, org.x"}, {"/no", "0 entries, none"}};
   for (const auto& row : rows) {
     const auto look = [&] {
       platform::setEnvironmentValue("QZL_INFO_PLIST", row.first);

@@ -1,8 +1,12 @@
+#include <cmath>
+#include <limits>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "QuenzelMonitor/HistoryReport.hpp"
+#include "QuenzelMonitor/TerminalChart.hpp"
 #include "SharedModels/Runtime/Text.hpp"
 #include "SharedModels/Snapshot/ModelledFigures.hpp"
 #include "Tests/Support/ScopedTimeZone.hpp"
@@ -98,6 +102,51 @@ TEST_F(HistoryReport, WritesTimesInBothForms) {
   add(660, {{"a", 1}}, 48);
   EXPECT_NEAR(encodeHistoryView(view(660)).at("batteryDrainRatePctPerHour").get<double>(), 2 / (660 / 3600.),
               1e-9);
+}
+
+using Lines = std::vector<std::string>;
+using Series = std::vector<std::pair<double, double>>;  // second, value
+
+Lines chartOf(const Series& series, ChartAxes axes, ChartLayout layout) {
+  std::vector<ChartSample> samples;
+  for (const auto& [second, value] : series) samples.push_back({{second}, value});
+  return terminalChart(samples, axes, layout);
+}
+
+TEST(TerminalChart, DrawsWhatWasMeasured) {
+  const double none = std::nan(""), infinite = std::numeric_limits<double>::infinity();
+  const ChartAxes plain{.start = {0}, .end = {3}}, apart{.start = {0}, .end = {3}, .longestJoinSeconds = 2};
+  const ChartAxes framed{.start = {0}, .end = {9}, .unit = "W", .timeLabels = {"-1h", "mid", "now"}};
+  struct Row {
+    Series series;
+    ChartAxes axes;
+    ChartLayout layout;
+    Lines lines;
+  };
+  const Row rows[] = {{{{0, 0}, {3, 3}}, plain, {4, 1, false}, {"..''"}},
+                      {{{0, -3}, {3, 3}}, plain, {4, 1, false}, {"..''"}},
+                      {{{0, 0}, {3, 3}}, apart, {4, 1, false}, {".  '"}},
+                      {{{0, 0}, {1, none}, {3, 3}}, plain, {4, 1, false}, {".  '"}},
+                      {{{0, 5}, {3, 5}}, plain, {4, 1, false}, {"''''"}},
+                      {{{0, 0}, {3, 0}}, plain, {4, 1, false}, {"...."}},
+                      {{{1, 2}}, plain, {4, 1, false}, {" '"}},
+                      {{{0, 2}}, {}, {4, 1, false}, {"'"}},
+                      {{{-9, 9}, {0, 1}, {4, 9}}, plain, {4, 1, false}, {"'"}},
+                      {{{0, infinite}, {3, 3}}, plain, {4, 1, false}, {"   '"}},
+                      {{}, plain, {40, 9, true}, {"(no data)"}},
+                      {{{0, none}}, plain, {4, 9, true}, {"(no "}},
+                      {{{0, 0}, {3, 3}}, plain, {2, 1, true}, {"\u2860\u280A"}},
+                      {{{0, 0}, {3, 3}}, plain, {0, 1, true}, {}},
+                      {{{0, 0}, {9, 3}},
+                       framed,
+                       {15, 4, false},
+                       {"3 W +     ...''", "0 W +..'''", "    +----------", "     -1h    now"}}};
+  for (const Row& row : rows) EXPECT_EQ(chartOf(row.series, row.axes, row.layout), row.lines);
+  const std::pair<double, const char*> tops[] = {
+      {11.3, "12 W +"}, {0.0026, "0.003 W +"}, {25, "25 W +"}, {99, "100 W +"}};
+  for (const auto& [value, top] : tops)
+    EXPECT_THAT(chartOf({{0, value}}, framed, {40, 7, false})[0], HasSubstr(top));
+  EXPECT_EQ(chartOf({{0, 25}}, framed, {40, 7, false})[2], "12.5 W +");
 }
 
 }  // namespace
