@@ -72,7 +72,7 @@ TEST(Attribution, ServesThePartsInTheirOrder) {
 
 TEST(Attribution, SaysWhatTheFiguresAreMadeOf) {
   AttributionBuildResult build{
-      {{}, 20, {measured(1, 5, 50), measured(2, 0.0009)}, {}, 1, 2},
+      {{}, 20, {measured(1, 5, 50), measured(2, 0.0009, 500)}, {}, 1, 2},
       {true, 2, true, true, false, true, true},
       BatteryStatusSample{.levelPercent = 80, .remainingWh = kNaN, .dischargeWatts = 9}};
   build.input.processes[0].powermetricsGPUFallbackAllocated = true;
@@ -80,6 +80,7 @@ TEST(Attribution, SaysWhatTheFiguresAreMadeOf) {
   SystemPowerSnapshot chip{3, 0.5, 0.25, 0.125, 1, 1.125, 0.0625, 0, 7, 1, true};
   DrainSnapshot snapshot = attribute(build, {true, 4, {.powerCounters = true}, chip});
   EXPECT_EQ(snapshot.processes[1].cpuAttributedW, 0);
+  EXPECT_EQ(snapshot.processes[1].cpuCapacityFraction, 1) << "no more than the machine has";
   dropNegligibleRows(snapshot);
   ASSERT_EQ(snapshot.processes.size(), 1U);
   const ProcessDrain row = snapshot.processes[0];

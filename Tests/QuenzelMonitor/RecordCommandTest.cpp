@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
 #include "QuenzelMonitor/LastingMessage.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
@@ -26,6 +25,10 @@ class RecordCommand : public ::testing::Test {
   const std::string enter_ = "cd " + folder_.path().string() + "; ",
                     record_ = QUENZEL_BINARY_DIRECTORY "/quenzel record --database h.sqlite ";
 
+  void install(const std::string& tool, const std::string& script) {
+    std::filesystem::permissions(folder_.write("tools/" + tool, "#!/bin/sh\n" + script),
+                                 std::filesystem::perms::owner_all);
+  }
   std::vector<DrainSnapshot> history() {
     return SQLiteSnapshotStore(folder_ / "h.sqlite", SQLiteSnapshotStore::Mode::readOnly).fetchLatest(9);
   }
@@ -59,8 +62,7 @@ TEST_F(RecordCommand, EndsCleanlyOnASignal) {
 }
 
 TEST_F(RecordCommand, TellsWhatFailsInOneLine) {
-  std::filesystem::permissions(folder_.write("tools/bin/ps", "#!/bin/sh\necho gone >&2\nexit 3\n"),
-                               std::filesystem::perms::owner_all);
+  install("bin/ps", "echo gone >&2; exit 3");
   const std::tuple<std::string, int, const char*> rows[] = {
       {"--interval 0.5", 2, "quenzel: .*\"0.5\" is not a number from 2 to 60.*\n"},
       {"--mode fast", 2, "quenzel: --mode: .*\n"},
@@ -77,29 +79,22 @@ TEST_F(RecordCommand, TellsWhatFailsInOneLine) {
   }
 }
 
-/// As an ordinary user runs it, whom the machine's counters are kept from.
 TEST_F(RecordCommand, SaysOnceWhatItMayNotRead) {
   const testing::SystemTree tree;
-  tree.energyZone("intel-rapl:0", "package-0", 1, 1000);
-  tree.processors("60 0 40 900 0 0 0 0 0 0", "100.50");
-  tree.process(7, {{"stat", testing::taskStatText(7, "task", 1, 1)}});
-  std::filesystem::permissions(tree.sys() + "/class/powercap/intel-rapl:0/energy_uj",
-                               std::filesystem::perms(0));
-  for (const auto& folder : {folder_.path(), tree.folder().path()})
-    std::filesystem::permissions(folder, std::filesystem::perms::all);
-  const std::string asUser = ::geteuid() == 0 ? "setpriv --reuid=65534 --clear-groups " : "";
-  const std::string refusal =
-      "package power: not permitted: this machine has energy counters, [^\n]*chmod g\\+r[^\n]*\n";
-  const std::string record = enter_ + asUser + record_ + "--interval 6 --count 2 ";
+  install("usr/bin/powermetrics", "echo 'a password is required' >&2; exit 1");
+  install("bin/ps", "echo '7 1 1.0 0.0 /a'");
+  install("usr/sbin/ioreg", "exec " QUENZEL_TOOL_DIRECTORY "/usr/sbin/ioreg \"$@\"");
+  environment_.set("QZL_TOOL_ROOT", folder_ / "tools");
+  const std::string record = enter_ + record_ + "--interval 6 --count 2",
+                    refusal = "powermetrics: powermetrics requires admin privileges: [^\n]*";
   EXPECT_THAT(testing::runCommand(record).output,
               ::testing::MatchesRegex("recording [^\n]*\nrejected [^\n]*; " + refusal +
-                                      "rejected [^\n]* for the same reason as before\nended: [^\n]*\n"));
-  tree.powerSupply("BAT0",
-                   testing::attributes("type=Battery,status=Discharging,capacity=50,charge_full=4000000,"
-                                       "voltage_now=12000000,current_now=1000000"));
+                                      "\nrejected [^\n]* for the same reason as before\nended: [^\n]*\n"));
+  tree.powerSupply("BAT0", testing::attributes("type=Battery,status=Discharging,capacity=50,"
+                                               "voltage_now=12000000,current_now=1000000"));
   EXPECT_THAT(testing::runCommand(record).output,
               ::testing::MatchesRegex("recording [^\n]*\ninserted [^\n]*\nquenzel: " + refusal +
-                                      "inserted [^\n]*\nended: [^\n]*\n"));
+                                      "\ninserted [^\n]*\nended: [^\n]*\n"));
 }
 
 TEST(LastingMessage, IsSaidWhenItIsNewAndEveryTenthMinute) {
