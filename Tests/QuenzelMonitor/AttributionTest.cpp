@@ -103,8 +103,7 @@ TEST(Attribution, SaysWhatTheFiguresAreMadeOf) {
   const std::tuple<bool, platform::ModelledHardware, const char*> totals[] = {
       {true, {true, false}, "cpu-share"},
       {true, {false, true}, "cpu-share modelled"},
-      {false, {true, false}, "cpu-share modelled"},
-      {false, {false, true}, "cpu-share"}};
+      {false, {true, false}, "cpu-share modelled"}};
   build.input.processes = {makeProcessSample(1, "p", 50)};
   for (const auto& [addedUp, modelled, flags] : totals) {
     build.metadata.usedEstimatedTotalPower = addedUp;

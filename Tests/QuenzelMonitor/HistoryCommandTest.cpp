@@ -55,21 +55,6 @@ TEST_F(HistoryCommand, ImportsLineByLineAndExportsTheSame) {
             "error: Missing display_name for published process row: a\tb?c?[31m\n");
 }
 
-TEST_F(HistoryCommand, ReadsWhatIsTooLargeToAddUp) {
-  std::string lines;
-  for (const double seconds : {0., 0.75, 36., 40., 72.}) {
-    nlohmann::json snapshot = nlohmann::json::parse(lineAt(700000000 + seconds));
-    snapshot["totalDischargeW"] = snapshot["components"]["cpuW"] = 1.7e308;
-    lines += snapshot.dump() + "\n";
-  }
-  EXPECT_EQ(run("history import", lines).status, 0);
-  constexpr double largest = std::numeric_limits<double>::max();
-  EXPECT_EQ(run("history energy").json().at("totalWh"), largest);
-  EXPECT_EQ(run("history summary --from 0 --to 1e12").json().at("cpu_wh"), largest);
-  for (const char* command : {"history latest", "history export", "history details"})
-    EXPECT_EQ(run(command).err, "") << command;
-}
-
 TEST_F(HistoryCommand, AnswersWithJSON) {
   run("history import", lineAt(700000000) + "\n" + lineAt(700000036) + "\n" + lineAt(700000072));
   const double start = 700000000 + 978307200.;
@@ -84,6 +69,15 @@ TEST_F(HistoryCommand, AnswersWithJSON) {
   EXPECT_EQ(details.at("processes")[0].at("groupKey"), "app:/a.app");
   EXPECT_EQ(details.at("appSeries")[0].at("watts").size(), 3u);
   EXPECT_EQ(run("history purge --older-than 1678307236").json(), nlohmann::json({{"deleted", 1}}));
+
+  for (const double seconds : {108., 144., 180.}) {  // more than a sum can hold
+    nlohmann::json huge = nlohmann::json::parse(lineAt(700000000 + seconds));
+    huge["totalDischargeW"] = huge["components"]["cpuW"] = 1.7e308;
+    run("history import", huge.dump());
+  }
+  constexpr double largest = std::numeric_limits<double>::max();
+  EXPECT_EQ(run("history energy").json().at("totalWh"), largest);
+  EXPECT_EQ(run("history summary --from 0 --to 1e12").json().at("cpu_wh"), largest);
 }
 
 TEST_F(HistoryCommand, FollowsAnEstimate) {

@@ -16,9 +16,7 @@ namespace quenzel {
 namespace {
 
 using ::testing::AllOf;
-using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
-using ::testing::Not;
 using testing::Outcome;
 using testing::runQuenzel;
 using testing::ScopedEnvironment;
@@ -146,9 +144,7 @@ TEST_F(Monitor, AnswersBadInputWithOneLine) {
       {"inspect pmset /nowhere/file", "", exitFailure, "can't read /nowhere/file: No such file or directory"},
       {"inspect pmset", "", exitFailure,
        "Failed to launch command: Unable to determine lowpowermode state from pmset output."},
-      {"inspect ps --tree", "7 1 0 0 a\n7 1 0 0 b\n", exitFailure, "process 7 is listed twice"},
       {"inspect ps", "99999999999 1 0 0 a\n", exitFailure, "the process id 99999999999 is out of range"},
-      {"inspect smc", R"([{"type":"ui8","bytes":[1,2,3]}])", exitFailure, "[0].bytes"},
       {"inspect smc", R"([{"type":"ui8","bytes":[1,2,3,256]}])", exitFailure, "[0].bytes[3]"},
       {"inspect cpu-load", R"({"logicalCPUCount":1,"readings":[{"now":1}]})", exitFailure,
        "readings[0].ticks"},
@@ -161,19 +157,6 @@ TEST_F(Monitor, AnswersBadInputWithOneLine) {
     EXPECT_EQ(std::tie(outcome.status, outcome.out), std::tuple(status, "")) << words;
     EXPECT_THAT(outcome.err, AllOf(StartsWith("quenzel: "), HasSubstr(complaint)));
     EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << outcome.err;
-  }
-}
-
-TEST_F(Monitor, SaysWhatThereIs) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"", "Usage: quenzel"},  // a default is "=15" or " [15]"
-      {"sample --help", "--top N( \\[|=)15"},
-      {"show --help", "--window LENGTH:.*7d.( \\[|=)24h"},
-      {"history window --help", "--seconds SECONDS( \\[|=)3600"}};
-  for (const auto& [arguments, text] : rows) {
-    const Outcome outcome = runQuenzel(arguments);
-    EXPECT_EQ(std::tie(outcome.status, outcome.err), std::tuple(exitSuccess, ""));
-    EXPECT_THAT(outcome.out, ContainsRegex(text));
   }
 }
 
@@ -248,7 +231,6 @@ TEST(SampleReport, ShowsFiguresTheirSourceAndWhatIsModelled) {
       {"/usr/bin/\u4E00\u4E00\u4E00\u4E00\u4E00", 11, true, "\u4E00\u4E00\u4E00\u4E00\u4E00"},
       {"\u4E00\u4E00\u4E00\u4E00\u4E00\u4E00", 11, true, "\u4E00\u4E00\u4E00\u4E00\u4E00\u2026"},
       {"/usr/lib/b\u00FCsy", 9, false, ".../b?sy"},
-      {"/usr/lib/b\u00FCsy-daemon", 10, false, "b?sy-da..."},
       {"/usr/lib/b\u00FCsy-daemon", 8, false, "/usr/lib/b?sy-daemon"}};  // too narrow for any name
   for (const auto& [name, room, isUnicode, shown] : cut) {
     SamplingCycleResult narrow;
