@@ -194,9 +194,7 @@ TEST(ModelledHardware, RefusesAStateThatItCantHaveWritten) {
   for (const auto& [key, value] : list) changes.emplace_back(key, PropertyValue::Array{});
   for (const auto& [key, value] : changes) {
     PropertyDictionary changed = list;
-    changed.erase(key);
-    EXPECT_FALSE(platform::decodeModelledHardware(changed)) << key;
-    changed.emplace(key, value);
+    changed.insert_or_assign(key, value);
     EXPECT_FALSE(platform::decodeModelledHardware(changed)) << key;
   }
 }
