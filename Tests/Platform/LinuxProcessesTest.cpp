@@ -34,7 +34,6 @@ TEST(LinuxRunningProcesses, RecordsApplicationsAndServices) {
       {"0::/user.slice/user-1000.slice/session-2.scope\n", nullptr},
       {"0::/app-.scope", nullptr},
       {"0::/.service", nullptr},
-      {"", nullptr},
   };
   const SystemTree tree;
   const auto processes = platform::makeRunningProcesses();
@@ -129,7 +128,6 @@ TEST(LinuxHostCPUTicks, AddsUpTheKernelsStates) {
       {"4294967297 4294967296 1 4294967295 3 0 0 0 0 0", Ticks{1, 1, 2, 0}},
       {"10 20 30 40", Ticks{10, 30, 40, 20}},
       {"10 20 30", {}},
-      {"", {}},
   };
   const SystemTree tree;
   EXPECT_FALSE(platform::makeHostCPUTicks()->read());

@@ -20,7 +20,6 @@ namespace quenzel {
 namespace {
 
 using enum RecordingOutcome;
-
 using Seconds = std::vector<double>;
 
 SamplingCycleResult cycleOf(double totalW, std::vector<ProcessSample> processes = {}, bool whole = true) {
@@ -46,10 +45,6 @@ struct World {
     seconds += span;
     wall.advance(span);
   }
-  bool stopsWithin(double span) {
-    pass(std::min(span, std::max(stopAt - seconds, 0.0)));
-    return seconds >= stopAt;
-  }
   RecordingTally record(SnapshotRecorderOptions options) {
     const SnapshotRecorder::Collaborators with{
         [this] { return startedAt.push_back(seconds), cycle(); },
@@ -60,7 +55,10 @@ struct World {
         [this] { return newest; },
         wall.provider(),
         [this] { return seconds; },
-        [this](double span) { return stopsWithin(span); },
+        [this](double span) {
+          pass(std::min(span, std::max(stopAt - seconds, 0.0)));
+          return seconds >= stopAt;
+        },
         [this](const RecordedCycle& recorded) { reported.push_back(recorded.outcome); },
         [this](const std::string& text) { notices.push_back(text); },
         [this](const std::string& failure) { complaints.push_back(failure); }};
