@@ -136,10 +136,12 @@ TEST(PowermetricsTool, LetsNoNamePassForAFigure) {
   SystemTree tree;
   tree.processors("60 0 40 900 0 0 0 0 0 0", "100.50");
   tree.process(1, {{"stat", taskStatText(1, "CPU Power: 900W", 5, 5)}, {"cgroup", "0::/GPU Power: 9W"}});
-  const std::string command = "bin/powermetrics -n 1 -i 20 --show-process-energy --samplers tasks --show-all";
-  EXPECT_THAT(tool(command).output, Not(HasSubstr("\nCPU Power: ")));
+  const std::string command =
+      "bin/powermetrics -n 1 -i 20 --show-process-energy --show-process-gpu --show-process-io "
+      "--show-process-coalition --show-process-netstats --show-process-qos --show-usage-summary --samplers ";
+  EXPECT_THAT(tool(command + "tasks --show-all").output, Not(HasSubstr("\nCPU Power: ")));
   tree.set("QZL_MODEL_HARDWARE", "1");
-  const auto seen = PowermetricsParser().parse(tool(command).output);
+  const auto seen = PowermetricsParser().parse(tool(command + "all").output);
   EXPECT_EQ(seen.processes.size(), 1U);
   EXPECT_DOUBLE_EQ(seen.cpuPackageW, 0.8);
   EXPECT_DOUBLE_EQ(seen.combinedPackageW, 0.8);

@@ -37,7 +37,7 @@ TEST(SamplingCycle, GivesOneAnswerAboutTheBattery) {
     std::string entry;   // that ioreg prints; nothing: it fails
     std::string power, battery, total;
     std::optional<double> storedLevel;
-    std::string note;  // of what is not available, beside what never is
+    std::string note = "";  // of what is not available, beside what never is
   };
   const Row rows[] = {
       {"the total comes from the battery, whatever the kernel says of the adapter", "status=Full,capacity=90",
