@@ -50,7 +50,7 @@ TEST(Attribution, ServesThePartsInTheirOrder) {
       // on two processors
       {"all fits", {{}, 10, {p3, q1}, {}, 2, 1}, {2, 1, 3, 1, 3}, flag},
       {"models give way", {{}, 10, {p6}, {}, 6, 2}, {3, 1, 6, 0}, flag},
-      {"too much", {{}, 4, {p6, q2}, {}, 1, 1}, {0, 0, 3, 1, 0}, scaled},
+      {"too much", {{}, 4, {odd, p6, q2}, {}, 1, 1}, {0, 0, 0, 3, 1, 0}, ""},
       {"by CPU", {{}, 12, {p50, q100}, {}, 3, 1}, {3, 1, 2, 4, 2}, "cpu-share"},
       {"overbooked", {{}, 8, {p50, q100, r250, unknown}}, {0, 0, 1, 2, 5, 0, 0}, "cpu-share"},
       {"not by CPU", {{}, 8, {p1, q100}}, {0, 0, 1, 0, 7}, flag},
