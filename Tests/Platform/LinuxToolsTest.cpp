@@ -163,7 +163,7 @@ TEST(StandInTools, RefuseWhatTheyDontKnow) {
   const SystemTree tree;
   for (const auto& [command, status, output] : rows)
     EXPECT_EQ(tool(command), (CommandResult{status, output})) << command;
-  EXPECT_TRUE(tool("bin/powermetrics --help").output.starts_with("Usage: "));
+  EXPECT_TRUE(tool("bin/powermetrics -h").output.starts_with("Usage: "));
 }
 
 TEST(PsTool, ShowsEveryProcessAndNoArguments) {

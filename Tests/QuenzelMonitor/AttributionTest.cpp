@@ -40,7 +40,7 @@ TEST(Attribution, ServesThePartsInTheirOrder) {
                       r250 = makeProcessSample(3, "r", 250), unknown = makeProcessSample(4, "u", kNaN);
   const HiddenWorkloadMapping service{HiddenDrainKind::launchdService, "s", {{1, 1}, {1, 5}}};
   const ProcessSample p1 = measured(1, 1), p3 = measured(1, 3), p4 = measured(1, 4), p6 = measured(1, 6),
-                      q1 = measured(2, 1), q2 = measured(2, 2), odd = measured(3, -2, kNaN);
+                      q1 = measured(2, 1), odd = measured(3, -2, kNaN);
   const auto hidden = container({{1, 0.25}, {2, 0.5}, {9, 1}}), half = container({{1, 0.5}}),
              all = container({{1, 1}}), quarter = container({{1, kNaN}, {1, 0.25}});
   const std::string flag = "powermetrics", host = "powermetrics hidden-workload-host",
@@ -50,11 +50,11 @@ TEST(Attribution, ServesThePartsInTheirOrder) {
       // on two processors
       {"all fits", {{}, 10, {p3, q1}, {}, 2, 1}, {2, 1, 3, 1, 3}, flag},
       {"models give way", {{}, 10, {p6}, {}, 6, 2}, {3, 1, 6, 0}, flag},
-      {"too much", {{}, 4, {odd, p6, q2}, {}, 1, 1}, {0, 0, 0, 3, 1, 0}, ""},
+      {"too much", {{}, 3.5, {odd, p6, q1}, {}, 1, 1}, {0, 0, 0, 3, 0.5, 0}, ""},
       {"by CPU", {{}, 12, {p50, q100}, {}, 3, 1}, {3, 1, 2, 4, 2}, "cpu-share"},
       {"overbooked", {{}, 8, {p50, q100, r250, unknown}}, {0, 0, 1, 2, 5, 0, 0}, "cpu-share"},
       {"not by CPU", {{}, 8, {p1, q100}}, {0, 0, 1, 0, 7}, flag},
-      {"hidden", {{}, 8, {p4, q2}, {hidden}}, {0, 0, 3, 1, 2, 2}, host},
+      {"hidden", {{}, 8, {p4, q1}, {hidden}}, {0, 0, 3, 0.5, 1.5, 3}, host},
       {"shares over 1", {{}, 8, {p6}, {all, service}}, {0, 0, 0, 2, 4, 2}, host},
       {"twice", {{}, 8, {p4}, {half, quarter}}, {0, 0, 1, 3, 4}, host},
       {"listed twice", {{}, 8, {p4, p4}}, {0, 0, 4, 4}, flag},

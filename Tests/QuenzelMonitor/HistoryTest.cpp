@@ -17,6 +17,7 @@ namespace quenzel {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
@@ -165,7 +166,10 @@ TEST_F(HistoryReport, FoldsWhatBearsOneNameAndLosesNoEnergy) {
   const std::string text = historyReport(seen, {.width = 80, .isUnicode = true});
   EXPECT_THAT(
       text,
-      AllOf(HasSubstr("Energy     0.300 Wh, 10.00 W on average\n"), HasSubstr("draining at 100.0 % an hour"),
+      AllOf(HasSubstr("Energy     0.300 Wh, 10.00 W on average\nOn battery 0.300 Wh\nQuenzel    0.000 Wh, "
+                      "0.0 % of it\n"
+                      "Went to    processes 0.209 Wh, display and USB 0.000 Wh, unattributed 0.000 Wh\n"),
+            HasSubstr("draining at 100.0 % an hour"),
             HasSubstr("     0.0900   30.0%      3.000      3.000  2          App\n"),
             HasSubstr("     0.0188    6.2%      0.625      0.000  -          Z\n"),
             HasSubstr("     0.1000   33.3%      3.333      0.000  -          日本語のとても長いアプ"),
@@ -186,7 +190,8 @@ TEST_F(HistoryReport, SaysWhatItsFiguresAreWorth) {
                                "(some figures are modelled, not measured)\n"
                                "Only 100 s of that was sampled; gaps are not interpolated.\n"
                                "Snapshots of the future (up to 2027-01-15 13:45:00 +0545) are left out"),
-                    HasSubstr("Battery    50.0 %\n")))
+                    HasSubstr("Battery    50.0 %\n"), ContainsRegex("03:58 +04:13 +04:29\n"),
+                    HasSubstr("  1          a\n")))
       << "40 seconds are too short for a rate";
   add(2400, {{"a", 1}}, 50);
   EXPECT_THAT(historyReport(view(2410), {}), HasSubstr("Battery    50.0 %, steady\n"));
