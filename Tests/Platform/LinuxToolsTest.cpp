@@ -18,6 +18,7 @@ namespace {
 
 using platform::PowermetricsScan;
 using platform::TaskStat;
+using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
@@ -140,6 +141,8 @@ TEST(PowermetricsTool, LetsNoNamePassForAFigure) {
       "bin/powermetrics -n 1 -i 20 --show-process-energy --show-process-gpu --show-process-io "
       "--show-process-coalition --show-process-netstats --show-process-qos --show-usage-summary --samplers ";
   EXPECT_THAT(tool(command + "tasks --show-all").output, Not(HasSubstr("\nCPU Power: ")));
+  EXPECT_THAT(tool(command + "tasks").output,
+              AllOf(HasSubstr("ALL_TASKS"), Not(HasSubstr("Processor usage"))));
   tree.set("QZL_MODEL_HARDWARE", "1");
   const auto seen = PowermetricsParser().parse(tool(command + "all").output);
   EXPECT_EQ(seen.processes.size(), 1U);
