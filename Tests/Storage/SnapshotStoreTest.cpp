@@ -1,10 +1,13 @@
 #include <cmath>
 #include <limits>
+#include <map>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "SharedModels/Runtime/JSONCoding.hpp"
 #include "Storage/SQLiteSnapshotStore.hpp"
 #include "Storage/SQLiteSnapshotStoreLocation.hpp"
 #include "Storage/SnapshotSchema.hpp"
@@ -24,29 +27,19 @@ using testing::modeOf;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
 
-ProcessDrain shownProcess(std::int64_t pid, std::string name, double drainW) {
-  ProcessDrain process = makeProcessDrain(pid, name, drainW, {"powermetrics"});
-  process.displayName = process.canonicalName = name;
-  process.processGroupKey = "name:" + name;
-  return process;
-}
-
 /// A snapshot in which every stored field has a value of its own.
 DrainSnapshot fullSnapshot() {
-  const auto process = [](std::int64_t pid, std::optional<std::int64_t> parent, const char* name,
-                          double drainW, std::vector<std::string> flags) {
-    ProcessDrain row = shownProcess(pid, name, drainW);
-    row.parentPID = parent;
-    row.energyShare = drainW / 8;
-    row.sourceFlags = std::move(flags);
-    return row;
-  };
   DrainSnapshot snapshot = makeSnapshot(1'700'000'000.25, 21.5);
-  snapshot.processes = {process(7, 3, "/A/B.app/x", 4.5, {"a", "b"}), process(-9, {}, "of one PID", 2, {"c"}),
-                        process(-9, {}, "another", 1.25, {"d"}), process(-10, {}, "equal", 1.25, {})};
-  snapshot.processes[0].bundleID = "com.example.b";
-  snapshot.processes[0].displayName = "B";
-  snapshot.processes[0].canonicalName = "Bee";
+  snapshot.processes = {makeNamedDrain(7, "/A/B.app/x", 4.5, {"a", "b"}),
+                        makeNamedDrain(-9, "of one PID", 2, {"c"}),
+                        makeNamedDrain(-9, "another", 1.25, {"d"}), makeNamedDrain(-10, "equal", 1.25)};
+  ProcessDrain& first = snapshot.processes[0];
+  first.parentPID = 3;
+  first.bundleID = "com.example.b";
+  first.displayName = "B";
+  first.canonicalName = "Bee";
+  first.processGroupKey = "app:b";
+  first.energyShare = 0.5;
   snapshot.hidden = {{HiddenDrainKind::dockerContainer, "web", 2},
                      {HiddenDrainKind::launchdService, "s", 1},
                      {HiddenDrainKind::dockerContainer, "equal", 1}};
@@ -85,12 +78,13 @@ TEST_F(SnapshotStoreTest, MakesFolderFileAndTablesForEverybody) {
   EXPECT_EQ(modeOf(folder / "new"), 0777u);
   EXPECT_EQ(modeOf(folder / "new/er"), 0777u);
   EXPECT_EQ(modeOf(path), 0666u);
-  // Of each table its columns (the type's initial; "!": not null; "=": default; "#": place in the primary
-  // key) and foreign keys; of each index its columns.
+  // Of each table its columns' types ("!": not null; "=": default; "#": place in the primary key) and foreign
+  // keys; of each index its columns.
   const char* const describe =
-      "SELECT m.name || ':' || COALESCE((SELECT group_concat(' ' || name || ' ' || substr(type, 1, 1) || "
-      "iif(\"notnull\", '!', '') || COALESCE('=' || dflt_value, '') || iif(pk, '#' || pk, '')) "
-      "FROM pragma_table_info(m.name)), '') || COALESCE((SELECT group_concat('; ' || \"from\" || '>' || "
+      "SELECT m.name || ':' || COALESCE((SELECT group_concat(' ' || substr(type, 1, 1) || iif(\"notnull\", "
+      "'!', "
+      "'') || COALESCE('=' || dflt_value, '') || iif(pk, '#' || pk, ''), '') FROM "
+      "pragma_table_info(m.name)), '') || COALESCE((SELECT group_concat('; ' || \"from\" || '>' || "
       "\"table\" || '.' || \"to\" || ' ' || on_delete, '') FROM pragma_foreign_key_list(m.name)), '') || "
       "COALESCE((SELECT group_concat(' ' || name || iif(\"desc\", ' DESC', '')) FROM "
       "pragma_index_xinfo(m.name) WHERE key = 1), '') || iif(sql LIKE '%AUTOINCREMENT%', ' AUTO', '') "
@@ -98,20 +92,10 @@ TEST_F(SnapshotStoreTest, MakesFolderFileAndTablesForEverybody) {
   EXPECT_THAT(
       query(describe),
       ElementsAre(
-          "battery_status_samples: snapshot_id I#1, level_percent R!, remaining_wh R, is_charging I!, "
-          "external_power_connected I!, system_time_remaining_minutes I, discharge_watts R, cycle_count I, "
-          "voltage_mv I, amperage_ma I, temperature_centi_c I, design_capacity_mah I, max_capacity_mah I, "
-          "current_capacity_mah I, nominal_charge_capacity_mah I, design_cycle_count I, serial_number T, "
-          "device_name T, fully_charged I, is_ac_powered I, adapter_watts I, adapter_name T; "
+          "battery_status_samples: I#1 R! R I! I! I R I I I I I I I I I T T I I I T; "
           "snapshot_id>snapshots.id CASCADE",
-          "estimate_tracking: id I#1, estimate_timestamp R!, horizon_seconds I!, estimate_source T!, "
-          "on_battery I!, start_battery_percent R!, estimated_power_w R!, estimated_drain_rate_pct_hr R, "
-          "estimated_time_left_min I, evaluation_status T!='pending', evaluated_at R, "
-          "sample_duration_seconds R, actual_battery_percent R, actual_avg_power_w R, "
-          "actual_drain_rate_pct_hr R, actual_time_left_min R, power_error_w R, drain_rate_error_pct_hr R, "
-          "time_left_error_min R AUTO",
-          "hidden_drains: snapshot_id I!#1, kind T!#2, identifier T!#3, drain_w R!; "
-          "snapshot_id>snapshots.id CASCADE",
+          "estimate_tracking: I#1 R! I! T! I! R! R! R I T!='pending' R R R R R R R R R AUTO",
+          "hidden_drains: I!#1 T!#2 T!#3 R!; snapshot_id>snapshots.id CASCADE",
           "idx_estimate_tracking_estimate_ts: estimate_timestamp DESC",
           "idx_estimate_tracking_status_ts: evaluation_status, estimate_timestamp DESC",
           "idx_process_samples_canonical_name: canonical_name",
@@ -120,19 +104,11 @@ TEST_F(SnapshotStoreTest, MakesFolderFileAndTablesForEverybody) {
           "idx_process_samples_snapshot: snapshot_id",
           "idx_process_samples_snapshot_group_key: snapshot_id, process_group_key",
           "idx_snapshots_timestamp: timestamp DESC",
-          "process_samples: snapshot_id I!#1, pid I!#2, parent_pid I, process_name T!#3, bundle_id T, "
-          "display_name T!, canonical_name T!, process_group_key T!, drain_w R!, energy_share R!; "
-          "snapshot_id>snapshots.id CASCADE",
-          "process_source_flags: snapshot_id I!#1, pid I!#2, process_name T!#3, source_flag T!#4; "
-          "snapshot_id>process_samples.snapshot_id CASCADE; pid>process_samples.pid CASCADE; "
-          "process_name>process_samples.process_name CASCADE",
-          "schema_metadata: key T#1, value T!",
-          "snapshots: id I#1, timestamp R!, total_watts R!, process_total_w R!, tracker_total_w R!, "
-          "on_battery_power I, battery_level_percent R, pm_command_ok I, pm_parsed_process_count I, "
-          "pm_has_package_power I, pm_has_system_power I, used_estimated_total_power I, "
-          "screen_model_available I, usb_model_available I, components_screen_w R!, components_usb_w R!, "
-          "components_cpu_w R!=0, components_gpu_w R!=0, components_ane_w R!=0, components_ram_w R!=0, "
-          "components_pci_w R!=0, components_confidence R, unattributed_w R! AUTO"));
+          "process_samples: I!#1 I!#2 I T!#3 T T! T! T! R! R!; snapshot_id>snapshots.id CASCADE",
+          "process_source_flags: I!#1 I!#2 T!#3 T!#4; snapshot_id>process_samples.snapshot_id CASCADE; "
+          "pid>process_samples.pid CASCADE; process_name>process_samples.process_name CASCADE",
+          "schema_metadata: T#1 T!",
+          "snapshots: I#1 R! R! R! R! I R I I I I I I I R! R! R!=0 R!=0 R!=0 R!=0 R!=0 R R! AUTO"));
   EXPECT_THAT(query("SELECT key || value FROM schema_metadata;"), ElementsAre("snapshot_schema_version5"));
 }
 
@@ -176,50 +152,54 @@ TEST_F(SnapshotStoreTest, ReadsBackWhatItStored) {
 }
 
 TEST_F(SnapshotStoreTest, RefusesRowsThatCantBeShownOrStored) {
-  static constexpr double infinite = std::numeric_limits<double>::infinity();
-  const std::string row = " for published process row: b", none = " is not a finite number",
-                    rowB = " of the process row b" + none, part = " of the components" + none,
-                    battery = " of the battery status" + none;
-  struct Spoilt {
-    DrainSnapshot all = makeSnapshot(5, 10, {shownProcess(1, "a", 1), shownProcess(2, "b", 1)});
-    ProcessDrain& b = all.processes[1];
-    ComponentDrain& parts = all.components;
-    BatteryStatusSample& battery = all.batteryStatus.emplace();
-  };
-  const std::pair<std::string, void (*)(Spoilt&)> rows[] = {
-      {"Missing display_name" + row, [](Spoilt& s) { s.b.displayName = " \n\u00a0"; }},
-      {"Missing canonical_name" + row, [](Spoilt& s) { s.b.canonicalName.reset(); }},
-      {"Missing process_group_key" + row, [](Spoilt& s) { s.b.processGroupKey = ""; }},
-      {"PID 2147483648 is out of range" + row, [](Spoilt& s) { s.b.pid = std::int64_t{1} << 31; }},
-      {"PID -2147483649 is out of range" + row, [](Spoilt& s) { s.b.parentPID = -(1LL << 31) - 1; }},
+  const std::string row = " for published process row: b";
+  const std::pair<std::string, void (*)(ProcessDrain&)> rows[] = {
+      {"Missing display_name" + row, [](ProcessDrain& b) { b.displayName = " \n\u00a0"; }},
+      {"Missing canonical_name" + row, [](ProcessDrain& b) { b.canonicalName.reset(); }},
+      {"Missing process_group_key" + row, [](ProcessDrain& b) { b.processGroupKey = ""; }},
+      {"PID 2147483648 is out of range" + row, [](ProcessDrain& b) { b.pid = std::int64_t{1} << 31; }},
+      {"PID -2147483649 is out of range" + row, [](ProcessDrain& b) { b.parentPID = -(1LL << 31) - 1; }},
       {"UNIQUE constraint failed: process_samples.snapshot_id, process_samples.pid, "
        "process_samples.process_name",
-       [](Spoilt& s) { s.b.pid = 1, s.b.name = "a"; }},
-      {"drainW" + rowB, [](Spoilt& s) { s.b.drainW = std::nan(""); }},
-      {"energyShare" + rowB, [](Spoilt& s) { s.b.energyShare = infinite; }},
-      {"ramAttributedW" + rowB, [](Spoilt& s) { s.b.ramAttributedW = -infinite; }},
-      {"timestamp of the snapshot" + none, [](Spoilt& s) { s.all.timestamp = {infinite}; }},
-      {"unattributedW of the snapshot" + none, [](Spoilt& s) { s.all.unattributedW = infinite; }},
-      {"dramW" + part, [](Spoilt& s) { s.parts.dramW = infinite; }},
-      {"confidence" + part, [](Spoilt& s) { s.parts.confidence = infinite; }},
-      {"drainW of the hidden workload web" + none,
-       [](Spoilt& s) {
-         s.all.hidden.push_back({{}, "web", infinite});
-       }},
-      {"batteryLevelPercent of the power context" + none,
-       [](Spoilt& s) { s.all.powerContext.emplace().batteryLevelPercent = infinite; }},
-      {"remainingWh" + battery, [](Spoilt& s) { s.battery.remainingWh = std::nan(""); }}};
+       [](ProcessDrain& b) { b.pid = 1, b.name = "a"; }}};
   auto store = open();
   for (const auto& [message, spoil] : rows) {
-    Spoilt spoilt;
-    spoil(spoilt);
-    EXPECT_EQ(thrownBy<SnapshotStoreError>([&] { store.insert(spoilt.all); }).what(), message);
+    DrainSnapshot spoilt = makeSnapshot(5, 10, {makeNamedDrain(1, "a", 1), makeNamedDrain(2, "b", 1)});
+    spoil(spoilt.processes[1]);
+    EXPECT_EQ(thrownBy<SnapshotStoreError>([&] { store.insert(spoilt); }).what(), message);
   }
   EXPECT_EQ(query("SELECT COUNT(*) FROM snapshots;"), std::vector<std::string>{"0"}) << "rolled back whole";
   constexpr double largest = std::numeric_limits<double>::max();
-  const DrainSnapshot huge = makeSnapshot(1e300, largest, {shownProcess(INT32_MIN, "a", -largest)});
+  const DrainSnapshot huge = makeSnapshot(
+      1e300, largest, {makeNamedDrain(INT32_MAX, "b", largest), makeNamedDrain(INT32_MIN, "a", -largest)});
   EXPECT_EQ(store.insert(huge), inserted) << "any finite number, and the store is usable afterwards";
   EXPECT_EQ(store.fetchLatest(1), std::vector{huge});
+}
+
+TEST_F(SnapshotStoreTest, RefusesEachNumberThatIsNotFinite) {
+  const std::map<std::string, std::string> owners = {{"", "snapshot"},
+                                                     {"/processes/0", "process row /A/B.app/x"},
+                                                     {"/hidden/0", "hidden workload web"},
+                                                     {"/components", "components"},
+                                                     {"/powerContext", "power context"},
+                                                     {"/batteryStatus", "battery status"}};
+  DrainSnapshot snapshot = fullSnapshot();
+  snapshot.processes.resize(1);
+  snapshot.hidden.resize(1);
+  ProcessDrain& process = snapshot.processes[0];
+  process.rawCPUPercent = process.cpuCapacityFraction = process.cpuAttributedW = process.ramAttributedW = 1;
+  const nlohmann::json sound = encodeDrainSnapshot(snapshot);
+  const nlohmann::json fields = sound.flatten();
+  auto store = open();
+  for (const auto& [pointerText, value] : fields.items()) {
+    if (!value.is_number_float()) continue;
+    const nlohmann::json::json_pointer pointer(pointerText);
+    nlohmann::json spoilt = sound;
+    spoilt[pointer] = value < 3 ? std::numeric_limits<double>::infinity() : std::nan("");
+    EXPECT_EQ(thrownBy<SnapshotStoreError>([&] { store.insert(decodeDrainSnapshot(spoilt, {})); }).what(),
+              fmt::format("{} of the {} is not a finite number", pointer.back(),
+                          owners.at(pointer.parent_pointer().to_string())));
+  }
 }
 
 TEST_F(SnapshotStoreTest, KeepsTheBetterOfTwoOfTheSameMoment) {
@@ -233,8 +213,8 @@ TEST_F(SnapshotStoreTest, KeepsTheBetterOfTwoOfTheSameMoment) {
   for (const auto& row : rows) {
     std::filesystem::remove_all(folder / "new");
     auto store = open();
-    store.insert(makeSnapshot(1000, 10, {shownProcess(1, "a", 2)}));
-    EXPECT_EQ(store.insert(makeSnapshot(1000 + row.secondsLater, 10, {shownProcess(2, "b", row.processW)})),
+    store.insert(makeSnapshot(1000, 10, {makeNamedDrain(1, "a", 2)}));
+    EXPECT_EQ(store.insert(makeSnapshot(1000 + row.secondsLater, 10, {makeNamedDrain(2, "b", row.processW)})),
               row.outcome);
     std::vector<std::string> kept;
     for (const DrainSnapshot& snapshot : store.fetchLatest(9)) kept.push_back(snapshot.processes[0].name);
@@ -246,21 +226,16 @@ TEST_F(SnapshotStoreTest, KeepsTheBetterOfTwoOfTheSameMoment) {
 TEST_F(SnapshotStoreTest, ClockMayJump) {
   auto store = open();
   const std::pair<double, SnapshotInsertOutcome> rows[] = {
-      {0, inserted}, {4, inserted}, {4, replacedNearDuplicate}, {1, inserted}, {4, replacedNearDuplicate},
-      {-1, inserted}};
+      {4, inserted}, {1, inserted}, {4, replacedNearDuplicate}, {-1, inserted}, {1, inserted}};
   for (const auto& [hours, outcome] : rows) EXPECT_EQ(store.insert(makeSnapshot(hours * 3600, 10)), outcome);
-  std::vector<double> hours;
-  for (const DrainSnapshot& snapshot : store.fetchLatest(9))
-    hours.push_back(snapshot.timestamp.secondsSince1970() / 3600);
-  EXPECT_THAT(hours, ElementsAre(-1, 0, 1, 4));
-  EXPECT_DOUBLE_EQ(store.fetchEnergyUsageSummary(9).totalWh, 0.5) << "three minutes at 10 W";
+  EXPECT_THAT(store.fetchSnapshotIDs(), ElementsAre(4, 2, 5, 3));
 }
 
 TEST_F(SnapshotStoreTest, PurgesWhatIsOlderAndShrinks) {
   auto store = open();
   for (int index = 0; index < 40; ++index) {
     DrainSnapshot snapshot = makeSnapshot(index, 10);
-    for (int pid = 1; pid < 200; ++pid) snapshot.processes.push_back(shownProcess(pid, "process", 0.01));
+    for (int pid = 1; pid < 200; ++pid) snapshot.processes.push_back(makeNamedDrain(pid, "process", 0.01));
     store.insert(snapshot);
   }
   const auto size = [&] {
