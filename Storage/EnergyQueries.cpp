@@ -117,7 +117,7 @@ std::string EnergyQueries::usageSummarySQL(std::string_view ownBundlePrefix) {
 EnergyUsageSummary EnergyQueries::usageSummary(Database& database, const std::string& sql,
                                                std::int64_t limit) {
   using Summary = EnergyUsageSummary;
-  if (limit < 1) return {};  // SQLite would take a negative limit for none at all
+  if (limit < 2) return {};  // no slice; and SQLite would take a negative limit for none at all
   Statement select = database.prepared(sql);
   select.bind(limit);
   select.next();  // an aggregate always has one row

@@ -19,7 +19,6 @@ class WindowTimeline {
   /// @param timestamps ascending, all between start and end
   WindowTimeline(const std::vector<PointInTime>& timestamps, PointInTime start, PointInTime end);
 
-  std::size_t snapshotCount() const { return samples_.size(); }
   double hoursOf(std::size_t snapshot) const { return samples_[snapshot].hours; }
   /// The counted hours of the slice from the snapshot before it, and to the one after it; 0 at either end.
   double hoursBefore(std::size_t snapshot) const { return samples_[snapshot].hoursBefore; }

@@ -1,6 +1,3 @@
-#include <limits>
-
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "SharedModels/Runtime/JSONCoding.hpp"
@@ -81,25 +78,19 @@ TEST(SnapshotCodecTest, WritesEachFieldUnderItsNameInOrder) {
             ordered_json::parse(kInput));
 }
 
-/// Whether each key of a complete record is of its type, and may be left out unless it is required.
+/// Whether each key of a complete record may be left out, and be null, unless it is required.
 template <auto decode, auto encode>
 void checkKeys(const json& complete, const std::string& required) {
   const auto recode = [](const json& document) -> json { return encode(decode(document, {})); };
   EXPECT_EQ(recode(complete), complete);
   for (const auto& [key, value] : complete.items()) {
     SCOPED_TRACE(complete.dump() + "." + key);
-    json missing = complete, null = complete, wrong = complete;
+    json missing = complete, null = complete;
     missing.erase(key);
     null[key] = nullptr;
-    wrong[key] = value.is_object() ? json(true) : json::object();
-    const auto error = [&](const json& document) {
-      return thrownBy<JSONCodingError>([&] { recode(document); });
-    };
-    EXPECT_EQ(error(wrong).kind(), Kind::wrongType);
-    EXPECT_THAT(error(wrong).what(), testing::StartsWith(key + ": expected "));
     if ((" " + required + " ").find(" " + key + " ") != std::string::npos) {
-      EXPECT_EQ(error(missing).what(), key + ": missing");
-      EXPECT_EQ(error(null).kind(), Kind::wrongType);
+      EXPECT_EQ(thrownBy<JSONCodingError>([&] { recode(missing); }).what(), key + ": missing");
+      EXPECT_EQ(thrownBy<JSONCodingError>([&] { recode(null); }).kind(), Kind::wrongType);
     } else {
       EXPECT_EQ(recode(null), recode(missing));
       EXPECT_NE(recode(missing), complete);
@@ -128,27 +119,14 @@ TEST(SnapshotCodecTest, EachKeyIsRequiredOrOptionalAndOfItsType) {
       snapshot, "timestamp totalDischargeW processes hidden components unattributedW");
 }
 
-TEST(SnapshotCodecTest, SnapshotsReadBackEqual) {
-  DrainSnapshot extreme = kRecord;
-  extreme.timestamp = {-0.1};
-  extreme.totalDischargeW = std::numeric_limits<double>::denorm_min();
-  extreme.processes[0].pid = std::numeric_limits<std::int64_t>::min();
-  extreme.processes[0].name = std::string("a\0\"\\\n\u2028", 8);
-  for (const DrainSnapshot& snapshot : {DrainSnapshot{}, extreme}) {
+TEST(SnapshotCodecTest, SnapshotsReadBackEqualAndFailuresNameTheRow) {
+  for (const DrainSnapshot& snapshot : {DrainSnapshot{}, kRecord})
     EXPECT_EQ(SnapshotCodec::decodeSnapshot(SnapshotCodec::encodeSnapshot(snapshot)), snapshot);
-  }
   EXPECT_EQ(decodeProcessSample(parseJSON(R"({"pid":7,"name":"a"})"), {}), makeProcessSample(7, "a"));
-}
-
-TEST(SnapshotCodecTest, FailuresNameTheRow) {
   json document = json::parse(kSnapshot);
-  const auto failure = [&] {
-    return thrownBy<JSONCodingError>([&] { SnapshotCodec::decodeSnapshot(document.dump()); });
-  };
-  document["processes"][1]["drainW"] = "2";
-  EXPECT_STREQ(failure().what(), "processes[1].drainW: expected a number, found a string");
   document["processes"][0]["sourceFlags"][1] = 3;
-  EXPECT_STREQ(failure().what(), "processes[0].sourceFlags[1]: expected a string, found a number");
+  EXPECT_STREQ(thrownBy<JSONCodingError>([&] { SnapshotCodec::decodeSnapshot(document.dump()); }).what(),
+               "processes[0].sourceFlags[1]: expected a string, found a number");
 }
 
 TEST(DrainSnapshotTest, DerivedMembers) {

@@ -87,22 +87,25 @@ TEST_F(HistoryQueriesTest, IntegratesByTheTrapezoidRule) {
 }
 
 TEST_F(HistoryQueriesTest, SumsEachColumnUnderItsOwnName) {
-  for (const int index : {-1, 0, 1, 2, 3}) {
-    DrainSnapshot snapshot = snapshotAt(index * step, index == 3 ? 1 : 128);
-    if (index < 2) {
-      snapshot.processes = {member(1, "quenzel", "q", 256), member(2, "other", "o", 128)};
-      snapshot.components = {512, 640, 768, 896, 1024, 7, 7, 1152, 1280, 0.5};
-      snapshot.unattributedW = 1408;
-    }
-    snapshot.powerContext = {index == 1, {}};
+  // Of each snapshot its watts in total and the factor of those of its parts; the window leaves out both
+  // ends.
+  const std::pair<double, double> rows[] = {{128, 1}, {128, 1}, {128, 1}, {-256, -2}, {512, 0}, {1, 0}};
+  for (double seconds = -step; const auto& [totalW, factor] : rows) {
+    DrainSnapshot snapshot = snapshotAt(seconds, totalW);
+    if (factor > 0) snapshot.processes = {member(1, "quenzel", "q", 256), member(2, "other", "o", 128)};
+    snapshot.components = {384 * factor, 480 * factor, 576 * factor, 672 * factor, 768 * factor, 7, 7,
+                           864 * factor, 960 * factor, 0.5};
+    snapshot.unattributedW = 1056 * factor;
+    snapshot.powerContext = {seconds == step, {}};
     store.insert(snapshot);
+    seconds += step;
   }
-  const DetailsPipelineOutput details = store.fetchDetailsReadModel(2 * step, 0, at(2 * step), {});
+  const DetailsPipelineOutput details = store.fetchDetailsReadModel(3 * step, 0, at(3 * step), {});
   EXPECT_EQ(encodeDetailsWindowSummary(details.summary).dump(),
-            R"({"total_wh":4.0,"battery_wh":2.0,"tracker_wh":6.0,"tracked_hours":0.03125,)"
-            R"("sample_hours":0.03125,"process_wh":9.0,"screen_wh":12.0,"usb_wh":15.0,"cpu_wh":18.0,)"
-            R"("gpu_wh":21.0,"ane_wh":24.0,"ram_wh":27.0,"pci_wh":30.0,"unattributed_wh":33.0})");
-  EXPECT_EQ(details.averageComponents, (ComponentDrain{384, 480, 576, 672, 768, 0, 0, 864, 960, {}}));
+            R"({"total_wh":4.0,"battery_wh":2.0,"tracker_wh":6.0,"tracked_hours":0.046875,)"
+            R"("sample_hours":0.046875,"process_wh":9.0,"screen_wh":6.0,"usb_wh":7.5,"cpu_wh":9.0,)"
+            R"("gpu_wh":10.5,"ane_wh":12.0,"ram_wh":13.5,"pci_wh":15.0,"unattributed_wh":16.5})");
+  EXPECT_EQ(details.averageComponents, (ComponentDrain{128, 160, 192, 224, 256, 0, 0, 288, 320, 0.5}));
 }
 
 TEST_F(HistoryQueriesTest, TracksItsOwnEnergy) {

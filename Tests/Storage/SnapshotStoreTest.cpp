@@ -203,22 +203,19 @@ TEST_F(SnapshotStoreTest, RefusesEachNumberThatIsNotFinite) {
 }
 
 TEST_F(SnapshotStoreTest, KeepsTheBetterOfTwoOfTheSameMoment) {
-  const struct {
-    double secondsLater, processW;
-    SnapshotInsertOutcome outcome;
-    std::vector<std::string> kept;
-  } rows[] = {{0.4, 2, replacedNearDuplicate, {"b"}},  {0.5, 3, replacedNearDuplicate, {"b"}},
-              {-0.4, 2, replacedNearDuplicate, {"b"}}, {0.4, 1, droppedNearDuplicate, {"a"}},
-              {0.625, 1, inserted, {"a", "b"}},        {-0.625, 1, inserted, {"b", "a"}}};
-  for (const auto& row : rows) {
+  const std::string replaced = "replacedNearDuplicate", dropped = "droppedNearDuplicate";
+  const std::tuple<double, double, std::string, std::string> rows[] = {
+      {0.4, 2, replaced, "b"}, {0.5, 3, replaced, "b"},      {-0.4, 2, replaced, "b"},
+      {0.4, 1, dropped, "a"},  {0.625, 1, "inserted", "ab"}, {-0.625, 1, "inserted", "ba"}};
+  for (const auto& [secondsLater, processW, outcome, names] : rows) {
     std::filesystem::remove_all(folder / "new");
     auto store = open();
     store.insert(makeSnapshot(1000, 10, {makeNamedDrain(1, "a", 2)}));
-    EXPECT_EQ(store.insert(makeSnapshot(1000 + row.secondsLater, 10, {makeNamedDrain(2, "b", row.processW)})),
-              row.outcome);
-    std::vector<std::string> kept;
-    for (const DrainSnapshot& snapshot : store.fetchLatest(9)) kept.push_back(snapshot.processes[0].name);
-    EXPECT_EQ(kept, row.kept) << row.secondsLater << " s later with " << row.processW << " W";
+    const auto other = makeSnapshot(1000 + secondsLater, 10, {makeNamedDrain(2, "b", processW)});
+    EXPECT_EQ(rawValue(store.insert(other)), outcome);
+    std::string kept;
+    for (const DrainSnapshot& snapshot : store.fetchLatest(9)) kept += snapshot.processes[0].name;
+    EXPECT_EQ(kept, names) << secondsLater << " s later with " << processW << " W";
   }
 }
 

@@ -318,6 +318,7 @@ TEST_F(StoreFaultTest, NoJournalHasAnotherFileDeleted) {
   folder.write("disk/h.sqlite-journal", journal + magic);
   EXPECT_EQ(run("import"), (CommandResult{0, "inserted\n"}));
   EXPECT_EQ(folder.read("victim"), "precious");
+  EXPECT_FALSE(std::filesystem::exists(path + "-journal")) << "found, and dealt with";
   EXPECT_EQ(soundContent(path).size(), 2U);
 }
 
