@@ -14,14 +14,14 @@ struct Wording {
 };
 
 /// In the order of the cases.
-constexpr std::array<Wording, 4> kWordings{{
+constexpr std::array kWordings = std::to_array<Wording>({
     {publishable, "publishable", std::nullopt},
     {insufficientTotalPower, "insufficientTotalPower", "total power was not high enough to publish"},
     {missingAttributedProcesses, "missingAttributedProcesses",
      "powermetrics reported attributed power but no processes were publishable"},
     {missingProcessDrain, "missingProcessDrain",
      "powermetrics reported attributed power but process drain summed to zero"},
-}};
+});
 
 const Wording& wording(SnapshotPublicationDecision decision) {
   return kWordings.at(static_cast<std::size_t>(decision));

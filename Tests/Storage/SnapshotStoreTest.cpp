@@ -52,7 +52,7 @@ DrainSnapshot fullSnapshot() {
   return snapshot;
 }
 
-std::vector<std::string> column(Database& database, const char* sql) {
+std::vector<std::string> column(Database& database, std::string_view sql) {
   std::vector<std::string> values;
   Statement rows = database.prepared(sql);
   while (rows.next()) values.push_back(rows.column<std::string>(0));
@@ -62,7 +62,7 @@ std::vector<std::string> column(Database& database, const char* sql) {
 class SnapshotStoreTest : public ::testing::Test {
  protected:
   SQLiteSnapshotStore open() { return {path, Mode::readWriteCreate}; }
-  std::vector<std::string> query(const char* sql) {
+  std::vector<std::string> query(const std::string& sql) {
     Database database(path, Database::Access::readWriteCreate);
     return column(database, sql);
   }
@@ -142,8 +142,13 @@ TEST_F(SnapshotStoreTest, ReadsBackWhatItStored) {
   EXPECT_EQ(store.fetchSnapshot(1), snapshot);
   EXPECT_EQ(store.fetchSnapshot(3), std::nullopt);
   EXPECT_TRUE(store.fetchLatest(0).empty());
-  query("UPDATE snapshots SET usb_model_available = NULL; UPDATE hidden_drains SET kind = 'of the future';");
-  EXPECT_EQ(store.fetchSnapshot(1)->telemetry, std::nullopt) << "one absent column";
+  for (const std::string telemetry :
+       {"pm_command_ok", "pm_parsed_process_count", "pm_has_package_power", "pm_has_system_power",
+        "used_estimated_total_power", "screen_model_available", "usb_model_available"}) {
+    query("UPDATE snapshots SET " + telemetry + " = NULL;");
+    EXPECT_EQ(store.fetchSnapshot(1)->telemetry, std::nullopt) << telemetry;
+    query("UPDATE snapshots SET " + telemetry + " = 1;");
+  }
   query("DELETE FROM snapshots WHERE id = 1;");
   EXPECT_THAT(query("SELECT (SELECT COUNT(*) FROM process_samples) || (SELECT COUNT(*) FROM "
                     "process_source_flags) || (SELECT COUNT(*) FROM hidden_drains) || "
@@ -248,6 +253,51 @@ TEST_F(SnapshotStoreTest, PurgesWhatIsOlderAndShrinks) {
   EXPECT_LT(size(), before / 4);
 }
 
+TEST_F(SnapshotStoreTest, FollowsAnEstimateToItsEvaluation) {
+  using Status = EstimateTrackingStatus;
+  const auto at = [](double seconds) { return PointInTime{seconds}; };
+  const auto idsOf = [](const std::vector<EstimateTrackingRow>& rows) {
+    std::string ids;
+    for (const EstimateTrackingRow& row : rows) ids += std::to_string(row.id);
+    return ids;
+  };
+  auto store = open();
+  const std::string estimate =
+      R"("estimatedAt":300.0,"horizonSeconds":900,"estimateSource":"système",)"
+      R"("onBatteryPower":true,"startingBatteryLevelPercent":81.5,"estimatedPowerW":12.25,)"
+      R"("estimatedDrainRatePctPerHour":9.5,"estimatedTimeRemainingMinutes":480)";
+  const std::string evaluation =
+      R"("status":"evaluated","evaluatedAt":1200.0,"sampleDurationSeconds":890.5,)"
+      R"("actualBatteryLevelPercent":79.25,"actualAveragePowerW":11.75,)"
+      R"("actualDrainRatePctPerHour":9.0,"actualTimeRemainingMinutes":500.5,)"
+      R"("powerErrorW":-0.5,"drainRateErrorPctPerHour":-0.25,"timeRemainingErrorMinutes":20.5)";
+  EXPECT_EQ(store.insert(decodeEstimateInput(parseJSON("{" + estimate + "}"), {})), 1);
+  EXPECT_EQ(store.insert(EstimateTrackingEstimateInput{.estimatedAt = at(100)}), 2);
+  EXPECT_EQ(store.insert(EstimateTrackingEstimateInput{.estimatedAt = at(200)}), 3);
+
+  EXPECT_EQ(store.fetchPendingEstimates(1), (std::vector<EstimateTrackingRow>{{2, at(100)}}));
+  EXPECT_EQ(idsOf(store.fetchPendingEstimates(2)), "23") << "oldest first";
+  EXPECT_EQ(idsOf(store.fetchEstimateRows(2)), "13") << "newest first";
+  EXPECT_TRUE(store.fetchEstimateRows(-1).empty());
+
+  EXPECT_TRUE(store.applyEvaluation(1, decodeEvaluationInput(parseJSON("{" + evaluation + "}"), {})));
+  EXPECT_TRUE(store.applyEvaluation(2, {.status = Status::skippedPowerSourceChange, .evaluatedAt = at(160)}));
+  EXPECT_FALSE(store.applyEvaluation(99, {.status = Status::evaluated}));
+  EXPECT_EQ(idsOf(store.fetchPendingEstimates(9)), "3");
+  const auto rows = store.fetchEstimateRows(9);
+  EXPECT_EQ(rows[0],
+            (EstimateTrackingRow{1, at(300), 900, "système", true, 81.5, 12.25, 9.5, 480, Status::evaluated,
+                                 at(1200), 890.5, 79.25, 11.75, 9, 500.5, -0.5, -0.25, 20.5}));
+  EXPECT_EQ(encodeEstimateRow(rows[0]).dump(),
+            R"({"id":1,)" + estimate + "," + evaluation + R"(,"isEvaluated":true})");
+  EXPECT_FALSE(rows[2].isEvaluated());
+
+  EXPECT_THAT(query("SELECT evaluation_status FROM estimate_tracking WHERE id = 2;"),
+              ElementsAre("skipped_power_source_change"));
+  query("UPDATE estimate_tracking SET evaluation_status = 'of the future' WHERE id = 3;");
+  EXPECT_EQ(store.fetchEstimateRows(9)[1].status, Status::skippedInsufficientData);
+}
+
 TEST(SQLiteSnapshotStoreLocation, IsSharedOrTheUsersOwn) {
   EXPECT_EQ(SQLiteSnapshotStoreLocation::localAppDatabaseURL("/u/data"),
             "/u/data/Quenzel/battery_history.sqlite");
@@ -259,7 +309,7 @@ TEST(SQLiteSnapshotStoreLocation, IsSharedOrTheUsersOwn) {
   EXPECT_EQ(SQLiteSnapshotStoreLocation::localAppDatabaseURL(),
             "/u/.local/share/Quenzel/battery_history.sqlite");
   const TemporaryDirectory folder;
-  folder.write("file", "");
+  std::filesystem::permissions(folder.write("file", ""), std::filesystem::perms::owner_all);
   folder.write("there/Quenzel/battery_history.sqlite", "");
   const std::pair<const char*, bool> rows[] = {
       {".", true}, {"missing/too", true}, {"there", true}, {"file", false}, {"file/below", false}};
@@ -280,6 +330,7 @@ TEST_F(SnapshotStoreTest, FailsWithSQLitesOwnWords) {
   };
   EXPECT_EQ(thrownBy<SnapshotStoreError>([] { SQLiteSnapshotStore("", Mode::readOnly); }).kind(),
             SnapshotStoreError::Kind::invalidPath);
+  EXPECT_STREQ(SnapshotStoreError::ofConnection(nullptr).what(), "Unknown SQLite error");
   EXPECT_EQ(failure("", Mode::readWriteCreate), "Invalid database path");
   EXPECT_EQ(failure(path, Mode::readOnly), "unable to open database file");
   EXPECT_FALSE(std::filesystem::exists(folder / "new"));

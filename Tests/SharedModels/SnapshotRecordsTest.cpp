@@ -1,13 +1,22 @@
+#include <array>
+#include <cmath>
+#include <limits>
+
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "SharedModels/Runtime/JSONCoding.hpp"
+#include "SharedModels/Snapshot/SamplingConfig.hpp"
 #include "SharedModels/Snapshot/SnapshotCodec.hpp"
+#include "SharedModels/Snapshot/SnapshotPublicationPolicy.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
 #include "Tests/Support/ThrownBy.hpp"
 
 namespace quenzel {
 namespace {
 
+using enum SnapshotPublicationDecision;
+using SnapshotCodec::decodeConfig;
 using Kind = JSONCodingError::Kind;
 using nlohmann::json;
 using nlohmann::ordered_json;
@@ -142,6 +151,78 @@ TEST(DrainSnapshotTest, DerivedMembers) {
   };
   EXPECT_FALSE(flagged({}) || flagged({"ram_model", "xpowermetrics", "Powermetrics", "power"}));
   EXPECT_TRUE(flagged({"powermetrics_gpu", "x"}) && flagged({"ram_model", "powermetrics"}));
+}
+
+TEST(SamplingConfigTest, MissingKeysTakeTheirDefaults) {
+  EXPECT_EQ(SnapshotCodec::encodeConfig(decodeConfig("{}")),
+            R"({"minIntervalSec":5,"maxIntervalSec":30,"developerMode":false,"samplingMode":"background",)"
+            R"("backgroundIntervalSec":20,"interactiveIntervalSec":8,"burstIntervalSec":8,)"
+            R"("powermetricsIntervalSec":30,"hiddenRefreshIntervalSec":300,"usbRefreshIntervalSec":300,)"
+            R"("isOnBatteryPower":true})");
+  EXPECT_EQ(decodeConfig(R"({"burstIntervalSec":null,"samplingMode":null,"later":1})"), SamplingConfig());
+  EXPECT_STREQ(thrownBy<JSONCodingError>([] { decodeConfig(R"({"samplingMode":"turbo"})"); }).what(),
+               "samplingMode: \"turbo\" is none of the possible values");
+}
+
+TEST(SamplingConfigTest, RaisesWhatLiesBelowItsFloor) {
+  // Intervals in seconds: least, most, background, interactive, burst, powermetrics, hidden, USB.
+  using Intervals = std::array<std::int64_t, 8>;
+  constexpr auto lowest = std::numeric_limits<std::int64_t>::min();
+  const Intervals rows[][2] = {
+      {{lowest, lowest, lowest, lowest, lowest, lowest, lowest, lowest}, {1, 1, 1, 1, 1, 1, 30, 30}},
+      {{10, 4, 0, -1, 0, 0, 29, 29}, {10, 10, 1, 1, 1, 1, 30, 30}},
+      {{2, 3, 4, 5, 6, 7, 31, 32}, {2, 3, 4, 5, 6, 7, 31, 32}}};
+  const auto config = [](const Intervals& in) {
+    return SamplingConfig(
+        {in[0], in[1], true, SamplingMode::burst, in[2], in[3], in[4], in[5], in[6], in[7]});
+  };
+  for (const auto& [given, floored] : rows) {
+    const SamplingSettings set = config(given).settings();
+    EXPECT_EQ((Intervals{set.minIntervalSec, set.maxIntervalSec, set.backgroundIntervalSec,
+                         set.interactiveIntervalSec, set.burstIntervalSec, set.powermetricsIntervalSec,
+                         set.hiddenRefreshIntervalSec, set.usbRefreshIntervalSec}),
+              floored);
+    EXPECT_EQ(decodeConfig(SnapshotCodec::encodeConfig(config(given))), config(given));
+  }
+  EXPECT_EQ(decodeConfig(R"({"minIntervalSec":0})"), SamplingConfig({.minIntervalSec = 1}));
+}
+
+TEST(SamplingConfigTest, TheModeChoosesTheIntervals) {
+  std::string chosen;
+  for (const std::int64_t powermetrics : {30, 4}) {
+    for (const auto mode : {SamplingMode::background, SamplingMode::interactive, SamplingMode::burst}) {
+      const SamplingConfig config({5, 30, false, mode, 21, 9, 3, powermetrics});
+      chosen += fmt::format("{} s, {} s; ", config.activeIntervalSec(), config.powermetricsCacheTTLSeconds());
+    }
+  }
+  EXPECT_EQ(chosen, "21 s, 30 s; 9 s, 10 s; 3 s, 10 s; 21 s, 4 s; 9 s, 4 s; 3 s, 4 s; ");
+}
+
+TEST(SnapshotPublicationPolicyTest, LooksAtTheTotalAlone) {
+  const auto decision = [](double totalW) {
+    return SnapshotPublicationPolicy::decision(makeSnapshot(0, totalW));
+  };
+  for (const double low : {0.1, -5.0}) EXPECT_EQ(decision(low), insufficientTotalPower) << low;
+  for (const double enough : {0.1000001, 20.0, std::nan("")}) EXPECT_EQ(decision(enough), publishable);
+}
+
+TEST(SnapshotPublicationPolicyTest, DecisionsHaveTheirCodesAndReasons) {
+  using Reason = std::optional<std::string_view>;
+  const std::tuple<SnapshotPublicationDecision, std::string_view, Reason> rows[] = {
+      {publishable, "publishable", std::nullopt},
+      {insufficientTotalPower, "insufficientTotalPower", "total power was not high enough to publish"},
+      {missingAttributedProcesses, "missingAttributedProcesses",
+       "powermetrics reported attributed power but no processes were publishable"},
+      {missingProcessDrain, "missingProcessDrain",
+       "powermetrics reported attributed power but process drain summed to zero"},
+  };
+  for (const auto& [decision, code, reason] : rows) {
+    EXPECT_EQ(rawValue(decision), code);
+    EXPECT_EQ(snapshotPublicationDecision(code), decision);
+    EXPECT_EQ(rejectionReason(decision), reason) << code;
+    EXPECT_EQ(isPublishable(decision), !reason) << code;
+  }
+  EXPECT_EQ(snapshotPublicationDecision("Publishable"), std::nullopt);
 }
 
 }  // namespace
