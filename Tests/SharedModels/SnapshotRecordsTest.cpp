@@ -1,4 +1,3 @@
-#include <array>
 #include <cmath>
 #include <limits>
 
@@ -68,7 +67,6 @@ Record make(Fields... fields) {
 const auto kSample = make<ProcessSample>(501, 1, 77, "/Applications/Ma\u00efl.app/Contents/MacOS/Mail",
                                          "com.example.mail", 1.5, 1.25, 0.25, true, 18446744073709551615U,
                                          0.1, 9007199254740993U, 1000.5, 2.0, 3.0, 4.0, 5.0, 6.0);
-const HiddenWorkloadMapping kMapping{HiddenDrainKind::launchdService, "com.example.job", {{9, 0.5}}};
 const auto kDrain = make<ProcessDrain>(-1234567890, 1, "Mail", "com.example.mail", "Mail \u2014 Inbox",
                                        "mail", "app:mail", 2.5, 0.3, 12.5, 0.015625, 2.25, 0.25,
                                        std::vector<std::string>{"ram_model", "powermetrics_cpu"});
@@ -83,7 +81,13 @@ const auto kRecord = make<DrainSnapshot>(
 
 TEST(SnapshotCodecTest, WritesEachFieldUnderItsNameInOrder) {
   EXPECT_EQ(encodeDrainSnapshot(kRecord), ordered_json::parse(kSnapshot));
-  EXPECT_EQ(encodeAttributionInput({{0.5}, 8.5, {kSample}, {kMapping}, 0, 0.25, true}),
+  EXPECT_EQ(encodeAttributionInput({{0.5},
+                                    8.5,
+                                    {kSample},
+                                    {{HiddenDrainKind::launchdService, "com.example.job", {{9, 0.5}}}},
+                                    0,
+                                    0.25,
+                                    true}),
             ordered_json::parse(kInput));
 }
 
@@ -165,24 +169,15 @@ TEST(SamplingConfigTest, MissingKeysTakeTheirDefaults) {
 }
 
 TEST(SamplingConfigTest, RaisesWhatLiesBelowItsFloor) {
-  // Intervals in seconds: least, most, background, interactive, burst, powermetrics, hidden, USB.
-  using Intervals = std::array<std::int64_t, 8>;
-  constexpr auto lowest = std::numeric_limits<std::int64_t>::min();
-  const Intervals rows[][2] = {
-      {{lowest, lowest, lowest, lowest, lowest, lowest, lowest, lowest}, {1, 1, 1, 1, 1, 1, 30, 30}},
-      {{10, 4, 0, -1, 0, 0, 29, 29}, {10, 10, 1, 1, 1, 1, 30, 30}},
-      {{2, 3, 4, 5, 6, 7, 31, 32}, {2, 3, 4, 5, 6, 7, 31, 32}}};
-  const auto config = [](const Intervals& in) {
-    return SamplingConfig(
-        {in[0], in[1], true, SamplingMode::burst, in[2], in[3], in[4], in[5], in[6], in[7]});
-  };
+  constexpr auto low = std::numeric_limits<std::int64_t>::min();
+  constexpr auto burst = SamplingMode::burst;
+  const SamplingSettings rows[][2] = {
+      {{low, low, true, burst, low, low, low, low, low, low, true},
+       {1, 1, true, burst, 1, 1, 1, 1, 30, 30, true}},
+      {{10, 4, false, burst, 4, 5, 6, 7, 31, 32, false}, {10, 10, false, burst, 4, 5, 6, 7, 31, 32, false}}};
   for (const auto& [given, floored] : rows) {
-    const SamplingSettings set = config(given).settings();
-    EXPECT_EQ((Intervals{set.minIntervalSec, set.maxIntervalSec, set.backgroundIntervalSec,
-                         set.interactiveIntervalSec, set.burstIntervalSec, set.powermetricsIntervalSec,
-                         set.hiddenRefreshIntervalSec, set.usbRefreshIntervalSec}),
-              floored);
-    EXPECT_EQ(decodeConfig(SnapshotCodec::encodeConfig(config(given))), config(given));
+    EXPECT_EQ(SamplingConfig(given).settings(), floored);
+    EXPECT_EQ(decodeConfig(SnapshotCodec::encodeConfig(SamplingConfig(given))).settings(), floored);
   }
   EXPECT_EQ(decodeConfig(R"({"minIntervalSec":0})"), SamplingConfig({.minIntervalSec = 1}));
 }

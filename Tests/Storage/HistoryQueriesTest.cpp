@@ -60,28 +60,27 @@ TEST(SnapshotQuality, RanksByMeaningfulPowerThenByCoverage) {
 }
 
 TEST_F(HistoryQueriesTest, IntegratesByTheTrapezoidRule) {
-  const struct {
-    const char *readings, *usage;  ///< watt-hours, those on battery, and seconds from first to last
-    double sampledSeconds;
-  } rows[] = {{"", "0 0 0", 0},
-              {"0 10 b", "0 0 0", 0},
-              {"0 10 - 10 20 -", "0.0416667 0 10", 10},
-              {"0 10 - 600 20 -", "0.25 0 600", 60},
-              {"0 -30 b 36 10 b 72 10 b", "0.1 0.1 72", 72},
-              {"0 10 b 36 10 -", "0.1 0.1 36", 36},
-              {"0 10 b 36 10 a 72 20 b", "0.25 0.15 72", 72},
-              {"0 10 - 36 10 - 0 10 -", "0.1 0 36", 36}};  // equal times, no near duplicate of the newest
+  // Readings; their watt-hours, those on battery, and seconds from first to last; the sampled seconds.
+  const std::tuple<const char*, const char*, double> rows[] = {
+      {"", "0 0 0", 0},
+      {"0 10 b", "0 0 0", 0},
+      {"0 10 - 10 20 -", "0.0416667 0 10", 10},
+      {"0 10 - 600 20 -", "0.25 0 600", 60},
+      {"0 -30 b 36 10 b 72 10 b", "0.1 0.1 72", 72},
+      {"0 10 b 36 10 -", "0.1 0.1 36", 36},
+      {"0 10 b 36 10 a 72 20 b", "0.25 0.15 72", 72},
+      {"0 10 - 36 10 - 0 10 -", "0.1 0 36", 36}};  // equal times, no near duplicate of the newest
   const auto textOf = [](const auto& summary) {
     return fmt::format("{:.6g} {:.6g} {:.6g}", summary.totalWh, summary.batteryWh,
                        summary.trackedHours * 3600);
   };
-  for (const auto& row : rows) {
+  for (const auto& [readings, usage, sampledSeconds] : rows) {
     clear();
-    add(row.readings);
+    add(readings);
     const DetailsWindowSummary window = store.fetchDetailsWindowSummary(at(0), at(600));
-    EXPECT_EQ(textOf(window), row.usage) << row.readings;
-    EXPECT_EQ(textOf(store.fetchEnergyUsageSummary(100)), row.usage) << row.readings;
-    EXPECT_NEAR(window.sampleHours * 3600, row.sampledSeconds, 1e-9) << row.readings;
+    EXPECT_EQ(textOf(window), usage) << readings;
+    EXPECT_EQ(textOf(store.fetchEnergyUsageSummary(100)), usage) << readings;
+    EXPECT_NEAR(window.sampleHours * 3600, sampledSeconds, 1e-9) << readings;
   }
   for (const int limit : {1, -1}) EXPECT_EQ(store.fetchEnergyUsageSummary(limit), EnergyUsageSummary{});
 }
@@ -236,11 +235,11 @@ TEST_F(HistoryQueriesTest, SaysThatFiguresAreModelled) {
 }
 
 TEST_F(HistoryQueriesTest, FallsBackToTheLiveSnapshot) {
-  DrainSnapshot fallback = snapshotAt(0, 3);
+  DrainSnapshot fallback = snapshotAt(90, 3);
   fallback.components = {.screenW = -1, .cpuW = 2, .confidence = 0.5};
   const DetailsPipelineOutput details = store.fetchDetailsReadModel(60, 5, {}, fallback);
-  EXPECT_EQ(details.anchor, at(0));
-  EXPECT_EQ(details.windowStart, at(-60));
+  EXPECT_EQ(details.anchor, at(90));
+  EXPECT_EQ(details.windowStart, at(30));
   EXPECT_EQ(details.latestSnapshot, fallback);
   EXPECT_EQ(details.averageComponents, (ComponentDrain{.cpuW = 2, .confidence = 0.5}));
 }
