@@ -27,8 +27,7 @@ constexpr auto kSnapshot = R"({
     {"pid": -1234567890, "parentPID": 1, "name": "Mail", "bundleID": "com.example.mail",
      "displayName": "Mail \u2014 Inbox", "canonicalName": "mail", "processGroupKey": "app:mail",
      "drainW": 2.5, "energyShare": 0.3, "rawCPUPercent": 12.5, "cpuCapacityFraction": 0.015625,
-     "cpuAttributedW": 2.25, "ramAttributedW": 0.25, "sourceFlags": ["ram_model", "powermetrics_cpu"]},
-    {"pid": 42, "name": "Mail", "drainW": 0.5, "energyShare": 0, "sourceFlags": []}],
+     "cpuAttributedW": 2.25, "ramAttributedW": 0.25, "sourceFlags": ["ram_model", "powermetrics_cpu"]}],
   "hidden": [{"kind": "cloudflared_tunnel", "identifier": "edge", "drainW": 0.125}],
   "components": {"screenW": 3, "usbW": 0.75, "cpuW": 4, "gpuW": 1, "aneW": 0.0625, "dramW": 0.5,
                  "memoryFabricW": 0.375, "ramW": 0.875, "pciW": 0.1875, "confidence": 0.9},
@@ -47,8 +46,7 @@ constexpr auto kSnapshot = R"({
 constexpr auto kInput = R"({
   "timestamp": 0.5, "totalDischargeW": 8.5,
   "processes": [
-    {"pid": 501, "parentPID": 1, "responsiblePID": 77,
-     "name": "/Applications/Ma\u00efl.app/Contents/MacOS/Mail", "bundleID": "com.example.mail",
+    {"pid": 501, "parentPID": 1, "responsiblePID": 77, "name": "/Ma\u00efl.app/Mail", "bundleID": "com.mail",
      "powermetricsPackageW": 1.5, "powermetricsCPUW": 1.25, "powermetricsGPUW": 0.25,
      "powermetricsGPUFallbackAllocated": true, "residentMemoryBytes": 18446744073709551615,
      "cpuPercent": 0.1, "cpuTimeDeltaNs": 9007199254740993, "samplingIntervalMs": 1000.5, "gpuTimeMs": 2,
@@ -64,9 +62,9 @@ Record make(Fields... fields) {
 }
 
 // ... and the same values as records, field by field in the same order; no double holds 2^53 + 1.
-const auto kSample = make<ProcessSample>(501, 1, 77, "/Applications/Ma\u00efl.app/Contents/MacOS/Mail",
-                                         "com.example.mail", 1.5, 1.25, 0.25, true, 18446744073709551615U,
-                                         0.1, 9007199254740993U, 1000.5, 2.0, 3.0, 4.0, 5.0, 6.0);
+const auto kSample =
+    make<ProcessSample>(501, 1, 77, "/Ma\u00efl.app/Mail", "com.mail", 1.5, 1.25, 0.25, true,
+                        18446744073709551615U, 0.1, 9007199254740993U, 1000.5, 2.0, 3.0, 4.0, 5.0, 6.0);
 const auto kDrain = make<ProcessDrain>(-1234567890, 1, "Mail", "com.example.mail", "Mail \u2014 Inbox",
                                        "mail", "app:mail", 2.5, 0.3, 12.5, 0.015625, 2.25, 0.25,
                                        std::vector<std::string>{"ram_model", "powermetrics_cpu"});
@@ -74,7 +72,7 @@ const auto kBattery =
     make<BatteryStatusSample>(81.5, 50, true, false, 240, 18, 17, 12500, -1500, 3012, 5103, 4900, 4000, 4950,
                               1000, "F5D1234", "bq40z651", false, true, 96, "96W USB-C \"Power\" Adapter");
 const auto kRecord = make<DrainSnapshot>(
-    PointInTime{778123456.789}, 13.75, std::vector{kDrain, makeProcessDrain(42, "Mail", 0.5, {})},
+    PointInTime{778123456.789}, 13.75, std::vector{kDrain},
     std::vector<HiddenDrain>{{HiddenDrainKind::cloudflaredTunnel, "edge", 0.125}},
     ComponentDrain{3, 0.75, 4, 1, 0.0625, 0.5, 0.375, 0.875, 0.1875, 0.9}, 1.375,
     SourceTelemetry{true, 412, false, true, false, false, true}, PowerUsageContext{true, 81.25}, kBattery);

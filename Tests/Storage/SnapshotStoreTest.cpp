@@ -47,8 +47,8 @@ DrainSnapshot fullSnapshot() {
   snapshot.unattributedW = 10.75;
   snapshot.telemetry = {true, 12, false, true, false, true, false};
   snapshot.powerContext = {true, 64.5};
-  snapshot.batteryStatus = {64.5, 40.25, false, true, 120,  21.5, 300,   12100, -1700, 3050, 5103,
-                            4800, 3100,  4900,  1000, "SN", "bq", false, true,  96,    "96W"};
+  snapshot.batteryStatus = {64.5, 40.25, false, true, 120,  21.5, 300,  12100, -1700, 3050, 5103,
+                            4800, 3100,  4900,  1000, "SN", "bq", true, false, 96,    "96W"};
   return snapshot;
 }
 
@@ -283,15 +283,13 @@ TEST_F(SnapshotStoreTest, FollowsAnEstimateToItsEvaluation) {
 }
 
 TEST(SQLiteSnapshotStoreLocation, IsSharedOrTheUsersOwn) {
-  EXPECT_EQ(SQLiteSnapshotStoreLocation::localAppDatabaseURL("/u/data"),
-            "/u/data/Quenzel/battery_history.sqlite");
-  EXPECT_STREQ(thrownBy<SQLiteSnapshotStoreLocationError>([] {
-                 SQLiteSnapshotStoreLocation::localAppDatabaseURL(std::nullopt);
-               }).what(),
-               "Unable to locate the Application Support directory.");
+  namespace Location = SQLiteSnapshotStoreLocation;
+  EXPECT_STREQ(
+      thrownBy<SQLiteSnapshotStoreLocationError>([] { Location::localAppDatabaseURL(std::nullopt); }).what(),
+      "Unable to locate the Application Support directory.");
   const ScopedEnvironment home({{"XDG_DATA_HOME", "relative"}, {"HOME", "/u"}});
-  EXPECT_EQ(SQLiteSnapshotStoreLocation::localAppDatabaseURL(),
-            "/u/.local/share/Quenzel/battery_history.sqlite");
+  const std::string own = "/u/.local/share/Quenzel/battery_history.sqlite";
+  EXPECT_EQ(Location::localAppDatabaseURL(), own);
   const TemporaryDirectory folder;
   std::filesystem::permissions(folder.write("file", ""), std::filesystem::perms::owner_all);
   folder.write("there/Quenzel/battery_history.sqlite", "");
@@ -299,9 +297,7 @@ TEST(SQLiteSnapshotStoreLocation, IsSharedOrTheUsersOwn) {
       {".", true}, {"missing/too", true}, {"there", true}, {"file", false}, {"file/below", false}};
   for (const auto& [directory, isShared] : rows) {
     const ScopedEnvironment shared({{"QZL_SHARED_DIRECTORY", folder / directory}});
-    EXPECT_EQ(SQLiteSnapshotStoreLocation::defaultDatabaseURL(),
-              isShared ? SQLiteSnapshotStoreLocation::sharedSnapshotDatabaseURL()
-                       : "/u/.local/share/Quenzel/battery_history.sqlite")
+    EXPECT_EQ(Location::defaultDatabaseURL(), isShared ? Location::sharedSnapshotDatabaseURL() : own)
         << directory;
   }
 }

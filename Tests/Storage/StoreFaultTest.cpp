@@ -334,9 +334,8 @@ TEST_F(StoreFaultTest, WhatIsStoredReachesTheFileOfThatName) {
                     sql = fmt::format("sqlite3 {} 'PRAGMA foreign_keys = OFF; ", path);
   SQLiteSnapshotStore(other, Mode::readWriteCreate).insert(wholeSnapshot(start));
   // What happens, how much is kept of what was stored before, and what the log says of it.
-  const std::tuple<std::string, std::size_t, const char*> rows[] = {
-      {":", 1, ""},
-      {"rm -r " + disk, 0, "was removed or replaced: opening it anew"},
+  const std::tuple<std::string, std::size_t, std::string> rows[] = {
+      {"rm -r " + disk, 0, fmt::format("[SnapshotStore] {} was removed or replaced: opening it anew", path)},
       {fmt::format("cp {} {}; mv {} {}", other, copy, copy, path), 1, "was removed or replaced"},
       {fmt::format("rm {}-wal", path), 1, "was removed or replaced"},
       {sql + "DROP TABLE hidden_drains; DROP TABLE estimate_tracking'", 1,
