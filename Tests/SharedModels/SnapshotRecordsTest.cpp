@@ -177,7 +177,6 @@ TEST(SamplingConfigTest, RaisesWhatLiesBelowItsFloor) {
     EXPECT_EQ(SamplingConfig(given).settings(), floored);
     EXPECT_EQ(decodeConfig(SnapshotCodec::encodeConfig(SamplingConfig(given))).settings(), floored);
   }
-  EXPECT_EQ(decodeConfig(R"({"minIntervalSec":0})"), SamplingConfig({.minIntervalSec = 1}));
 }
 
 TEST(SamplingConfigTest, TheModeChoosesTheIntervals) {

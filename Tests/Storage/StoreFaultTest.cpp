@@ -237,7 +237,7 @@ TEST_F(StoreFaultTest, OnlyPlainFilesAreDatabases) {
     store(wholeSnapshots(start, 1));
     folder.write("victim", content);
     ASSERT_EQ(
-        runCommand(fmt::format("cd {}; rm -f h.sqlite{}; {} h.sqlite{}", disk, suffix, plant, suffix)).output,
+        runCommand(fmt::format("cd {0}; rm -f h.sqlite{1}; {2} h.sqlite{1}", disk, suffix, plant)).output,
         "");
     for (const char* command : {"history latest", "estimates list", "import"})
       EXPECT_EQ(run(command), failure(message + (suffix.empty() ? "" : fmt::format(": {}{}", path, suffix))));
