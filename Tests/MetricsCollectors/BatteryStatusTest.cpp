@@ -118,12 +118,10 @@ TEST(BatteryStatusCollector, FailsOnWhatIsNoBattery) {
   const auto exit = thrownBy<ShellRunnerError>([&] { BatteryStatusCollector(shell).collectStatus(); });
   EXPECT_STREQ(exit.what(), "Command exited with status 2: no");
   thrownBy<platform::PropertyListError>([] { BatteryStatusCollector::statusFrom(""); });
-  for (const PropertyValue& shape :
-       {PropertyValue(PropertyDictionary{}), PropertyValue(PropertyValue::Array{}),
-        PropertyValue(PropertyValue::Array{integer(1)})}) {
-    const std::string list = platform::encodePropertyList(shape);
-    const auto error = thrownBy<ShellRunnerError>([&] { BatteryStatusCollector::statusFrom(list); });
-    EXPECT_STREQ(error.what(), "Failed to launch command: Unable to parse AppleSmartBattery plist output.");
+  for (const std::string list : {"<dict/>", "<array/>", "<array><integer>1</integer></array>"}) {
+    const auto read = [&] { BatteryStatusCollector::statusFrom("<plist>" + list + "</plist>"); };
+    EXPECT_STREQ(thrownBy<ShellRunnerError>(read).what(),
+                 "Failed to launch command: Unable to parse AppleSmartBattery plist output.");
   }
 }
 
@@ -180,31 +178,29 @@ TEST(DirectBatteryStatusReader, JoinsPowerSourceRegistryAndAdapter) {
   DirectBatteryStatusReader reader(std::move(registry));
   source.description = PropertyDictionary{{"Current Capacity", integer(50)}};
   EXPECT_EQ(reader.sample(), std::nullopt) << "without the service there is no battery";
-  const PropertyDictionary adapter{{"Watts", integer(61)}, {"Name", "61W"}};
-  const std::string noAdapter = R"("adapterWatts":null,"adapterName":null,)";
-  const std::string charging =
-      noAdapter + R"("isCharging":true,"levelPercent":81.63265306122449,"systemTimeRemainingMinutes":)";
-  // What the power source says, the registry, whether there is an adapter, what is read.
-  const std::tuple<std::string, std::string, bool, std::string> rows[] = {
-      {"Current Capacity=42,Max Capacity=84,Power Source State=Battery Power,Time to Empty=123,"
-       "Time to Full Charge=0,Is Charged=true",
-       "", true,
-       R"({"levelPercent":100.0,"isACPowered":false,"systemTimeRemainingMinutes":123,"adapterWatts":61,
-           "adapterName":"61W"})"},
-      {"Current Capacity=42,Max Capacity=84,Time to Empty=1", "ExternalConnected=true", false,
-       "{" + noAdapter +
-           R"("levelPercent":50.0,"externalPowerConnected":true,"systemTimeRemainingMinutes":1})"},
-      {"Power Source State=AC Power,Time to Full Charge=-1,Time to Empty=9,Is Charged=false",
-       "IsCharging=true,ExternalConnected=none,FullyCharged=none", false,
-       "{" + charging + R"(null,"isACPowered":true,"externalPowerConnected":true})"},
-      {"Time to Full Charge=0", "IsCharging=true", false, "{" + charging + "null}"},  // it does not apply
-      {"Time to Full Charge=1", "IsCharging=true", false, "{" + charging + "1}"}};
-  for (const auto& [description, changes, hasAdapter, read] : rows) {
+  source.adapter = PropertyDictionary{{"Watts", integer(61)}, {"Name", "61W"}};
+  // What the power source says, the registry, and what is read.
+  const std::tuple<std::string, std::string, std::string> rows[] = {
+      {"Current Capacity=42,Max Capacity=84,Power Source State=Battery Power,Time to Empty=123,Is "
+       "Charged=true",
+       "", R"("levelPercent":100.0,"isACPowered":false,"systemTimeRemainingMinutes":123)"},
+      {"Current Capacity=42,Max Capacity=84,Time to Empty=1", "ExternalConnected=true",
+       R"("levelPercent":50.0,"externalPowerConnected":true,"systemTimeRemainingMinutes":1)"},
+      {"Power Source State=AC Power,Time to Full Charge=0,Time to Empty=9,Is Charged=false",  // 0: not said
+       "IsCharging=true,ExternalConnected=none,FullyCharged=none,AppleRawMaxCapacity=5000",
+       R"("levelPercent":80.0,"maxCapacityMah":5000,"isCharging":true,"systemTimeRemainingMinutes":null,
+          "isACPowered":true,"externalPowerConnected":true)"},
+      {"Current Capacity=70,Time to Full Charge=1", "IsCharging=true",
+       R"("levelPercent":70.0,"isCharging":true,"systemTimeRemainingMinutes":1)"}};
+  for (const auto& [description, changes, read] : rows) {
     source.description = testing::properties(description);
     source.properties = battery(changes);
-    source.adapter = hasAdapter ? std::optional(adapter) : std::nullopt;
-    EXPECT_EQ(encoded(reader.sample().value()), batterySample(read)) << description;
+    EXPECT_EQ(encoded(reader.sample().value()),
+              batterySample(R"({"adapterWatts":61,"adapterName":"61W",)" + read + "}"))
+        << description;
   }
+  source.adapter.reset();
+  EXPECT_EQ(reader.sample()->adapterWatts, std::nullopt);
 }
 
 }  // namespace

@@ -160,50 +160,6 @@ TEST(PowermetricsCollector, RunsTheToolAtLowPriorityAndWithoutAPrompt) {
   EXPECT_EQ(testing::runCommand("grep -cF " + allowed + " " QUENZEL_README).output, "1\n");
 
   FakeShell shell;
-  shell.output(command.executable, "System Average Power: 4 W\n");
-  EXPECT_EQ(PowermetricsCollector(shell).collectNormalizedSample().totalSystemWatts, 4.0);
-  EXPECT_THAT(shell.calls(), ElementsAre(FakeShell::Call{command.executable, command.arguments}));
-}
-
-TEST(PowermetricsCollector, JudgesTheAnswerAndLogsWhatItDid) {
-  using Kind = PowermetricsCollectorError::Kind;
-  const std::map<Kind, std::string> prefixes = {
-      {Kind::commandFailed, "powermetrics command failed: "},
-      {Kind::insufficientPrivileges, "powermetrics requires admin privileges: "},
-      {Kind::emptyOrUnparseableOutput, "powermetrics returned no usable power data."}};
-  std::string manyLines;
-  for (int line = 1; line <= 17; ++line) manyLines += fmt::format(" \n {}\r\n", line);
-  // The answer, and of the error its kind and its message, or the preview of what is of no use.
-  const std::tuple<FakeShell::Reply, Kind, std::string> rows[] = {
-      {ShellRunnerError::timedOut("x \x1B[2J\ny", 15), Kind::commandFailed,
-       "Command timed out after 15.0s: x ?[2J?y"},
-      {ShellResult{1, "", "\n\nsudo: A Password is required\n"}, Kind::insufficientPrivileges,
-       "sudo: A Password is required"},
-      {ShellResult{1, "", " u is\nNOT in the sudoers file"}, Kind::insufficientPrivileges, " u is"},
-      {ShellResult{2, "", "\n\nfoo\x1B[31m\x07\nbar"}, Kind::commandFailed, "foo?[31m?"},
-      {ShellResult{64, "", ""}, Kind::commandFailed, "<empty>"},
-      {ShellResult{0, " nothing of\x1B use \n\n", "password"}, Kind::emptyOrUnparseableOutput,
-       "nothing of? use"},
-      {ShellResult{0, "System Power: 0 W\n", ""}, Kind::emptyOrUnparseableOutput, "System Power: 0 W"},
-      {ShellResult{0, manyLines, ""}, Kind::emptyOrUnparseableOutput,
-       "1 | 2 | 3 | 4 | 5 | 6 | 7 | 8 | 9 | 10 | 11 | 12 | 13 | 14 | 15 | 16"}};
-  for (const auto& [reply, expectedKind, said] : rows) {
-    FakeShell shell;
-    shell.reply(command.executable, reply);
-    const auto collect = [&] { PowermetricsCollector(shell).collectNormalizedSample(); };
-    const auto lines = linesLoggedBy([&, kind = expectedKind, text = said] {
-      const auto error = thrownBy<PowermetricsCollectorError>(collect);
-      const std::string message = kind == Kind::emptyOrUnparseableOutput ? "" : text;
-      EXPECT_EQ(std::tuple(error.kind(), error.message(), std::string(error.what())),
-                std::tuple(kind, message, prefixes.at(kind) + message));
-    });
-    const auto* result = std::get_if<ShellResult>(&reply);
-    std::string line = "execution failed: ";
-    if (result) line = fmt::format("non-zero status={}, firstStderrLine=", result->status);
-    if (result && result->status == 0) line = "parse produced no process/package/system power. preview=";
-    EXPECT_EQ(lines.back(), "[ERROR] [Powermetrics] powermetrics " + line + said);
-  }
-  FakeShell shell;
   shell.reply(command.executable, ShellResult{0, "CPU Power: 1500 mW\nTotal Power: 4 W\n", "note"});
   EXPECT_THAT(linesLoggedBy([&] { PowermetricsCollector(shell).collectNormalizedSample(); }),
               ElementsAre(fmt::format("[INFO] [Powermetrics] Starting powermetrics fetch: {} {}",
@@ -212,6 +168,43 @@ TEST(PowermetricsCollector, JudgesTheAnswerAndLogsWhatItDid) {
                                        "0\\.[0-9]{3}s with status=0, stdoutBytes=36, stderrBytes=4"),
                           "[INFO] [Powermetrics] Parsed powermetrics output: processes=0, packageW=1.50, "
                           "totalSystemWatts=4.00"));
+  EXPECT_THAT(shell.calls(), ElementsAre(FakeShell::Call{command.executable, command.arguments}));
+}
+
+TEST(PowermetricsCollector, JudgesTheAnswer) {
+  using Kind = PowermetricsCollectorError::Kind;
+  const std::map<Kind, std::string> prefixes = {
+      {Kind::commandFailed, "powermetrics command failed: "},
+      {Kind::insufficientPrivileges, "powermetrics requires admin privileges: "},
+      {Kind::emptyOrUnparseableOutput, "powermetrics returned no usable power data."}};
+  std::string manyLines;
+  for (int line = 1; line <= 17; ++line) manyLines += fmt::format(" \n {}\r\n", line);
+  const std::string noPower = "parse produced no process/package/system power. preview=";
+  // The answer, the kind of the error, and how the log introduces what the error or the preview says.
+  const std::tuple<FakeShell::Reply, Kind, std::string, std::string> rows[] = {
+      {ShellRunnerError::timedOut("x \x1B[2J\ny", 15), Kind::commandFailed,
+       "execution failed: ", "Command timed out after 15.0s: x ?[2J?y"},
+      {ShellResult{1, "", "\n\nsudo: A Password is required\n"}, Kind::insufficientPrivileges,
+       "non-zero status=1, firstStderrLine=", "sudo: A Password is required"},
+      {ShellResult{2, "", " u\x1B[31m\x07 is\nNOT in the sudoers file"}, Kind::insufficientPrivileges,
+       "non-zero status=2, firstStderrLine=", " u?[31m? is"},
+      {ShellResult{64, "", ""}, Kind::commandFailed, "non-zero status=64, firstStderrLine=", "<empty>"},
+      {ShellResult{0, "System Power: 0 W\x1B\n", "password"}, Kind::emptyOrUnparseableOutput, noPower,
+       "System Power: 0 W?"},
+      {ShellResult{0, manyLines, ""}, Kind::emptyOrUnparseableOutput, noPower,
+       "1 | 2 | 3 | 4 | 5 | 6 | 7 | 8 | 9 | 10 | 11 | 12 | 13 | 14 | 15 | 16"}};
+  for (const auto& [reply, kind, introduction, said] : rows) {
+    FakeShell shell;
+    shell.reply(command.executable, reply);
+    auto error = PowermetricsCollectorError::commandFailed("nothing was thrown");
+    const auto collect = [&] { PowermetricsCollector(shell).collectNormalizedSample(); };
+    const auto lines = linesLoggedBy([&] { error = thrownBy<PowermetricsCollectorError>(collect); });
+    const std::string message = kind == Kind::emptyOrUnparseableOutput ? "" : said;
+    EXPECT_EQ(error.kind(), kind) << said;
+    EXPECT_EQ(error.message(), message);
+    EXPECT_EQ(error.what(), prefixes.at(kind) + message);
+    EXPECT_EQ(lines.back(), "[ERROR] [Powermetrics] powermetrics " + introduction + said);
+  }
 }
 
 TEST(PowermetricsCollector, DumpsTheRawExchangeOnDemand) {

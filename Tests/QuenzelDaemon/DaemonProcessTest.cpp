@@ -17,13 +17,9 @@
 namespace quenzel {
 namespace {
 
+using namespace ::testing;
+using namespace quenzel::testing;
 using platform::FileDescriptor;
-using ::testing::AllOf;
-using testing::DaemonProcess;
-using testing::eventually;
-using ::testing::HasSubstr;
-using testing::modeOf;
-using testing::runCommand;
 
 /// "success / message" of a reply, or why there was none.
 std::string described(const platform::RequestResult& result) {
@@ -71,8 +67,8 @@ class StubbornChild {
   pid_t pid_;
 };
 
-struct DaemonProcessTest : ::testing::Test {
-  testing::DaemonSurroundings surroundings_;
+struct DaemonProcessTest : Test {
+  DaemonSurroundings surroundings_;
 };
 
 TEST_F(DaemonProcessTest, AnswersAnyDBusClient) {
