@@ -16,8 +16,8 @@
 namespace quenzel {
 namespace {
 
+using namespace ::testing;
 using testing::FakeClock;
-using ::testing::Return;
 using Watts = std::optional<double>;
 
 TEST(SMCValue, DecodesEveryType) {
@@ -120,19 +120,18 @@ TEST(StatsSystemTotalPowerReader, KeepsAnEnergyAccount) {
   const auto source = std::make_shared<FakePower>();
   StatsSystemTotalPowerReader reader(source, clock.now());
   EXPECT_EQ(reader.sample(clock.now()), Snapshot::empty());
-  // Each reading, after how many seconds, and what is known then.
-  const std::tuple<Watts, double, Snapshot>
-      rows[] = {{36, 0, {36, 0, 0, true}},          {72, 0.5, {72, 72, 0.01, true}},
-                {{}, 0.5, {72, 72, 0.01, false}},   {0, 0, {72, 72, 0.01, false}},
-                {36, 0.5, {36, 48, 0.02, true}},       // it holds for the second since the last reading
-                {36, -0.25, {36, 57.6, 0.02, true}}};  // a clock set back adds no energy
+  // Each reading, after how many seconds, and what is known then. A reading holds for the time since the one
+  // before; a clock that is set back adds no energy.
+  const std::tuple<Watts, double, Snapshot> rows[] = {
+      {36, 0, {36, 0, 0, true}},     {72, 0.5, {72, 72, 0.01, true}}, {{}, 0.5, {72, 72, 0.01, false}},
+      {0, 0, {72, 72, 0.01, false}}, {36, 0.5, {36, 48, 0.02, true}}, {36, -0.25, {36, 57.6, 0.02, true}}};
   for (const auto& [watts, seconds, snapshot] : rows) {
     source->total = watts;
     clock.advance(seconds);
-    EXPECT_EQ(reader.sample(clock.now()), snapshot) << ::testing::PrintToString(watts);
+    EXPECT_EQ(reader.sample(clock.now()), snapshot) << PrintToString(watts);
   }
   for (const auto& [current, average, visible] :
-       {std::tuple(0.005, 7.0, 7.0), {0.01, 7, 7}, {0.02, 7, 0.02}, {-3, -7, 0}})
+       {std::tuple(0.005, 7.0, 7.0), {0.01, 7, 7}, {0.011, 7, 0.011}, {-3, -7, 0}})
     EXPECT_EQ((Snapshot{current, average, 1, true}.preferredVisibleW()), visible) << current;
 }
 
@@ -156,30 +155,27 @@ TEST(PowerEstimators, CountWhatIsThereAndNotNegative) {
     EXPECT_DOUBLE_EQ(BatteryDrainEstimator::estimateTotalDischargeW({cpu, -100}), watts) << cpu;
 }
 
-struct FakeTicks final : platform::HostCPUTicks {
+struct FakeTicks : platform::HostCPUTicks {
   MOCK_METHOD(std::optional<platform::CPUTicks>, read, (), (override));
 };
 
 TEST(SystemCPULoadReader, MeasuresBetweenSamples) {
   using platform::CPUTicks;
   constexpr std::uint32_t highest = 0xFFFFFFFF;
-  auto ticks = std::make_unique<FakeTicks>();
-  EXPECT_CALL(*ticks, read)
-      .WillOnce(Return(CPUTicks{100, 200, 300, highest - 4}))
-      .WillOnce(Return(CPUTicks{130, 210, 350, 5}))
-      .WillOnce(Return(std::nullopt))
-      .WillOnce(Return(CPUTicks{130, 210, 350, 5}))
-      .WillOnce(Return(CPUTicks{131, 210, 350, 5}));
+  std::optional<CPUTicks> now;
+  auto ticks = std::make_unique<NiceMock<FakeTicks>>();
+  ON_CALL(*ticks, read).WillByDefault(ReturnPointee(&now));
   SystemCPULoadReader reader(0, std::move(ticks));
   FakeClock clock;
-  const std::pair<double, SystemCPUSample> rows[] = {
-      {0, {0, 1, 0}},
-      {2, {0.5, 1, 2}},  // 30 + 10 + 10 of 100, nice having wrapped
-      {3, {0, 1, 0}},    // a failed read changes nothing
-      {1, {0, 1, 4}},    // no tick passed
-      {-9, {1, 1, 0}}};  // the clock was set back
-  for (const auto& [seconds, sample] : rows) {
+  const std::tuple<double, std::optional<CPUTicks>, SystemCPUSample> rows[] = {
+      {0, CPUTicks{100, 200, 300, highest - 4}, {0, 1, 0}},
+      {2, CPUTicks{130, 210, 350, 5}, {0.5, 1, 2}},  // 30 + 10 + 10 of 100, nice having wrapped
+      {3, {}, {0, 1, 0}},                            // a failed read changes nothing
+      {1, CPUTicks{130, 210, 350, 5}, {0, 1, 4}},    // no tick passed
+      {-9, CPUTicks{131, 210, 350, 5}, {1, 1, 0}}};  // the clock was set back
+  for (const auto& [seconds, reading, sample] : rows) {
     clock.advance(seconds);
+    now = reading;
     EXPECT_EQ(reader.sample(clock.now()), sample) << seconds;
   }
 }
@@ -221,7 +217,7 @@ TEST(EnergyCounters, StandStillWithoutAReading) {
     for (std::size_t i = 0; i < readings.size(); ++i) {
       Channels channels = {{"g", "n", "mJ", readings[i]}};
       counters.replaceMissingReadings(channels);
-      EXPECT_EQ(channels[0].value, counted[i]) << i << " of " << ::testing::PrintToString(readings);
+      EXPECT_EQ(channels[0].value, counted[i]) << i << " of " << PrintToString(readings);
     }
   }
   // By group, name and order among equals, wherever in the list a counter stands.
@@ -235,10 +231,8 @@ TEST(EnergyCounters, StandStillWithoutAReading) {
   EXPECT_EQ(moved, expected);
 }
 
-struct FakeChannels final : platform::EnergyModelChannels {
-  explicit FakeChannels(std::optional<Channels>& now) : now_(now) {}
-  std::optional<Channels> sample() override { return now_; }
-  std::optional<Channels>& now_;
+struct FakeChannels : platform::EnergyModelChannels {
+  MOCK_METHOD(std::optional<Channels>, sample, (), (override));
 };
 
 struct FakeLog final : platform::SystemLog {
@@ -253,7 +247,9 @@ TEST(AppleSiliconPowerReader, DividesWhatEachComponentUsedByTheTime) {
   EXPECT_CALL(log, write("com.quenzel.runtime", "AppleSiliconPowerReader", platform::SystemLogType::debug,
                          "IOReport Energy Model channels: ECPU0 CPU Energy, GPU Energy, ANE0, DRAM, AMCC, "
                          "PCIe Energy"));
-  AppleSiliconPowerReader reader(std::make_unique<FakeChannels>(now), log);
+  auto source = std::make_unique<NiceMock<FakeChannels>>();
+  ON_CALL(*source, sample).WillByDefault(ReturnPointee(&now));
+  AppleSiliconPowerReader reader(std::move(source), log);
   // CPU, GPU, neural engine, DRAM, memory fabric, PCI: each with a difference of its own, so that one taken
   // for another or left out shows, in the sums too.
   const auto read = [&](const std::array<std::int64_t, 6>& millijoules) {

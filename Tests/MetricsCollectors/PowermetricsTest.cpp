@@ -139,6 +139,7 @@ TEST(PowermetricsParser, SharesPackagePowerOut) {
               ElementsAre(PowermetricsProcessRecord{1, "a", 30, 0, 3, 0, 1.5, 4.5},
                           PowermetricsProcessRecord{2, "b", 10, 5, 1, 3, 0.5, 4.5}));
   EXPECT_EQ(parsed(idle).processes.at(0).packageW, 0.0);  // nothing to share out by
+  EXPECT_EQ(parsed(idle).resolvedCPUAttributionDenominator(), 0.0);
   const auto onTotal = parsed(idle + all + "50.0\n");
   EXPECT_EQ(onTotal.resolvedCPUAttributionDenominator(), 50.0);
   EXPECT_TRUE(onTotal.gpuPackageAllocatedByCPUShare());

@@ -42,18 +42,6 @@ class ProcessSampling : public Test {
   ComponentProfiler profiler_;
 };
 
-TEST(ProcessSampler, ReadsLines) {
-  using PSRow = ProcessSampler::PSRow;
-  const std::pair<std::string_view, PSRow> rows[] = {
-      {"  12   1  0.5  0.1 /sbin/x --flag ", {12, 1, 0.5, 0.1, "/sbin/x --flag"}},
-      {"-2\t0\t1e1\t.1\tx", {-2, 0, 10, 0.1, "x"}},
-  };
-  for (const auto& [line, row] : rows) EXPECT_EQ(ProcessSampler::parsePSLine(line), row) << line;
-  for (const auto* line : {"12 1 0.0 0.1  ", "x 1 0.0 0.1 name", "12 1 - 0.1 name", " "}) {
-    EXPECT_EQ(ProcessSampler::parsePSLine(line), std::nullopt) << line;
-  }
-}
-
 TEST_F(ProcessSampling, RanksByCPUThenPidWithinTheLimit) {
   shell_.output("/bin/ps", "10 1 5.0 0 a\r\n3 1 5.0 0 b\u2028 7 0 9.0 0 c\n\n8 1 0.0 0 d\n");
   const std::pair<std::int64_t, std::string> rows[] = {
@@ -68,9 +56,11 @@ TEST_F(ProcessSampling, RanksByCPUThenPidWithinTheLimit) {
 }
 
 TEST_F(ProcessSampling, CountsUnreadableRowsAndLogsNamesOnOneLineWhenAsked) {
-  shell_.output("/bin/ps", "10 1 5,0 0,1 /a secret\n \n7 1 9.126 0 c\x1B[2J -x\n8 1 8.0\n");
-  const auto sample = [&] { EXPECT_EQ(sampler().sampleProcesses(9, false).unreadableRows, 2U); };
-  const std::string unreadable = "[WARN] [ProcessSampler] rows of ps that can't be read: 2";
+  shell_.output(
+      "/bin/ps",
+      "10 1 5,0 0,1 /a secret\n \n7\t1 9.126 .5  c\x1B[2J -x \n8 1 8.0\n8 1 8.0 0  \nx 1 8.0 0 d\n");
+  const auto sample = [&] { EXPECT_EQ(sampler().sampleProcesses(9, false).unreadableRows, 4U); };
+  const std::string unreadable = "[WARN] [ProcessSampler] rows of ps that can't be read: 4";
   metadata_[7] = {"/opt/a\n[1.000] [ERROR] [Daemon] forged", {}, {}};
   EXPECT_THAT(linesLoggedBy(sample), ElementsAre(unreadable));
   const ScopedEnvironment debugging{{{"QZL_PROCESS_NAME_DEBUG", "1"}}};

@@ -133,21 +133,18 @@ TEST(ShellRunner, RunsAFewChildrenAtOnceAndTheOthersInTurnAndLeavesNothingBehind
   const TemporaryDirectory folder;
   // Less than all of them take one after another: waiting for a turn is no part of it.
   const ScopedEnvironment environment{{{"QZL_SHELL_TIMEOUT_SEC", "1.5"}, {"FOLDER", folder.path()}}};
-  const auto run = [](const DefaultShellRunner& runner) {
-    runScript("printf + >> $FOLDER/runs; sleep 0.4; printf - >> $FOLDER/runs", runner);
-  };
+  const std::string script = "printf + >> $FOLDER/runs; sleep 0.4; printf - >> $FOLDER/runs";
   const auto descriptors = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   };
   runScript("true");
   const auto before = descriptors();
   std::vector<std::thread> threads;
-  for (int number = 0; number < 16; ++number) {
-    threads.emplace_back([&] { EXPECT_NO_THROW(run(DefaultShellRunner())); });
-  }
+  for (int number = 0; number < 16; ++number)
+    threads.emplace_back([&] { EXPECT_NO_THROW(runScript(script)); });
   while (folder.read("runs").size() < DefaultShellRunner::mostChildren) std::this_thread::yield();
   const DefaultShellRunner impatient(0.75, 1, {.waitSeconds = 0.01});
-  EXPECT_STREQ(thrownBy<ShellRunnerError>([&] { run(impatient); }).what(),
+  EXPECT_STREQ(thrownBy<ShellRunnerError>([&] { runScript(script, impatient); }).what(),
                "Failed to launch command: /bin/sh: too many commands are waiting to run");
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(descriptors(), before);
