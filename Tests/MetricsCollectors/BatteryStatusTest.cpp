@@ -54,20 +54,14 @@ BatteryStatusSample collected(const PropertyDictionary& properties) {
 
 TEST(BatteryStatusCollector, FillsEveryFieldFromItsKeyAndLogsTwoLines) {
   FakeShell shell;
-  for (const auto& entry :
-       {battery(), testing::properties("IsCharging=true,ExternalConnected=true,Amperage=9,"
-                                       "Voltage=0,CurrentCapacity=1")})
-    shell.output("/usr/sbin/ioreg", platform::encodePropertyList(PropertyValue::Array{entry}));
-  const BatteryStatusCollector collector(shell);
+  shell.output("/usr/sbin/ioreg", platform::encodePropertyList(PropertyValue::Array{battery()}));
+  BatteryStatusSample sample;
   const std::string start = "[INFO] [BatteryStatus] ";
-  EXPECT_EQ(testing::linesLoggedBy([&] { EXPECT_EQ(encoded(collector.collectStatus()), batterySample()); }),
+  EXPECT_EQ(testing::linesLoggedBy([&] { sample = BatteryStatusCollector(shell).collectStatus(); }),
             (std::vector{start + "Collecting battery status from ioreg.",
                          start + "Battery status: level=81.00%, remainingWh=50.00, charging=false, "
                                  "external=false, dischargeWatts=18.75, systemMinutes=240, cycleCount=17"}));
-  EXPECT_EQ(testing::linesLoggedBy([&] { collector.collectStatus(); }).at(1),
-            start +
-                "Battery status: level=100.00%, remainingWh=nil, charging=true, external=true, "
-                "dischargeWatts=nil, systemMinutes=nil, cycleCount=nil");
+  EXPECT_EQ(encoded(sample), batterySample());
   EXPECT_EQ(shell.calls().at(0),
             (FakeShell::Call{"/usr/sbin/ioreg", {"-r", "-n", "AppleSmartBattery", "-a"}}));
   EXPECT_EQ(collected({}), BatteryStatusSample{});
@@ -98,7 +92,8 @@ TEST(BatteryStatusCollector, ReadsTypesAndFallsBackKeyByKey) {
       {"Amperage=4294965764", R"({"amperageMa":-1532,"dischargeWatts":19.15})"},  // a gauge 32 bits wide
       {"Amperage=500", R"({"amperageMa":500,"dischargeWatts":null})"},
       {"Voltage=0", R"({"voltageMV":0,"remainingWh":null,"dischargeWatts":0.0})"},
-      {"AppleRawCurrentCapacity=1", R"({"currentCapacityMah":1,"remainingWh":0.0125})"},
+      {"AppleRawCurrentCapacity=1,Voltage=1",
+       R"({"currentCapacityMah":1,"voltageMV":1,"remainingWh":0.000001,"dischargeWatts":0.0015})"},
       {"CurrentCapacity=130", R"({"levelPercent":100.0})"},
       {"CurrentCapacity=-3", R"({"levelPercent":0.0})"},
       {"MaxCapacity=200", R"({"levelPercent":40.5})"},
@@ -110,6 +105,11 @@ TEST(BatteryStatusCollector, ReadsTypesAndFallsBackKeyByKey) {
   EXPECT_EQ(encoded(collected(properties)),  // 81 mAh of 12.5 V are left
             batterySample(R"({"currentCapacityMah":81,"remainingWh":1.0125,"maxCapacityMah":100,
                               "amperageMa":-1400,"dischargeWatts":17.5,"serialNumber":"other"})"));
+  BatteryStatusSample kept = collected(battery()), dropped = collected(properties);
+  dropPercentTakenForCharge(kept, battery());
+  dropPercentTakenForCharge(dropped, properties);
+  EXPECT_EQ(encoded(kept), batterySample());
+  EXPECT_FALSE(dropped.currentCapacityMah || dropped.maxCapacityMah || dropped.remainingWh);
 }
 
 TEST(BatteryStatusCollector, FailsOnWhatIsNoBattery) {

@@ -80,23 +80,23 @@ class InputBuilding : public Test {
 };
 
 TEST_F(InputBuilding, MergesRecordsIntoSamplesAddsTheRestAndReportsWhatItUsed) {
-  powermetrics_.output =
-      PowermetricsParseOutput{.gpuPackageW = 1,
-                              .totalSystemWatts = 4,
-                              .totalTaskCPUmsPerSec = 5,
-                              .processes = {record(12, 0), record(30, 0.02), record(11, 2, 0.5),
-                                            record(31, 0.5), record(32, 0.011), record(33, 0.01)}};
+  powermetrics_.output = PowermetricsParseOutput{
+      .gpuPackageW = 1,
+      .totalSystemWatts = 4,
+      .totalTaskCPUmsPerSec = 5,
+      .processes = {record(11, 2, 0.5), record(30, 0.02), record(10, 0), record(12, 1), record(31, 0.5),
+                    record(32, 0.011), record(33, 0.01)}};
   watts_.display = 0.1;
   const auto [input, metadata, battery] =
       build({makeProcessSample(10, "/a", 3), makeProcessSample(11, "/b", 2), makeProcessSample(12, "/c", 1)});
   const ProcessSample thirty{.pid = 30, .name = "/opt/thirty", .bundleID = "org.thirty"};
   EXPECT_THAT(input.processes,
               ElementsAre(makeProcessSample(10, "/a", 3), measured(makeProcessSample(11, "/b", 2), 2, 0.5),
-                          makeProcessSample(12, "/c", 1), measured(thirty, 0.02),
+                          measured(makeProcessSample(12, "/c", 1), 1), measured(thirty, 0.02),
                           measured(makeProcessSample(31, "/opt/T.app"), 0.5),
                           measured(makeProcessSample(32, "record-32"), 0.011)));
   EXPECT_EQ(input.timestamp, clock_.now());
-  EXPECT_EQ(metadata, (AttributionBuildMetadata{true, 6, true, true, false, true, false}));
+  EXPECT_EQ(metadata, (AttributionBuildMetadata{true, 7, true, true, false, true, false}));
   powermetrics_.output->totalSystemWatts = 0;
   EXPECT_FALSE(build().metadata.powermetricsHasSystemPower);
 }
