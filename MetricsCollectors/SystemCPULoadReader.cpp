@@ -8,13 +8,14 @@
 namespace quenzel {
 namespace {
 
-/// The counters are 32 bits wide and wrap; unsigned subtraction yields the true increase all the same.
+/// The counters are 32 bits wide and wrap; unsigned subtraction yields the true increase all the same, and
+/// never a negative one, so the fraction is within 0 and 1.
 double busyFractionBetween(const platform::CPUTicks& previous, const platform::CPUTicks& current) {
   const auto increase = [](std::uint32_t from, std::uint32_t to) { return static_cast<double>(to - from); };
   const double busy = increase(previous.user, current.user) + increase(previous.system, current.system) +
                       increase(previous.nice, current.nice);
   const double total = busy + increase(previous.idle, current.idle);
-  return total > 0 ? std::clamp(busy / total, 0.0, 1.0) : 0;
+  return total > 0 ? busy / total : 0;
 }
 
 }  // namespace

@@ -92,6 +92,7 @@ TEST(BatteryStatusCollector, ReadsTypesAndFallsBackKeyByKey) {
       {"Amperage=4294965764", R"({"amperageMa":-1532,"dischargeWatts":19.15})"},  // a gauge 32 bits wide
       {"Amperage=500", R"({"amperageMa":500,"dischargeWatts":null})"},
       {"Voltage=0", R"({"voltageMV":0,"remainingWh":null,"dischargeWatts":0.0})"},
+      {"AppleRawCurrentCapacity=0", R"({"currentCapacityMah":0,"remainingWh":null})"},
       {"AppleRawCurrentCapacity=1,Voltage=1",
        R"({"currentCapacityMah":1,"voltageMV":1,"remainingWh":0.000001,"dischargeWatts":0.0015})"},
       {"CurrentCapacity=130", R"({"levelPercent":100.0})"},

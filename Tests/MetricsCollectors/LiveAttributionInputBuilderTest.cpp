@@ -152,6 +152,8 @@ TEST_F(InputBuilding, SamplesTheProcessesItself) {
   ASSERT_EQ(input.processes.size(), 1000U) << "the busiest";
   EXPECT_EQ(input.processes[0].name, "c");
   EXPECT_TRUE(input.developerMode);
+  EXPECT_THAT(spans_.at(0).context,
+              ElementsAre(Pair("includeAll", "0"), Pair("limit", "1000"), Pair("stage", "parse")));
   EXPECT_EQ(input.hiddenMappings.at(0).identifier, "web");
   EXPECT_FALSE(builder_.build({}, false).developerMode);
 }
