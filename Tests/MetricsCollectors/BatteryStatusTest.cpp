@@ -98,7 +98,7 @@ TEST(BatteryStatusCollector, ReadsTypesAndFallsBackKeyByKey) {
       {"CurrentCapacity=130", R"({"levelPercent":100.0})"},
       {"CurrentCapacity=-3", R"({"levelPercent":0.0})"},
       {"MaxCapacity=200", R"({"levelPercent":40.5})"},
-      {"MaxCapacity=many", R"({"levelPercent":100.0})"}};  // without a maximum, of 1
+      {"CurrentCapacity=1,MaxCapacity=many", R"({"levelPercent":100.0})"}};  // without a maximum, of 1
   for (const auto& [change, read] : rows) EXPECT_EQ(encoded(collected(battery(change))), batterySample(read));
   PropertyDictionary properties = battery();
   for (const char* key : {"AppleRawCurrentCapacity", "AppleRawMaxCapacity", "Amperage", "Serial"})

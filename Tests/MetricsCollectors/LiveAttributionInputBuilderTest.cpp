@@ -173,6 +173,8 @@ TEST_F(InputBuilding, TimesEveryStageUnderOneCorrelation) {
       "input-builder-1 daemonInputUSBEstimate {}\n"
       "input-builder-1 daemonInputBuild {\"mergedProcesses\": \"2\", \"processSamples\": \"1\", "
       "\"samplingMode\": \"background\"}\n");
+  EXPECT_EQ(spans_[0].origin.sourceFile, "MetricsCollectors/LiveAttributionInputBuilder");
+  EXPECT_EQ(spans_[0].origin.function, "buildWithMetadata(processSamples:hiddenMappings:config:)");
 }
 
 TEST_F(InputBuilding, TakesADuplicateRecordForFatal) {
@@ -196,9 +198,14 @@ TEST_F(InputBuilding, LogsNamesForDebugging) {
                   AllOf(StartsWith(prefix + "pm-only preview: pid=100 name=record-100 pmPackageW=1.01 | p"),
                         EndsWith(" | pid=107 name=record-107 pmPackageW=1.01")),
                   HasSubstr("sources")));
+  const auto oneProcess = [&] { build({makeProcessSample(1, "/x")}); };
+  powermetrics_.output->processes.resize(1);
+  EXPECT_THAT(linesLoggedBy(oneProcess),
+              ElementsAre(_, prefix + "pathless merged preview: pid=100 name=record-100",
+                          prefix + "pm-only preview: pid=100 name=record-100 pmPackageW=1.01", _));
   powermetrics_.output->processes.clear();
   EXPECT_THAT(
-      linesLoggedBy([&] { build({makeProcessSample(1, "/x")}); }),
+      linesLoggedBy(oneProcess),
       ElementsAre(prefix + "processSamples=1, merged=1, mergedPathless=0, pmOnly=0", HasSubstr("sources")));
 }
 

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "MetricsCollectors/AppleSiliconPowerReader.hpp"
 #include "MetricsCollectors/PowerEstimators.hpp"
@@ -283,6 +284,12 @@ TEST(AppleSiliconPowerReader, DividesWhatEachComponentUsedByTheTime) {
     read(millijoules);
     EXPECT_EQ(reader.sample({time}), powers(watts, seconds)) << time;
   }
+}
+
+TEST(SystemPowerSnapshot, IsEncodedFieldByField) {
+  EXPECT_EQ(encodeSystemPowerSnapshot({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, true}).dump(),
+            R"({"cpuW":1.0,"gpuW":2.0,"aneW":3.0,"dramW":4.0,"memoryFabricW":5.0,"ramW":6.0,"pciW":7.0,)"
+            R"("displayW":8.0,"totalTrackedW":9.0,"intervalSeconds":10.0,"supported":true})");
 }
 
 }  // namespace

@@ -19,7 +19,6 @@ class DaemonSurroundings {
 
   const TemporaryDirectory& folder() const { return folder_; }
   std::string socketPath() const;
-  void setEnvironment(const std::string& name, const std::string& value) { environment_.set(name, value); }
   /// Puts a shell script in the place of the tool at that absolute path.
   void installTool(const std::string& path, const std::string& script) const;
   /// A connection that has said nothing yet.
