@@ -85,8 +85,8 @@ TEST_F(InputBuilding, MergesRecordsIntoSamplesAddsTheRestAndReportsWhatItUsed) {
       .totalSystemWatts = 4,
       .totalTaskCPUmsPerSec = 5,
       .processes = {record(11, 2, 0.5), record(30, 0.02), record(10, 0), record(12, 1), record(31, 0.5),
-                    record(32, 0.011), record(33, 0.01)}};
-  watts_.display = 0.1;
+                    record(INT32_MAX, 0.011), record(33, 0.01)}};
+  watts_.display = watts_.usb = 0.1;
   const auto [input, metadata, battery] =
       build({makeProcessSample(10, "/a", 3), makeProcessSample(11, "/b", 2), makeProcessSample(12, "/c", 1)});
   const ProcessSample thirty{.pid = 30, .name = "/opt/thirty", .bundleID = "org.thirty"};
@@ -94,9 +94,9 @@ TEST_F(InputBuilding, MergesRecordsIntoSamplesAddsTheRestAndReportsWhatItUsed) {
               ElementsAre(makeProcessSample(10, "/a", 3), measured(makeProcessSample(11, "/b", 2), 2, 0.5),
                           measured(makeProcessSample(12, "/c", 1), 1), measured(thirty, 0.02),
                           measured(makeProcessSample(31, "/opt/T.app"), 0.5),
-                          measured(makeProcessSample(32, "record-32"), 0.011)));
+                          measured(makeProcessSample(INT32_MAX, "record-2147483647"), 0.011)));
   EXPECT_EQ(input.timestamp, clock_.now());
-  EXPECT_EQ(metadata, (AttributionBuildMetadata{true, 7, true, true, false, true, false}));
+  EXPECT_EQ(metadata, (AttributionBuildMetadata{true, 7, true, true, false, true, true}));
   powermetrics_.output->totalSystemWatts = 0;
   EXPECT_FALSE(build().metadata.powermetricsHasSystemPower);
 }
@@ -113,7 +113,7 @@ TEST_F(InputBuilding, ChoosesTheTotalAndItsSource) {
       {battery(false, true, 4.0), true, 6, 8.5, "PM-Package+Components", "4.00"},
       {{}, false, 6, 8.5, "PM-Package+Components", "nil"},
       {{}, false, -9, 0, "PM-Package+Components", "nil"},  // never below zero
-      {battery(false, false, 11.25), false, 6, 11.25, "IOKit", "11.25"},
+      {battery(false, false, 0.5), false, 6, 0.5, "IOKit", "0.50"},
       {battery(false, false, 0.0), false, 6, 0, "none", "0.00"},
       {{}, true, 6, 0, "none", "nil"}};
   watts_.display = 2;
@@ -180,8 +180,8 @@ TEST_F(InputBuilding, TimesEveryStageUnderOneCorrelation) {
 TEST_F(InputBuilding, TakesADuplicateRecordForFatal) {
   powermetrics_.output = PowermetricsParseOutput{.processes = {record(5, 1), record(5, 1)}};
   EXPECT_DEATH(build(), "Fatal error: powermetrics reported process 5 twice");
-  powermetrics_.output = PowermetricsParseOutput{.processes = {record(4294967296, 1)}};
-  EXPECT_DEATH(build(), "Fatal error: powermetrics reported the process id 4294967296");
+  powermetrics_.output = PowermetricsParseOutput{.processes = {record(2147483648, 1)}};
+  EXPECT_DEATH(build(), "Fatal error: powermetrics reported the process id 2147483648");
 }
 
 TEST_F(InputBuilding, LogsNamesForDebugging) {
