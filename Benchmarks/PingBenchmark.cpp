@@ -18,7 +18,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
 #include "Platform/RequestTransport.hpp"
 
 // A ping through the real transport against the least that sd-bus itself can do: one connection on a socket
@@ -135,7 +135,7 @@ double secondsOf(Action action) {
 void pingAgainstBareEcho(benchmark::State& state) {
   char folder[] = "/tmp/quenzel-ping-XXXXXX";
   require(::mkdtemp(folder) != nullptr, "mkdtemp");
-  setEnvironmentValue("QZL_SOCKET_DIRECTORY", folder);
+  quenzel::setEnvironmentValue("QZL_SOCKET_DIRECTORY", folder);
   int sockets[2];
   require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) == 0, "socketpair");
   {

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "Base/Text.hpp"
 #include "MetricsCollectors/PowermetricsParser.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 using namespace quenzel;
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <utility>
 
+#include "Base/Number.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
-#include "SharedModels/Runtime/Number.hpp"
 
 namespace quenzel {
 namespace {
@@ -35,7 +35,7 @@ AppleSiliconPowerReader::AppleSiliconPowerReader(std::unique_ptr<platform::Energ
     : channels_(std::move(channels)), logger_(logger) {}
 
 SystemPowerSnapshot AppleSiliconPowerReader::sample(PointInTime now) {
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   auto channels = channels_->sample();
   if (!channels) return {};
   counters_.replaceMissingReadings(*channels);

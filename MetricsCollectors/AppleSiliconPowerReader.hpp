@@ -3,13 +3,13 @@
 #include <memory>
 #include <optional>
 
+#include "Base/Mutex.hpp"
+#include "Base/PointInTime.hpp"
 #include "MetricsCollectors/EnergyCounters.hpp"
 #include "MetricsCollectors/EnergyTotals.hpp"
 #include "MetricsCollectors/SystemPowerSnapshot.hpp"
 #include "Platform/EnergyModelChannels.hpp"
-#include "Platform/Mutex.hpp"
 #include "Platform/SystemLog.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 
 namespace quenzel {
 
@@ -35,7 +35,7 @@ class AppleSiliconPowerReader {
  private:
   void logChannelNames(const std::vector<platform::EnergyModelChannel>& channels) REQUIRES(lock_);
 
-  platform::Mutex lock_;
+  Mutex lock_;
   const std::unique_ptr<platform::EnergyModelChannels> channels_ GUARDED_BY(lock_);
   platform::SystemLog& logger_;
   EnergyCounters counters_ GUARDED_BY(lock_);

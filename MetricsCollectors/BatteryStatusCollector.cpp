@@ -7,9 +7,9 @@
 
 #include <fmt/format.h>
 
+#include "Base/Number.hpp"
 #include "MetricsCollectors/BatteryStatusRules.hpp"
 #include "Platform/PropertyList.hpp"
-#include "SharedModels/Runtime/Number.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
 
 namespace quenzel {

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <limits>
 
-#include "SharedModels/Runtime/Number.hpp"
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -4,12 +4,12 @@ namespace quenzel {
 
 std::optional<std::string> BundleIdentifierCache::bundleIdentifier(const std::string& bundlePath) {
   {
-    const platform::MutexLock guard(lock_);
+    const MutexLock guard(lock_);
     const auto known = byBundlePath_.find(bundlePath);
     if (known != byBundlePath_.end()) return known->second;
   }
   std::optional<std::string> identifier = reader_(bundlePath);
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   byBundlePath_[bundlePath] = identifier;
   return identifier;
 }

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "Platform/Mutex.hpp"
+#include "Base/Mutex.hpp"
 
 namespace quenzel {
 
@@ -22,7 +22,7 @@ class BundleIdentifierCache {
 
  private:
   const Reader reader_;
-  platform::Mutex lock_;
+  Mutex lock_;
   std::map<std::string, std::optional<std::string>> byBundlePath_ GUARDED_BY(lock_);
 };
 

@@ -8,6 +8,8 @@
 
 #include <fmt/format.h>
 
+#include "Base/ErrorText.hpp"
+
 namespace quenzel {
 namespace {
 
@@ -23,8 +25,6 @@ class SystemSignalOperations final : public SignalOperations {
   std::chrono::system_clock::time_point now() override { return std::chrono::system_clock::now(); }
   void sleep(std::chrono::microseconds duration) override { std::this_thread::sleep_for(duration); }
 };
-
-std::string errorText(int errorNumber) { return std::generic_category().message(errorNumber); }
 
 }  // namespace
 

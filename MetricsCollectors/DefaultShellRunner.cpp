@@ -16,14 +16,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Base/Environment.hpp"
+#include "Base/ErrorText.hpp"
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 #include "MetricsCollectors/ThreadSafeDataCollector.hpp"
 #include "MetricsCollectors/ToolCommand.hpp"
 #include "Platform/ChildProcess.hpp"
-#include "Platform/Environment.hpp"
 #include "Platform/FairSemaphore.hpp"
 #include "Platform/Settings.hpp"
-#include "SharedModels/Runtime/Number.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -37,7 +38,7 @@ constexpr double longestTimeoutSeconds = 1e8;
 constexpr std::chrono::milliseconds exitProbeInterval{10};
 
 std::optional<double> numberFromEnvironment(const char* name) {
-  const auto text = platform::environmentValue(name);
+  const auto text = environmentValue(name);
   return text ? parseDouble(*text) : std::nullopt;
 }
 
@@ -92,7 +93,7 @@ class RunningChild {
 
   /// Collects what is left in the pipes, up to the deadline.
   void drain(Clock::time_point deadline) {
-    while (output_.descriptor.valid() || error_.descriptor.valid()) {
+    while (output_.descriptor || error_.descriptor) {
       if (!poll(deadline)) return;
     }
   }
@@ -107,12 +108,12 @@ class RunningChild {
 
  private:
   struct Stream {
-    platform::FileDescriptor descriptor;
+    FileDescriptor descriptor;
     ThreadSafeDataCollector collector;
   };
 
   static std::string takeText(Stream& stream) {
-    const platform::MutexLock guard(stream.collector.lock);
+    const MutexLock guard(stream.collector.lock);
     return repairedUTF8(std::move(stream.collector.data));
   }
 
@@ -120,7 +121,7 @@ class RunningChild {
   bool poll(Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) return false;
-    const bool probes = !ended_ && !child_.exit.valid();
+    const bool probes = !ended_ && !child_.exit;
     // poll(2) passes over descriptors that are negative, as those of closed streams are.
     std::array<pollfd, 3> waited{{{output_.descriptor.get(), POLLIN, 0},
                                   {error_.descriptor.get(), POLLIN, 0},
@@ -206,11 +207,10 @@ ShellResult DefaultShellRunner::run(const std::string& executable,
                                     const std::vector<std::string>& arguments) const {
   const ToolCommand command = resolveToolCommand(executable, arguments, platform::toolRoot());
   const platform::FairSemaphore::Place place = waitForTurn(executable, limits_.waitSeconds);
-  auto spawned = platform::spawnChild(command.executable, command.arguments,
-                                      toolEnvironment(platform::environmentEntries()));
+  auto spawned =
+      platform::spawnChild(command.executable, command.arguments, toolEnvironment(environmentEntries()));
   if (const auto* failure = std::get_if<platform::SpawnFailure>(&spawned)) {
-    throw ShellRunnerError::failedToLaunch(executable + ": " +
-                                           std::generic_category().message(failure->errorNumber));
+    throw ShellRunnerError::failedToLaunch(executable + ": " + errorText(failure->errorNumber));
   }
   RunningChild child(std::get<platform::ChildProcess>(std::move(spawned)), executable, limits_.outputBytes);
 

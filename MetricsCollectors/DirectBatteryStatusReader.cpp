@@ -51,7 +51,7 @@ double DirectBatteryStatusReader::resolveLevelPercent(std::optional<std::int64_t
 }
 
 std::optional<BatteryStatusSample> DirectBatteryStatusReader::sample() {
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   const PropertyDictionary description =
       registry_->internalBatteryDescription().value_or(PropertyDictionary{});
   const auto properties = registry_->batteryProperties();

@@ -4,8 +4,8 @@
 #include <memory>
 #include <optional>
 
+#include "Base/Mutex.hpp"
 #include "Platform/BatteryRegistry.hpp"
-#include "Platform/Mutex.hpp"
 #include "SharedModels/Snapshot/BatteryStatusSample.hpp"
 
 namespace quenzel {
@@ -28,7 +28,7 @@ class DirectBatteryStatusReader {
                                     std::optional<std::int64_t> rawMaxCapacityMah, bool isCharged);
 
  private:
-  platform::Mutex lock_;
+  Mutex lock_;
   const std::unique_ptr<platform::BatteryRegistry> registry_ GUARDED_BY(lock_);
 };
 

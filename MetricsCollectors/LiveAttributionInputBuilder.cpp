@@ -9,10 +9,10 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include "SharedModels/Runtime/FatalError.hpp"
-#include "SharedModels/Runtime/Number.hpp"
+#include "Base/FatalError.hpp"
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

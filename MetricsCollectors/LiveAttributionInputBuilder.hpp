@@ -5,13 +5,13 @@
 #include <optional>
 #include <vector>
 
+#include "Base/PointInTime.hpp"
 #include "MetricsCollectors/BatteryStatusCollector.hpp"
 #include "MetricsCollectors/PowerEstimators.hpp"
 #include "MetricsCollectors/PowermetricsCollector.hpp"
 #include "MetricsCollectors/ProcessSampler.hpp"
 #include "MetricsCollectors/RunningProcessMetadataCache.hpp"
 #include "SharedModels/Runtime/ComponentProfiler.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 #include "SharedModels/Snapshot/AttributionInput.hpp"
 #include "SharedModels/Snapshot/BatteryStatusSample.hpp"
 #include "SharedModels/Snapshot/SamplingConfig.hpp"

@@ -1,7 +1,7 @@
 #include "MetricsCollectors/LowPowerModeText.hpp"
 
+#include "Base/Text.hpp"
 #include "MetricsCollectors/ShellRunning.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 

@@ -9,13 +9,14 @@
 #include <fmt/ranges.h>
 #include <unistd.h>
 
+#include "Base/Environment.hpp"
+#include "Base/ErrorText.hpp"
+#include "Base/Number.hpp"
+#include "Base/PointInTime.hpp"
+#include "Base/Text.hpp"
 #include "Platform/AppendFile.hpp"
-#include "Platform/Environment.hpp"
 #include "SharedModels/Runtime/DiagnosticSwitch.hpp"
-#include "SharedModels/Runtime/Number.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -49,7 +50,7 @@ bool isRawDumpEnabled() {
 }
 
 std::string rawDumpPath() {
-  const auto path = platform::environmentValue("QZL_PM_RAW_DUMP_PATH");
+  const auto path = environmentValue("QZL_PM_RAW_DUMP_PATH");
   return path && !path->empty() ? *path : "/tmp/qzl-powermetrics-raw.log";
 }
 
@@ -65,7 +66,7 @@ void writeRawDumpIfEnabled(const ToolCommand& command, const ShellResult& result
   const std::string path = rawDumpPath();
   if (const int failure = platform::appendToFile(path, record, 0644)) {
     RuntimeLog::warn(component, fmt::format("Failed to write raw dump file: {}: {}", printableLine(path),
-                                            std::generic_category().message(failure)));
+                                            errorText(failure)));
   }
 }
 

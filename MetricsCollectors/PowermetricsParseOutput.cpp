@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "SharedModels/Runtime/Number.hpp"
+#include "Base/Number.hpp"
 
 namespace quenzel {
 

@@ -6,8 +6,8 @@
 
 #include <re2/re2.h>
 
-#include "SharedModels/Runtime/Number.hpp"
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -10,12 +10,12 @@
 
 #include <fmt/format.h>
 
+#include "Base/FatalError.hpp"
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 #include "MetricsCollectors/RunningProcessMetadataResolver.hpp"
 #include "SharedModels/Runtime/DiagnosticSwitch.hpp"
-#include "SharedModels/Runtime/FatalError.hpp"
-#include "SharedModels/Runtime/Number.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

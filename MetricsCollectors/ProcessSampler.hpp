@@ -8,10 +8,10 @@
 #include <string_view>
 #include <vector>
 
+#include "Base/PointInTime.hpp"
 #include "MetricsCollectors/RunningProcessMetadataCache.hpp"
 #include "MetricsCollectors/ShellRunning.hpp"
 #include "SharedModels/Runtime/ComponentProfiler.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 #include "SharedModels/Snapshot/ProcessSample.hpp"
 
 namespace quenzel {

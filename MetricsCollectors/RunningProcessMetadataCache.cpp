@@ -17,7 +17,7 @@ RunningProcessMetadataCache& RunningProcessMetadataCache::shared() {
 std::optional<RunningProcessMetadata> RunningProcessMetadataCache::resolve(
     std::int32_t pid, PointInTime now, const RunningProcessMetadataLookup& lookup) {
   {
-    const platform::MutexLock guard(lock_);
+    const MutexLock guard(lock_);
     const auto known = entries_.find(pid);
     if (known != entries_.end()) {
       const Entry& entry = known->second;
@@ -25,7 +25,7 @@ std::optional<RunningProcessMetadata> RunningProcessMetadataCache::resolve(
     }
   }
   std::optional<RunningProcessMetadata> metadata = lookup(pid);
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   store(pid, {metadata, now});
   ++accessCount_;
   if (accessCount_ % lookupsBetweenPrunings == 0 || entries_.size() > maxEntries) pruneEntries(now);
@@ -33,7 +33,7 @@ std::optional<RunningProcessMetadata> RunningProcessMetadataCache::resolve(
 }
 
 std::size_t RunningProcessMetadataCache::size() const {
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   return entries_.size();
 }
 

@@ -8,9 +8,9 @@
 #include <unordered_map>
 #include <utility>
 
+#include "Base/Mutex.hpp"
+#include "Base/PointInTime.hpp"
 #include "MetricsCollectors/RunningProcessMetadata.hpp"
-#include "Platform/Mutex.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 
 namespace quenzel {
 
@@ -42,7 +42,7 @@ class RunningProcessMetadataCache {
   void store(std::int32_t pid, Entry entry) REQUIRES(lock_);
   void pruneEntries(PointInTime now) REQUIRES(lock_);
 
-  mutable platform::Mutex lock_;
+  mutable Mutex lock_;
   std::unordered_map<std::int32_t, Entry> entries_ GUARDED_BY(lock_);
   std::set<std::pair<PointInTime, std::int32_t>> byAge_ GUARDED_BY(lock_);  ///< the entries, oldest first
   std::uint64_t accessCount_ GUARDED_BY(lock_) = 0;  ///< look-ups so far; hits do not count

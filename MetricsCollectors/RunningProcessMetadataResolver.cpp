@@ -4,7 +4,7 @@
 #include <string_view>
 #include <utility>
 
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -10,17 +10,17 @@ SMCReader::SMCReader(std::unique_ptr<platform::SMCUserClient> client) : client_(
 }
 
 SMCReader::~SMCReader() {
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   if (isConnected_) client_->close();
 }
 
 void SMCReader::connect() {
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   if (!isConnected_) isConnected_ = client_->open();
 }
 
 std::optional<float> SMCReader::readFloatKey(std::string_view key) {
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   if (!isConnected_) return std::nullopt;
   SMCExchangeRecord request;
   request.key = packFourCharacterCode(key);

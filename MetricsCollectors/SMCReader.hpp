@@ -6,9 +6,9 @@
 #include <optional>
 #include <string_view>
 
+#include "Base/Mutex.hpp"
 #include "MetricsCollectors/SMCPowerReading.hpp"
 #include "MetricsCollectors/SMCValue.hpp"
-#include "Platform/Mutex.hpp"
 #include "Platform/SMCUserClient.hpp"
 
 namespace quenzel {
@@ -42,7 +42,7 @@ class SMCReader final : public SMCTotalPowerReading,
   std::optional<SMCKeyInfoData> keyInfo(std::uint32_t key) REQUIRES(lock_);
   std::optional<SMCExchangeRecord> exchange(const SMCExchangeRecord& request) REQUIRES(lock_);
 
-  platform::Mutex lock_;
+  Mutex lock_;
   const std::unique_ptr<platform::SMCUserClient> client_ GUARDED_BY(lock_);
   bool isConnected_ GUARDED_BY(lock_) = false;
   std::map<std::uint32_t, SMCKeyInfoData> keyInfoCache_ GUARDED_BY(lock_);

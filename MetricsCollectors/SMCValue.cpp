@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <bit>
 
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "SharedModels/Runtime/Number.hpp"
+#include "Base/Number.hpp"
 
 namespace quenzel {
 

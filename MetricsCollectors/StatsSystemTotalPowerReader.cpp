@@ -3,8 +3,8 @@
 #include <optional>
 #include <utility>
 
+#include "Base/Number.hpp"
 #include "MetricsCollectors/SMCReader.hpp"
-#include "SharedModels/Runtime/Number.hpp"
 
 namespace quenzel {
 namespace {
@@ -25,7 +25,7 @@ StatsSystemTotalPowerReader::StatsSystemTotalPowerReader(std::shared_ptr<SMCTota
       lastReadAt_(startDate) {}
 
 StatsSystemTotalSnapshot StatsSystemTotalPowerReader::sample(PointInTime now) {
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   const std::optional<double> watts = smcReader_->readSystemTotalPowerWatts();
   const bool available = watts && *watts > 0;
   if (available) {

@@ -2,9 +2,9 @@
 
 #include <memory>
 
+#include "Base/Mutex.hpp"
+#include "Base/PointInTime.hpp"
 #include "MetricsCollectors/SMCPowerReading.hpp"
-#include "Platform/Mutex.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 
 namespace quenzel {
 
@@ -35,7 +35,7 @@ class StatsSystemTotalPowerReader {
   StatsSystemTotalSnapshot sample(PointInTime now);
 
  private:
-  platform::Mutex lock_;
+  Mutex lock_;
   const std::shared_ptr<SMCTotalPowerReading> smcReader_;
   double totalConsumptionWh_ GUARDED_BY(lock_) = 0;
   double lastInstantaneousW_ GUARDED_BY(lock_) = 0;

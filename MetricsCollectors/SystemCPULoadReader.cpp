@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "SharedModels/Runtime/Number.hpp"
+#include "Base/Number.hpp"
 
 namespace quenzel {
 namespace {
@@ -25,7 +25,7 @@ SystemCPULoadReader::SystemCPULoadReader(std::int64_t logicalCPUCount,
     : logicalCPUCount_(std::max<std::int64_t>(logicalCPUCount, 1)), ticks_(std::move(ticks)) {}
 
 SystemCPUSample SystemCPULoadReader::sample(PointInTime now) {
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   const auto current = ticks_->read();
   if (!current) return {0, logicalCPUCount_, 0};
   const double interval = lastSampleAt_ ? nonNegative(now - *lastSampleAt_) : 0;

@@ -4,9 +4,9 @@
 #include <memory>
 #include <optional>
 
+#include "Base/Mutex.hpp"
+#include "Base/PointInTime.hpp"
 #include "Platform/HostCPUTicks.hpp"
-#include "Platform/Mutex.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 
 namespace quenzel {
 
@@ -30,7 +30,7 @@ class SystemCPULoadReader {
 
  private:
   const std::int64_t logicalCPUCount_;
-  platform::Mutex lock_;
+  Mutex lock_;
   const std::unique_ptr<platform::HostCPUTicks> ticks_ GUARDED_BY(lock_);
   std::optional<platform::CPUTicks> previousInfo_ GUARDED_BY(lock_);
   std::optional<PointInTime> lastSampleAt_ GUARDED_BY(lock_);

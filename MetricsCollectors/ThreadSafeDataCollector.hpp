@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Mutex.hpp"
+#include "Base/Mutex.hpp"
 
 namespace quenzel {
 
@@ -11,11 +11,11 @@ namespace quenzel {
 struct ThreadSafeDataCollector {
   /// Thread-safe; an empty chunk changes nothing.
   void append(std::string_view bytes) {
-    const platform::MutexLock guard(lock);
+    const MutexLock guard(lock);
     data.append(bytes);
   }
 
-  platform::Mutex lock;
+  Mutex lock;
   std::string data GUARDED_BY(lock);
 };
 

@@ -8,7 +8,7 @@
 
 #include <unistd.h>
 
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <sys/types.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 
 namespace quenzel::platform {
 

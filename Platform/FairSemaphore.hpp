@@ -6,7 +6,7 @@
 #include <list>
 #include <memory>
 
-#include "Platform/Mutex.hpp"
+#include "Base/Mutex.hpp"
 
 namespace quenzel::platform {
 

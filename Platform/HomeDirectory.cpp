@@ -6,7 +6,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
 
 namespace quenzel::platform {
 namespace {

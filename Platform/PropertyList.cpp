@@ -12,7 +12,7 @@
 #include <fmt/format.h>
 #include <plist/plist.h>
 
-#include "Platform/Trimmed.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel::platform {
 namespace {
@@ -31,7 +31,7 @@ constexpr std::size_t kMaxTextWithReferences = 32768;
   refuse(fmt::format("is nested more than {} levels deep", maxPropertyListDepth));
 }
 
-std::string_view withoutBlanks(std::string_view text) { return trimmed(text, kBlanks); }
+std::string_view withoutBlanks(std::string_view text) { return trimmedASCII(text, kBlanks); }
 
 bool allDigits(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });

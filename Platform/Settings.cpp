@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
 #include "Platform/InstalledTools.hpp"
 
 namespace quenzel::platform {

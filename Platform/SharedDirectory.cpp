@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 
 namespace quenzel::platform {
 
@@ -25,7 +25,7 @@ bool createSharedDataDirectory(const std::string& path) {
   // By the opened folder rather than by name: where the folder above is open to all, the name may by now be
   // somebody's link to another place.
   const FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (folder.valid()) ::fchmod(folder.get(), everybody);
+  if (folder) ::fchmod(folder.get(), everybody);
   return true;
 }
 

@@ -11,8 +11,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "Base/MonotonicClock.hpp"
 #include "Platform/ChildProcessSupport.hpp"
-#include "Platform/MonotonicClock.hpp"
 
 namespace quenzel::platform {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 
 namespace quenzel::platform {
 

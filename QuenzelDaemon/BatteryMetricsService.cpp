@@ -6,9 +6,9 @@
 
 #include <fmt/format.h>
 
+#include "Base/Text.hpp"
 #include "MetricsCollectors/LowPowerModeText.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "Storage/SQLiteSnapshotStoreLocation.hpp"
 #include "Storage/SharedSnapshotSidecarPermissions.hpp"
 

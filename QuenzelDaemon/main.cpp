@@ -5,16 +5,16 @@
 
 #include <fmt/format.h>
 
+#include "Base/Environment.hpp"
+#include "Base/Text.hpp"
 #include "MetricsCollectors/DefaultProcessTerminator.hpp"
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "Platform/BundleInformation.hpp"
-#include "Platform/Environment.hpp"
 #include "Platform/ProcessStart.hpp"
 #include "Platform/RequestTransport.hpp"
 #include "QuenzelDaemon/BatteryMetricsService.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace {
 
@@ -49,7 +49,7 @@ int answerArgument(std::string_view argument) {
 /// A property list that was named but can't be read would go unnoticed: the daemon would serve under another
 /// name.
 void warnOfUnreadableInfoPlist() {
-  const auto path = platform::environmentValue("QZL_INFO_PLIST");
+  const auto path = environmentValue("QZL_INFO_PLIST");
   if (path && !path->empty() && !platform::mainBundle().infoDictionary()) {
     RuntimeLog::warn("Daemon", "QZL_INFO_PLIST names no readable property list: " + *path);
   }

@@ -11,10 +11,10 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "Base/Text.hpp"
 #include "QuenzelMonitor/Console.hpp"
 #include "SharedModels/Presentation/ProcessAttributionPresentationService.hpp"
 #include "SharedModels/Presentation/ProcessTerminationTargetResolver.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

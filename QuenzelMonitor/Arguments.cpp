@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "SharedModels/Runtime/Number.hpp"
+#include "Base/Number.hpp"
 
 namespace quenzel {
 namespace {
@@ -59,7 +59,7 @@ CLI::Option* addIntegerOption(CLI::App& app, const std::string& name, std::int64
                               std::int64_t most, const std::string& description) {
   const Range<std::int64_t> range{least, most};
   CLI::Option* const option = addRangeOption(
-      app, name, value, range, rangeText("a whole number", range, anyCount), description, parseInteger);
+      app, name, value, range, rangeText("a whole number", range, anyCount), description, parseInteger<>);
   option->default_function([&value] { return fmt::to_string(value); });
   return option;
 }

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "SharedModels/Runtime/Number.hpp"
+#include "Base/Number.hpp"
 #include "SharedModels/Snapshot/ModelledFigures.hpp"
 #include "SharedModels/Snapshot/SnapshotQuality.hpp"
 

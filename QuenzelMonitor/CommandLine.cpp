@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "Base/Text.hpp"
 #include "QuenzelMonitor/DaemonCommand.hpp"
 #include "QuenzelMonitor/EstimatesCommand.hpp"
 #include "QuenzelMonitor/HistoryCommand.hpp"
@@ -14,7 +15,6 @@
 #include "QuenzelMonitor/RecordCommand.hpp"
 #include "QuenzelMonitor/SampleCommand.hpp"
 #include "QuenzelMonitor/ShowCommand.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

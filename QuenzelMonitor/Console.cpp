@@ -10,8 +10,9 @@
 
 #include <fmt/format.h>
 
+#include "Base/ErrorText.hpp"
+#include "Base/Text.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -25,7 +26,7 @@ std::ifstream openFile(const std::string& file) {
   if (std::filesystem::is_directory(file, failure))
     throw CommandError("can't read " + file + ": it is a folder");
   std::ifstream stream(file, std::ios::binary);
-  if (!stream) throw CommandError("can't read " + file + ": " + std::generic_category().message(errno));
+  if (!stream) throw CommandError("can't read " + file + ": " + errorText(errno));
   return stream;
 }
 
@@ -35,7 +36,7 @@ auto reading(const std::string& file, Read read) {
   try {
     return read();
   } catch (const std::ios_base::failure&) {
-    throw CommandError("can't read " + nameOf(file) + ": " + std::generic_category().message(errno));
+    throw CommandError("can't read " + nameOf(file) + ": " + errorText(errno));
   }
 }
 

@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include "Base/Text.hpp"
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "MetricsCollectors/ProcessSampler.hpp"
 #include "Platform/HardwareModel.hpp"
@@ -23,7 +24,6 @@
 #include "QuenzelMonitor/Arguments.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

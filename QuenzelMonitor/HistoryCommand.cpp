@@ -12,11 +12,11 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "Base/PointInTime.hpp"
+#include "Base/Text.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/HistoryDatabase.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "SharedModels/Snapshot/SnapshotCodec.hpp"
 
 namespace quenzel {

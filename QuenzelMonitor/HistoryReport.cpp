@@ -7,9 +7,9 @@
 
 #include <fmt/format.h>
 
+#include "Base/Text.hpp"
 #include "QuenzelMonitor/Terminal.hpp"
 #include "QuenzelMonitor/TerminalChart.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -7,10 +7,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Base/Text.hpp"
 #include "QuenzelMonitor/HistoryDatabase.hpp"
 #include "SharedModels/Presentation/ProcessAttributionPresentationService.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -6,7 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/EnergyModelStage.hpp"
 #include "QuenzelMonitor/GraphStages.hpp"
@@ -54,7 +54,7 @@ CLI::App* addStage(CLI::App& inspect, const char* name, const char* description,
   app->add_option("FILE", *file, "captured input; standard input when left out or -");
   app->callback([&command, &console, file, stage = std::move(stage)] {
     command = [&console, file, stage] {
-      platform::setEnvironmentValue("QZL_LOG_DISABLED", "1");  // an inspection leaves no trace
+      setEnvironmentValue("QZL_LOG_DISABLED", "1");  // an inspection leaves no trace
       return printJSON(stage(readInput(*file, console)), console);
     };
   });

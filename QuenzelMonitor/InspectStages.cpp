@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "Base/Text.hpp"
 #include "MetricsCollectors/BatteryStatusCollector.hpp"
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "MetricsCollectors/DirectBatteryStatusReader.hpp"
@@ -22,7 +23,6 @@
 #include "MetricsCollectors/SystemCPULoadReader.hpp"
 #include "QuenzelMonitor/Console.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "SharedModels/Snapshot/SnapshotCodec.hpp"
 #include "SharedModels/Snapshot/SnapshotPublicationPolicy.hpp"
 

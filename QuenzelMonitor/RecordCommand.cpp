@@ -14,19 +14,19 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "Base/Environment.hpp"
+#include "Base/MonotonicClock.hpp"
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "Platform/BundleInformation.hpp"
-#include "Platform/Environment.hpp"
-#include "Platform/MonotonicClock.hpp"
 #include "Platform/StopSignals.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/HistoryDatabase.hpp"
 #include "QuenzelMonitor/LastingMessage.hpp"
 #include "QuenzelMonitor/SnapshotRecorder.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
-#include "SharedModels/Runtime/Number.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "SharedModels/Snapshot/SamplingConfig.hpp"
 #include "SharedModels/Snapshot/SnapshotQuality.hpp"
 
@@ -111,7 +111,7 @@ void tell(void (*log)(std::string_view component, std::string_view message), con
           Console& console) {
   log("SnapshotRecorder", printableLine(text));
   const auto* const info = platform::mainBundle().infoDictionary();
-  if (RuntimeLog::isDisabled(platform::environmentValue("QZL_LOG_DISABLED"), info))
+  if (RuntimeLog::isDisabled(environmentValue("QZL_LOG_DISABLED"), info))
     reportError(CommandError(text), console);
 }
 
@@ -165,11 +165,11 @@ int record(SQLiteSnapshotStore& store, const RecordOptions& options, Console& co
              return newest.empty() ? std::nullopt : std::optional(newest.front().timestamp);
            },
        .now = now,
-       .monotonicSeconds = platform::monotonicSeconds,
+       .monotonicSeconds = monotonicSeconds,
        .waitForStop = [&stop](double seconds) { return stop.waitFor(seconds); },
        .report =
            [&](const RecordedCycle& recorded) {
-             const double seconds = platform::monotonicSeconds();
+             const double seconds = monotonicSeconds();
              const bool isRejected = recorded.outcome == RecordingOutcome::rejected;
              const bool isLasting = isRejected && !rejection.isDue(recorded.reason, seconds);
              if (!isRejected) rejection.isDue("", seconds);

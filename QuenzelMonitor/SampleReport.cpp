@@ -7,9 +7,9 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "Base/Text.hpp"
 #include "QuenzelMonitor/Terminal.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

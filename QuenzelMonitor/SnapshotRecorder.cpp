@@ -8,10 +8,10 @@
 
 #include <fmt/format.h>
 
+#include "Base/Text.hpp"
 #include "QuenzelMonitor/Attribution.hpp"
 #include "SharedModels/Presentation/SnapshotAnnotation.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "SharedModels/Snapshot/SnapshotPublicationPolicy.hpp"
 
 namespace quenzel {

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "Base/PointInTime.hpp"
 #include "QuenzelMonitor/SamplingCycle.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 #include "SharedModels/Snapshot/DrainSnapshot.hpp"
 #include "Storage/SQLiteSnapshotStore.hpp"
 

@@ -6,8 +6,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "Platform/Environment.hpp"
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Environment.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel {
 
@@ -20,7 +20,7 @@ std::optional<std::size_t> terminalWidth(const Console& console) {
 
 bool isUTF8Terminal() {
   for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-    const std::string locale = lowercased(platform::environmentValue(name).value_or(""));
+    const std::string locale = lowercased(environmentValue(name).value_or(""));
     if (locale.empty()) continue;
     return locale.find("utf-8") != std::string::npos || locale.find("utf8") != std::string::npos;
   }

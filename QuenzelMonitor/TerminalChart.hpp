@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "SharedModels/Runtime/PointInTime.hpp"
+#include "Base/PointInTime.hpp"
 
 namespace quenzel {
 

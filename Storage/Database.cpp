@@ -6,7 +6,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include "Platform/MonotonicClock.hpp"
+#include "Base/MonotonicClock.hpp"
 #include "Storage/SnapshotStoreError.hpp"
 
 namespace quenzel {
@@ -27,13 +27,9 @@ void undo(Database& database) noexcept {
 
 }  // namespace
 
-void Database::CloseConnection::operator()(sqlite3* connection) const noexcept {
-  sqlite3_close_v2(connection);
-}
+void Database::closeConnection(sqlite3* connection) noexcept { sqlite3_close_v2(connection); }
 
-void Database::FinalizeStatement::operator()(sqlite3_stmt* statement) const noexcept {
-  sqlite3_finalize(statement);
-}
+void Database::finalizeStatement(sqlite3_stmt* statement) noexcept { sqlite3_finalize(statement); }
 
 Database::Database(DatabaseFiles files, Access access)
     : fileLayer_(std::make_unique<GuardedVFS>(std::move(files))),
@@ -73,7 +69,7 @@ void Database::interruptWhen(std::function<bool()> isEndWanted) {
     constexpr double patienceSeconds = 2;
     auto& interruption = *static_cast<Interruption*>(context);
     if (!interruption.isEndWanted()) return 0;
-    const double now = platform::monotonicSeconds();
+    const double now = monotonicSeconds();
     if (!interruption.wantedSince) interruption.wantedSince = now;
     return now - *interruption.wantedSince >= patienceSeconds ? 1 : 0;
   };

@@ -7,10 +7,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include <sys/types.h>
 
+#include "Base/ScopedResource.hpp"
+#include "Base/TextMap.hpp"
 #include "Storage/GuardedVFS.hpp"
 #include "Storage/Statement.hpp"
 
@@ -51,8 +52,8 @@ class Database {
   /// Switches to write-ahead logging, where it is not on already; it lasts in the file.
   void useWriteAheadLog();
 
-  /// A statement of a constant text: prepared at its first use, kept as long as the connection. Only one use
-  /// of a text at a time.
+  /// A statement that is prepared at its first use and kept as long as the connection. Only one use of a text
+  /// at a time.
   Statement prepared(std::string_view sql);
 
   /// Takes the values of one row.
@@ -74,13 +75,10 @@ class Database {
   std::int64_t changes() const;
 
  private:
-  struct CloseConnection {
-    void operator()(sqlite3* connection) const noexcept;
-  };
-  struct FinalizeStatement {
-    void operator()(sqlite3_stmt* statement) const noexcept;
-  };
-  using StatementHandle = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+  static void closeConnection(sqlite3* connection) noexcept;
+  static void finalizeStatement(sqlite3_stmt* statement) noexcept;
+  using ConnectionHandle = ScopedResource<sqlite3*, &Database::closeConnection>;
+  using StatementHandle = ScopedResource<sqlite3_stmt*, &Database::finalizeStatement>;
 
   /// The files beside the database, as the system tells them apart; absent ones are empty.
   struct FileIdentity {
@@ -103,8 +101,8 @@ class Database {
   std::unique_ptr<Interruption> interruption_;  ///< at an address that SQLite keeps
   SidecarIdentities sidecars_ = {};
   std::unique_ptr<const RowTaker*> taker_;  ///< whoever takes rows now; at an address that SQLite keeps
-  std::unique_ptr<sqlite3, CloseConnection> connection_;
-  std::unordered_map<std::string_view, StatementHandle> statements_;  ///< by the address-stable SQL text
+  ConnectionHandle connection_;
+  TextMap<StatementHandle> statements_;  ///< by their text
 };
 
 /// All or nothing: what happens between its making and commit() is undone unless commit() is reached.

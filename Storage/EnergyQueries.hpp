@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "Base/PointInTime.hpp"
 #include "SharedModels/DetailsDataPipeline/DetailsPipelineOutput.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 #include "SharedModels/Snapshot/SnapshotHistoryReadModel.hpp"
 
 namespace quenzel {

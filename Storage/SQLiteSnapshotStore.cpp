@@ -5,10 +5,10 @@
 
 #include <fmt/format.h>
 
+#include "Base/Text.hpp"
 #include "SharedModels/DetailsDataPipeline/DetailsReadModel.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "Storage/DatabaseFiles.hpp"
 #include "Storage/DetailsQueries.hpp"
 #include "Storage/EnergyQueries.hpp"
@@ -21,8 +21,6 @@
 
 namespace quenzel {
 namespace {
-
-using platform::MutexLock;
 
 constexpr std::string_view logComponent = "SnapshotStore";
 

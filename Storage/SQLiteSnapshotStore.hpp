@@ -8,10 +8,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Mutex.hpp"
+#include "Base/Mutex.hpp"
+#include "Base/PointInTime.hpp"
 #include "SharedModels/DetailsDataPipeline/DetailsPipelineOutput.hpp"
 #include "SharedModels/GraphBuildEngine/PreparedSnapshot.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 #include "SharedModels/Snapshot/DrainSnapshot.hpp"
 #include "SharedModels/Snapshot/SnapshotHistoryReadModel.hpp"
 #include "Storage/Database.hpp"
@@ -118,7 +118,7 @@ class SQLiteSnapshotStore {
   const Mode mode_;
   const std::string ownBundlePrefix_;  ///< in lower case
   const std::string usageSummarySQL_;  ///< kept with the statement that is prepared from it
-  mutable platform::Mutex lock_;
+  mutable Mutex lock_;
   std::function<bool()> isEndWanted_ GUARDED_BY(lock_);
   mutable std::unique_ptr<Database> connection_ GUARDED_BY(lock_);  ///< none after a failed opening
 };

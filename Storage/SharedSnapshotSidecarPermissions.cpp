@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 #include "Platform/FileMode.hpp"
 #include "Platform/Settings.hpp"
 
@@ -22,9 +22,9 @@ bool isShared(const std::string& path) {
 void ensureSharedSnapshotSidecarPermissions(const std::string& databasePath) noexcept try {
   if (!isShared(databasePath)) return;
   const std::filesystem::path database(databasePath);
-  const platform::FileDescriptor folder(
+  const FileDescriptor folder(
       ::open(database.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!folder.valid()) return;
+  if (!folder) return;
   ::fchmod(folder.get(), 0777);
   for (const char* suffix : {"", "-wal", "-shm"}) {
     const std::string name = database.filename().string() + suffix;

@@ -5,7 +5,7 @@
 #include <string>
 #include <tuple>
 
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Text.hpp"
 #include "SharedModels/Snapshot/SnapshotQuality.hpp"
 #include "Storage/Database.hpp"
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-#include "SharedModels/Runtime/PointInTime.hpp"
+#include "Base/PointInTime.hpp"
 #include "SharedModels/Snapshot/DrainSnapshot.hpp"
 
 namespace quenzel {

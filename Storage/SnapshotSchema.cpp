@@ -12,9 +12,10 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ErrorText.hpp"
+#include "Base/Number.hpp"
+#include "Base/ScopedResource.hpp"
 #include "Platform/SharedDirectory.hpp"
-#include "SharedModels/Runtime/Number.hpp"
 #include "Storage/Database.hpp"
 #include "Storage/SnapshotStoreError.hpp"
 
@@ -165,7 +166,7 @@ constexpr const char* createEstimateTracking[] = {
 
 SnapshotStoreError cannotCreate(std::string_view what, const std::string& path, int reason) {
   return SnapshotStoreError::withMessage(
-      fmt::format("Can't create the {} {}: {}", what, path, std::strerror(reason)));
+      fmt::format("Can't create the {} {}: {}", what, path, errorText(reason)));
 }
 
 void createFolders(const std::filesystem::path& folder) {
@@ -223,9 +224,8 @@ void SnapshotSchema::prepareFile(const std::string& path) {
   createFolders(std::filesystem::path(path).parent_path());
 
   constexpr mode_t everybody = 0666;
-  const platform::FileDescriptor file(
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, everybody));
-  if (file.valid()) {
+  const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, everybody));
+  if (file) {
     ::fchmod(file.get(), everybody);
   } else if (errno != EEXIST && errno != EISDIR) {  // SQLite has words for a folder
     throw cannotCreate("file", path, errno);

@@ -10,7 +10,7 @@
 
 #include <fmt/format.h>
 
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Text.hpp"
 #include "Storage/SnapshotStoreError.hpp"
 
 namespace quenzel {

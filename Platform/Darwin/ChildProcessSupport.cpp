@@ -39,7 +39,7 @@ FileDescriptor openExitDescriptor(pid_t child) {
                               .data = 0,
                               .udata = nullptr};
   const bool waits =
-      queue.valid() && closeOnExec(queue.get()) && ::kevent(queue.get(), &exit, 1, nullptr, 0, nullptr) == 0;
+      queue && closeOnExec(queue.get()) && ::kevent(queue.get(), &exit, 1, nullptr, 0, nullptr) == 0;
   return waits ? std::move(queue) : FileDescriptor();
 }
 

@@ -1,16 +1,16 @@
+#include "Base/Mutex.hpp"
+#include "Base/Text.hpp"
 #include "Platform/Darwin/IOReportLibrary.hpp"
 #include "Platform/Darwin/PropertyConversion.hpp"
 #include "Platform/Darwin/ScopedCFReference.hpp"
 #include "Platform/EnergyModelChannels.hpp"
-#include "Platform/Mutex.hpp"
-#include "Platform/Trimmed.hpp"
 
 namespace quenzel::platform {
 namespace {
 
 /// The library pads some of its unit labels.
 std::optional<std::string> withoutPadding(const std::optional<std::string>& label) {
-  return label ? std::optional(std::string(trimmed(*label))) : std::nullopt;
+  return label ? std::optional(std::string(trimmedASCII(*label))) : std::nullopt;
 }
 
 class DarwinEnergyModelChannels final : public EnergyModelChannels {

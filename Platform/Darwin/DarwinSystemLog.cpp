@@ -3,7 +3,7 @@
 
 #include <os/log.h>
 
-#include "Platform/Mutex.hpp"
+#include "Base/Mutex.hpp"
 #include "Platform/SystemLog.hpp"
 
 namespace quenzel::platform {

@@ -2,25 +2,12 @@
 
 #include <IOKit/IOKitLib.h>
 
+#include "Base/ScopedResource.hpp"
+
 namespace quenzel::platform {
 
-/// Owns a handle of the I/O registry and releases it; IO_OBJECT_NULL is "none". Connections are no such
-/// handles: they are closed.
-class ScopedIOObject {
- public:
-  explicit ScopedIOObject(io_object_t owned) noexcept : object_(owned) {}
-  ScopedIOObject(const ScopedIOObject&) = delete;
-  ScopedIOObject& operator=(const ScopedIOObject&) = delete;
-  ~ScopedIOObject() {
-    if (object_ != IO_OBJECT_NULL) IOObjectRelease(object_);
-  }
-
-  io_object_t get() const noexcept { return object_; }
-  explicit operator bool() const noexcept { return object_ != IO_OBJECT_NULL; }
-
- private:
-  io_object_t object_;
-};
+/// A handle of the I/O registry. Connections are not such handles: they are closed.
+using ScopedIOObject = ScopedResource<io_object_t, IOObjectRelease, IO_OBJECT_NULL>;
 
 /// The first registered service of that class, if there is one.
 inline ScopedIOObject findIOService(const char* className) {

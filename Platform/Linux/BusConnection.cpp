@@ -18,16 +18,16 @@ std::int64_t microsecondsUntil(Clock::time_point deadline) {
 
 }  // namespace
 
-BusPointer makeBusConnection(FileDescriptor input, FileDescriptor output) {
+BusHandle makeBusConnection(FileDescriptor input, FileDescriptor output) {
   sd_bus* made = nullptr;
-  if (::sd_bus_new(&made) < 0) return nullptr;
-  BusPointer bus(made);
-  const int writes = output.valid() ? output.get() : input.get();
-  if (::sd_bus_set_fd(bus.get(), input.get(), writes) < 0) return nullptr;
+  if (::sd_bus_new(&made) < 0) return {};
+  BusHandle bus(made);
+  const int writes = output ? output.get() : input.get();
+  if (::sd_bus_set_fd(bus.get(), input.get(), writes) < 0) return {};
   input.release();  // the connection closes both from here on
   output.release();
-  if (::sd_bus_set_anonymous(bus.get(), 1) < 0) return nullptr;
-  if (::sd_bus_negotiate_fds(bus.get(), 0) < 0) return nullptr;
+  if (::sd_bus_set_anonymous(bus.get(), 1) < 0) return {};
+  if (::sd_bus_negotiate_fds(bus.get(), 0) < 0) return {};
   return bus;
 }
 

@@ -5,7 +5,7 @@
 
 #include <sys/types.h>
 
-#include "Platform/Mutex.hpp"
+#include "Base/Mutex.hpp"
 
 namespace quenzel::platform {
 

@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <memory>
 
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/Number.hpp"
+#include "Base/ScopedResource.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel::platform {
 namespace {
@@ -26,7 +27,7 @@ auto uninterrupted(Call call) {
 constexpr int readFlags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 
 std::optional<std::string> textOf(const FileDescriptor& file) {
-  if (!file.valid()) return std::nullopt;
+  if (!file) return std::nullopt;
   std::string text;
   std::array<char, 8192> block;
   while (text.size() <= maxKernelFileBytes) {
@@ -38,9 +39,7 @@ std::optional<std::string> textOf(const FileDescriptor& file) {
   return std::nullopt;
 }
 
-struct CloseFolder {
-  void operator()(DIR* folder) const { ::closedir(folder); }
-};
+using FolderHandle = ScopedResource<DIR*, ::closedir>;
 
 }  // namespace
 
@@ -59,13 +58,13 @@ std::optional<std::string> regularFileText(const std::string& path) {
   // An O_PATH descriptor names the file without opening it; proc(5) has a link by which it is then opened.
   const FileDescriptor named(uninterrupted([&] { return ::open(path.c_str(), O_PATH | O_CLOEXEC); }));
   struct stat status {};
-  if (!named.valid() || ::fstat(named.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  if (!named || ::fstat(named.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
   return fileText("/proc/self/fd/" + std::to_string(named.get()));
 }
 
 std::optional<std::string> fileValue(const std::string& path) {
   const std::optional<std::string> text = fileText(path);
-  const std::string_view value = text ? trimmed(*text) : std::string_view();
+  const std::string_view value = text ? trimmedASCII(*text) : std::string_view();
   return value.empty() ? std::nullopt : std::optional<std::string>(value);
 }
 
@@ -77,7 +76,7 @@ std::optional<std::int64_t> fileInteger(const std::string& path) {
 int writeFileValue(const std::string& path, std::string_view value) {
   const FileDescriptor file(
       uninterrupted([&] { return ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY); }));
-  if (!file.valid()) return errno;
+  if (!file) return errno;
   // One write: sysfs takes each write(2) as a whole new value.
   const ssize_t count = uninterrupted([&] { return ::write(file.get(), value.data(), value.size()); });
   if (count < 0) return errno;
@@ -86,7 +85,7 @@ int writeFileValue(const std::string& path, std::string_view value) {
 
 std::vector<std::string> folderEntries(const std::string& path) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, CloseFolder> folder(::opendir(path.c_str()));
+  const FolderHandle folder(::opendir(path.c_str()));
   if (!folder) return names;
   while (const dirent* entry = ::readdir(folder.get())) {
     const std::string_view name = entry->d_name;

@@ -1,31 +1,18 @@
 #pragma once
 
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include <fcntl.h>
-
-#include "Platform/Trimmed.hpp"
 
 namespace quenzel::platform {
 
 // The small text files in which Linux shows its state (proc(5), sysfs(5)). Absent means: not there, not
 // permitted, refused by the driver, or not of the asked form. Thread-safe.
-
-/// The integer that the whole text is; none for anything around it and for numbers outside T.
-template <typename T>
-std::optional<T> parseInteger(std::string_view text) {
-  T number{};
-  const char* const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && rest == end && !text.empty() ? std::optional<T>(number) : std::nullopt;
-}
 
 /// The first piece of the text up to the separator; the text loses both.
 std::string_view nextPiece(std::string_view& text, char separator);

@@ -1,5 +1,5 @@
+#include "Base/Environment.hpp"
 #include "Platform/ApplicationSupport.hpp"
-#include "Platform/Environment.hpp"
 #include "Platform/HomeDirectory.hpp"
 
 namespace quenzel::platform {

@@ -1,7 +1,7 @@
 #include <utility>
 
+#include "Base/Environment.hpp"
 #include "Platform/BundleInformation.hpp"
-#include "Platform/Environment.hpp"
 #include "Platform/Linux/LinuxPropertyListFile.hpp"
 
 namespace quenzel::platform {

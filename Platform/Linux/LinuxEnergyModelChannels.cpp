@@ -1,11 +1,11 @@
 #include <fmt/format.h>
 
+#include "Base/Mutex.hpp"
 #include "Platform/EnergyCounterAccess.hpp"
 #include "Platform/EnergyModelChannels.hpp"
 #include "Platform/Linux/EnergyZoneChannels.hpp"
 #include "Platform/Linux/LinuxSettings.hpp"
 #include "Platform/Linux/ModelledHardware.hpp"
-#include "Platform/Mutex.hpp"
 
 namespace quenzel::platform {
 namespace {

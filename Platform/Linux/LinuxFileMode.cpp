@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 #include "Platform/FileMode.hpp"
 
 namespace quenzel::platform {
@@ -13,7 +13,7 @@ namespace quenzel::platform {
 void setPlainFileMode(int folder, const char* name, mode_t mode) noexcept {
   const FileDescriptor file(::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
-  if (!file.valid() || ::fstat(file.get(), &status) != 0) return;
+  if (!file || ::fstat(file.get(), &status) != 0) return;
   if (!S_ISREG(status.st_mode) || status.st_nlink != 1 || (status.st_mode & 07777) == mode) return;
   ::chmod(("/proc/self/fd/" + std::to_string(file.get())).c_str(), mode);
 }

@@ -1,8 +1,8 @@
 #include <algorithm>
 
+#include "Base/Mutex.hpp"
 #include "Platform/HostCPUTicks.hpp"
 #include "Platform/Linux/ProcessorTimes.hpp"
-#include "Platform/Mutex.hpp"
 
 namespace quenzel::platform {
 namespace {

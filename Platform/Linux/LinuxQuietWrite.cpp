@@ -1,9 +1,9 @@
-#include <cerrno>
 #include <csignal>
 #include <ctime>
 
 #include <unistd.h>
 
+#include "Base/WriteAll.hpp"
 #include "Platform/QuietWrite.hpp"
 
 namespace quenzel::platform {
@@ -26,12 +26,10 @@ class WriteSignalBlock {
     ::pthread_sigmask(SIG_BLOCK, &taken_, &former_);
   }
   ~WriteSignalBlock() {
-    const int error = errno;
     constexpr timespec noWait{};
     while (::sigtimedwait(&taken_, nullptr, &noWait) > 0) {
     }
     ::pthread_sigmask(SIG_SETMASK, &former_, nullptr);
-    errno = error;
   }
   WriteSignalBlock(const WriteSignalBlock&) = delete;
   WriteSignalBlock& operator=(const WriteSignalBlock&) = delete;
@@ -43,13 +41,9 @@ class WriteSignalBlock {
 
 }  // namespace
 
-ssize_t writeQuietly(int descriptor, std::string_view bytes) noexcept {
+int writeQuietly(int descriptor, std::string_view bytes) noexcept {
   const WriteSignalBlock block;
-  ssize_t written = 0;
-  do {
-    written = ::write(descriptor, bytes.data(), bytes.size());
-  } while (written < 0 && errno == EINTR);
-  return written;
+  return writeAll(descriptor, bytes);
 }
 
 }  // namespace quenzel::platform

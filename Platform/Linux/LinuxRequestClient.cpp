@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "Base/ErrorText.hpp"
 #include "Platform/Linux/BusConnection.hpp"
 #include "Platform/Linux/ServiceSocket.hpp"
 #include "Platform/RequestTransport.hpp"
@@ -20,16 +21,13 @@ namespace {
 constexpr auto replyTimeoutMicroseconds =
     static_cast<std::uint64_t>(std::chrono::microseconds(requestReplyTimeout).count());
 
-std::string describe(int negativeError) { return std::system_category().message(-negativeError); }
+std::string describe(int negativeError) { return errorText(-negativeError); }
 
-struct MessageReleaser {
-  void operator()(sd_bus_message* message) const noexcept { ::sd_bus_message_unref(message); }
-};
-using MessagePointer = std::unique_ptr<sd_bus_message, MessageReleaser>;
+using MessageHandle = ScopedResource<sd_bus_message*, ::sd_bus_message_unref>;
 
 class LinuxRequestClient final : public RequestClient {
  public:
-  LinuxRequestClient(std::string path, BusPointer bus) : path_(std::move(path)), bus_(std::move(bus)) {}
+  LinuxRequestClient(std::string path, BusHandle bus) : path_(std::move(path)), bus_(std::move(bus)) {}
 
   RequestResult ping() override {
     return call("Ping", "", [](sd_bus_message* reply, RequestReply& result) {
@@ -64,14 +62,14 @@ class LinuxRequestClient final : public RequestClient {
     sd_bus_message* made = nullptr;
     int result =
         ::sd_bus_message_new_method_call(bus_.get(), &made, nullptr, busObjectPath, busInterface, method);
-    const MessagePointer request(made);
+    const MessageHandle request(made);
     if (result >= 0) result = ::sd_bus_message_append(request.get(), types, arguments...);
     if (result < 0) return unanswered(describe(result));
 
     sd_bus_error error{};
     sd_bus_message* received = nullptr;
     result = ::sd_bus_call(bus_.get(), request.get(), replyTimeoutMicroseconds, &error, &received);
-    const MessagePointer reply(received);
+    const MessageHandle reply(received);
     const std::string reason = error.message ? error.message : describe(result < 0 ? result : 0);
     ::sd_bus_error_free(&error);
     if (result < 0) return unanswered(reason);
@@ -87,7 +85,7 @@ class LinuxRequestClient final : public RequestClient {
   }
 
   std::string path_;
-  BusPointer bus_;
+  BusHandle bus_;
 };
 
 }  // namespace
@@ -98,7 +96,7 @@ std::variant<std::unique_ptr<RequestClient>, TransportFailure> connectToService(
   auto socket = connectToServiceSocket(path);
   if (auto* failure = std::get_if<TransportFailure>(&socket)) return *failure;
 
-  BusPointer bus = makeBusConnection(std::move(std::get<FileDescriptor>(socket)));
+  BusHandle bus = makeBusConnection(std::move(std::get<FileDescriptor>(socket)));
   const int started = bus ? startBusConnection(bus.get()) : -ENOMEM;
   if (started < 0)
     return TransportFailure{fmt::format("No daemon answers at {}: {}", path, describe(started))};

@@ -117,16 +117,17 @@ constexpr sd_bus_vtable requestTable[] = {
 };
 
 /// The server's end of a connection: sd-bus reads what it is handed through `input` and writes to the client.
-BusPointer serverConnection(FileDescriptor input, FileDescriptor client, RequestHandler& handler) {
+BusHandle serverConnection(FileDescriptor input, FileDescriptor client, RequestHandler& handler) {
   sd_id128_t identity{};
-  if (::sd_id128_randomize(&identity) < 0) return nullptr;
-  BusPointer bus = makeBusConnection(std::move(input), std::move(client));
-  if (!bus || ::sd_bus_set_server(bus.get(), 1, identity) < 0) return nullptr;
+  if (::sd_id128_randomize(&identity) < 0) return {};
+  BusHandle bus = makeBusConnection(std::move(input), std::move(client));
+  if (!bus || ::sd_bus_set_server(bus.get(), 1, identity) < 0) return {};
   if (::sd_bus_add_object_vtable(bus.get(), nullptr, busObjectPath, busInterface, requestTable, &handler) <
       0) {
-    return nullptr;
+    return {};
   }
-  return ::sd_bus_start(bus.get()) < 0 ? nullptr : std::move(bus);
+  if (::sd_bus_start(bus.get()) < 0) return {};
+  return bus;
 }
 
 struct Server {
@@ -207,7 +208,7 @@ class Connection {
   const int socket_;
   FileDescriptor client_;  ///< until the bus owns it
   FileDescriptor feed_;
-  BusPointer bus_;
+  BusHandle bus_;
   const ConnectionTable::Place place_;
 };
 
@@ -259,7 +260,7 @@ void serveOnThread(FileDescriptor socket, Server& server) {
 /// The next connection; none when accept(2) could not give one just now.
 FileDescriptor acceptConnection(int listener) {
   FileDescriptor socket(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
-  if (socket.valid() || errno == EINTR || errno == ECONNABORTED) return socket;
+  if (socket || errno == EINTR || errno == ECONNABORTED) return socket;
   if (errno == EAGAIN) {  // a socket from the service manager is non-blocking, and shared with it
     pollfd readable{.fd = listener, .events = POLLIN, .revents = 0};
     ::poll(&readable, 1, -1);
@@ -296,7 +297,7 @@ void serveConnections(int listener, RequestHandler& handler, const RequestServer
   Server server(handler, limits);
   for (;;) {
     FileDescriptor socket = acceptConnection(listener);
-    if (socket.valid()) serveOnThread(std::move(socket), server);
+    if (socket) serveOnThread(std::move(socket), server);
   }
 }
 

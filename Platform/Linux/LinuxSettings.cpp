@@ -1,6 +1,6 @@
 #include "Platform/Linux/LinuxSettings.hpp"
 
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
 
 namespace quenzel::platform {
 namespace {

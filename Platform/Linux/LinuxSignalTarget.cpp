@@ -7,7 +7,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/Number.hpp"
+#include "Base/ScopedResource.hpp"
+#include "Base/Text.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
 #include "Platform/SignalTarget.hpp"
 
@@ -24,7 +26,7 @@ std::optional<pid_t> processOfThread(pid_t thread) {
   std::string_view rest = status ? std::string_view(*status) : std::string_view();
   while (!rest.empty()) {
     std::string_view value = nextPiece(rest, '\n');
-    if (nextPiece(value, ':') == "Tgid") return parseInteger<pid_t>(trimmed(value));
+    if (nextPiece(value, ':') == "Tgid") return parseInteger<pid_t>(trimmedASCII(value));
   }
   return std::nullopt;
 }
@@ -39,13 +41,10 @@ class LinuxSignalTarget final : public SignalTarget {
     if (const std::optional<pid_t> process = processOfThread(pid)) open(*process);
   }
 
-  bool isThisProcess() const override {
-    return pid_ == ::getpid() || (!descriptor_.valid() && isOwnThread(pid_));
-  }
+  bool isThisProcess() const override { return pid_ == ::getpid() || (!descriptor_ && isOwnThread(pid_)); }
 
   int send(int signal) const override {
-    if (descriptor_.valid())
-      return errorOf(::syscall(SYS_pidfd_send_signal, descriptor_.get(), signal, nullptr, 0));
+    if (descriptor_) return errorOf(::syscall(SYS_pidfd_send_signal, descriptor_.get(), signal, nullptr, 0));
     if (failure_ == ESRCH) return ESRCH;
     // Without a descriptor the number is all there is. It may have passed to a thread of this process.
     return isOwnThread(pid_) ? ESRCH : errorOf(::kill(pid_, signal));
@@ -55,7 +54,7 @@ class LinuxSignalTarget final : public SignalTarget {
   void open(pid_t pid) {
     pid_ = pid;
     descriptor_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-    failure_ = descriptor_.valid() ? 0 : errno;
+    failure_ = descriptor_ ? 0 : errno;
   }
 
   pid_t pid_ = -1;

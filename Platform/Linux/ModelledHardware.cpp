@@ -14,7 +14,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ErrorText.hpp"
+#include "Base/Number.hpp"
+#include "Base/ScopedResource.hpp"
+#include "Base/WriteAll.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
 #include "Platform/Linux/LinuxPropertyListFile.hpp"
 #include "Platform/Linux/LinuxSettings.hpp"
@@ -42,7 +45,7 @@ FileDescriptor openLockFile() {
   createSharedDataDirectory(stateFolder());  // a failure shows here
   constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
   FileDescriptor created(::open(lockFile().c_str(), flags | O_CREAT | O_EXCL, sharedFileMode));
-  if (!created.valid()) return FileDescriptor(::open(lockFile().c_str(), flags));
+  if (!created) return FileDescriptor(::open(lockFile().c_str(), flags));
   ::fchmod(created.get(), sharedFileMode);  // whatever the umask
   return created;
 }
@@ -56,21 +59,12 @@ bool lockWithin(std::chrono::milliseconds patience, const FileDescriptor& file) 
   return true;
 }
 
-bool writeWhole(int file, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = ::write(file, text.data(), text.size());
-    if (count < 0 && errno != EINTR) return false;
-    if (count > 0) text.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return true;
-}
-
 /// Replaces the state file; the caller holds the lock.
 bool saveState(const ModelledHardwareState& state) {
   std::string temporary = stateFile() + ".XXXXXX";
   FileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
-  if (!file.valid()) return false;
-  const bool saved = writeWhole(file.get(), encodePropertyList(encodeModelledHardware(state))) &&
+  if (!file) return false;
+  const bool saved = writeAll(file.get(), encodePropertyList(encodeModelledHardware(state))) == 0 &&
                      ::fchmod(file.get(), sharedFileMode) == 0 &&
                      ::rename(temporary.c_str(), stateFile().c_str()) == 0;
   if (!saved) ::unlink(temporary.c_str());
@@ -115,7 +109,7 @@ ModelledHardwareState readModelledHardware() {
 std::optional<std::string> setModelledLowPowerMode(bool enabled) {
   const FileDescriptor lock = openLockFile();
   const int failure = errno;
-  if (!lock.valid()) return "can't open " + lockFile() + ": " + std::generic_category().message(failure);
+  if (!lock) return "can't open " + lockFile() + ": " + errorText(failure);
   if (!lockWithin(lockPatience, lock)) return "another program keeps " + lockFile() + " locked";
   ModelledHardwareState state = advancedState(savedState(), machineActivity());
   state.lowPowerMode = enabled;

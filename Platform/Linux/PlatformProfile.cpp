@@ -1,7 +1,7 @@
 #include "Platform/Linux/PlatformProfile.hpp"
 
-#include <system_error>
-
+#include "Base/ErrorText.hpp"
+#include "Base/Text.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
 
 namespace quenzel::platform {
@@ -23,9 +23,9 @@ std::optional<bool> lowPowerProfile(const std::string& sysfsRoot) {
 
 std::optional<std::string> profileFor(bool lowPower, std::string_view choices) {
   std::optional<std::string> chosen;
-  choices = trimmed(choices);
+  choices = trimmedASCII(choices);
   while (!choices.empty()) {
-    const std::string_view choice = trimmed(nextPiece(choices, ' '));
+    const std::string_view choice = trimmedASCII(nextPiece(choices, ' '));
     if (choice.empty() || (choice == lowPowerName) != lowPower) continue;
     if (choice == usualName || !chosen) chosen = choice;
   }
@@ -42,7 +42,7 @@ std::optional<std::string> setLowPowerProfile(const std::string& sysfsRoot, bool
                    : "this machine offers no platform profile but low-power";
   }
   if (const int error = writeFileValue(file, *profile)) {
-    return "can't set the platform profile \"" + *profile + "\": " + std::generic_category().message(error);
+    return "can't set the platform profile \"" + *profile + "\": " + errorText(error);
   }
   if (lowPowerProfile(sysfsRoot) == enabled) return std::nullopt;
   return "the platform profile stayed at \"" + fileValue(file).value_or("unknown") + "\"";

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "Base/Text.hpp"
 #include "Platform/Linux/EnergyZoneChannels.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
 #include "Platform/Linux/ModelledPower.hpp"
@@ -164,7 +165,7 @@ std::string printableName(std::string_view name) {
     if (byte >= 0x80 && byte < 0xC0) continue;  // inside a UTF-8 character
     printable += byte >= 0x20 && byte < 0x7F ? character : '?';
   }
-  const std::string_view text = trimmed(printable);
+  const std::string_view text = trimmedASCII(printable);
   return text.empty() || couldDeceive(text) ? '?' + std::string(text) : std::string(text);
 }
 

@@ -6,6 +6,8 @@
 
 #include <fcntl.h>
 
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 #include "Platform/Linux/ControlGroup.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
 
@@ -21,13 +23,13 @@ std::optional<TaskStat> parseTaskStat(std::string_view text) {
   const std::size_t open = text.find('(');
   const std::size_t close = text.rfind(')');
   if (open == std::string_view::npos || close == std::string_view::npos || close < open) return std::nullopt;
-  const auto pid = parseInteger<std::int32_t>(trimmed(text.substr(0, open)));
+  const auto pid = parseInteger<std::int32_t>(trimmedASCII(text.substr(0, open)));
   if (!pid) return std::nullopt;
   TaskStat task;
   task.pid = *pid;
   task.name = text.substr(open + 1, close - open - 1);
 
-  std::string_view rest = trimmed(text.substr(close + 1));
+  std::string_view rest = trimmedASCII(text.substr(close + 1));
   const std::string_view state = nextPiece(rest, ' ');
   if (state.size() != 1) return std::nullopt;
   task.state = state.front();
@@ -66,8 +68,8 @@ std::optional<TaskStorage> parseTaskStorage(std::string_view text) {
   while (!text.empty()) {
     std::string_view line = nextPiece(text, '\n');
     const std::string_view key = nextPiece(line, ':');
-    if (key == "read_bytes") bytesRead = parseInteger<std::uint64_t>(trimmed(line));
-    if (key == "write_bytes") bytesWritten = parseInteger<std::uint64_t>(trimmed(line));
+    if (key == "read_bytes") bytesRead = parseInteger<std::uint64_t>(trimmedASCII(line));
+    if (key == "write_bytes") bytesWritten = parseInteger<std::uint64_t>(trimmedASCII(line));
   }
   if (!bytesRead || !bytesWritten) return std::nullopt;
   return TaskStorage{*bytesRead, *bytesWritten};
@@ -77,7 +79,7 @@ ProcessTable::ProcessTable(const std::string& procfsRoot)
     : root_(procfsRoot), folder_(::open(procfsRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
 
 std::optional<std::string> ProcessTable::processFile(std::int32_t pid, const char* name) const {
-  if (!folder_.valid()) return std::nullopt;
+  if (!folder_) return std::nullopt;
   return fileText(std::to_string(pid) + '/' + name, folder_.get());
 }
 

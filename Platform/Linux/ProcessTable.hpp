@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 
 namespace quenzel::platform {
 

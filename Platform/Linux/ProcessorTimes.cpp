@@ -1,5 +1,7 @@
 #include "Platform/Linux/ProcessorTimes.hpp"
 
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
 #include "Platform/Linux/LinuxSettings.hpp"
 
@@ -14,7 +16,7 @@ std::optional<ProcessorTimes> parseProcessorTimes(std::string_view stat) {
     if (nextPiece(line, ' ') != "cpu") continue;
     int count = 0;
     for (std::uint64_t* field : fields) {
-      line = trimmed(line);
+      line = trimmedASCII(line);
       const auto ticks = parseInteger<std::uint64_t>(nextPiece(line, ' '));
       if (!ticks) break;
       *field = *ticks;

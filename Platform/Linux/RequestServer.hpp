@@ -5,7 +5,7 @@
 
 #include <sys/types.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 #include "Platform/RequestTransport.hpp"
 
 namespace quenzel::platform {

@@ -16,7 +16,8 @@
 #include <sys/un.h>
 #include <systemd/sd-daemon.h>
 
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
+#include "Base/ErrorText.hpp"
 #include "Platform/Settings.hpp"
 
 namespace quenzel::platform {
@@ -24,10 +25,8 @@ namespace {
 
 constexpr time_t connectTimeoutSeconds = 5;
 
-std::string describe(int error) { return std::system_category().message(error); }
-
 TransportFailure cannot(std::string_view deed, const std::string& path, int error) {
-  return {fmt::format("Cannot {} {}: {}", deed, path, describe(error))};
+  return {fmt::format("Cannot {} {}: {}", deed, path, errorText(error))};
 }
 
 TransportFailure tooLong(const std::string& path) {
@@ -89,7 +88,7 @@ int makeFolders(const std::string& folder) {
 /// Waits for the lock that is held while a daemon makes its socket; released when the descriptor is closed.
 FileDescriptor lockSocketPath(const std::string& path) {
   FileDescriptor lock(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  while (lock.valid() && ::flock(lock.get(), LOCK_EX) != 0) {
+  while (lock && ::flock(lock.get(), LOCK_EX) != 0) {
     if (errno != EINTR) lock.reset();
   }
   return lock;
@@ -104,7 +103,7 @@ bool isSocket(const std::string& path) {
 /// can't be asked.
 std::optional<TransportFailure> someoneListens(const sockaddr_un& address, const std::string& path) {
   const FileDescriptor probe = streamSocket();
-  const int error = probe.valid() ? connectSocket(probe.get(), address) : errno;
+  const int error = probe ? connectSocket(probe.get(), address) : errno;
   if (error == ECONNREFUSED || error == ENOENT) return std::nullopt;
   if (error == 0 || error == EAGAIN)
     return TransportFailure{fmt::format("A daemon is already running at {}", path)};
@@ -129,7 +128,7 @@ std::string serviceSocketPath(const std::string& serviceName) {
 }
 
 std::variant<FileDescriptor, TransportFailure> listenOnServiceSocket(const std::string& serviceName) {
-  if (FileDescriptor passed = activatedSocket(); passed.valid()) return passed;
+  if (FileDescriptor passed = activatedSocket(); passed) return passed;
 
   if (serviceName.find('/') != std::string::npos) {
     return TransportFailure{"The service's name must not hold a \"/\": " + serviceName};
@@ -140,10 +139,10 @@ std::variant<FileDescriptor, TransportFailure> listenOnServiceSocket(const std::
   if (const int error = makeFolders(socketDirectory()))
     return cannot("create the folder", socketDirectory(), error);
   const FileDescriptor lock = lockSocketPath(path);
-  if (!lock.valid()) return cannot("lock", path + ".lock", errno);
+  if (!lock) return cannot("lock", path + ".lock", errno);
 
   FileDescriptor socket = streamSocket();
-  if (!socket.valid()) return cannot("create the socket", path, errno);
+  if (!socket) return cannot("create the socket", path, errno);
   if (auto failure = bindSocket(socket.get(), *address, path)) return *failure;
   if (::chmod(path.c_str(), 0666) != 0) return cannot("open to everyone", path, errno);
   if (::listen(socket.get(), SOMAXCONN) != 0) return cannot("listen on", path, errno);
@@ -154,8 +153,8 @@ std::variant<FileDescriptor, TransportFailure> connectToServiceSocket(const std:
   const std::optional<sockaddr_un> address = socketAddress(path);
   if (!address) return tooLong(path);
   FileDescriptor socket = streamSocket();
-  const int error = socket.valid() ? connectSocket(socket.get(), *address) : errno;
-  if (error != 0) return TransportFailure{fmt::format("No daemon answers at {}: {}", path, describe(error))};
+  const int error = socket ? connectSocket(socket.get(), *address) : errno;
+  if (error != 0) return TransportFailure{fmt::format("No daemon answers at {}: {}", path, errorText(error))};
   return socket;
 }
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <variant>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 #include "Platform/RequestTransport.hpp"
 
 namespace quenzel::platform {

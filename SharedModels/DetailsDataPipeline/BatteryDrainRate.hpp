@@ -4,7 +4,7 @@
 #include <span>
 #include <vector>
 
-#include "SharedModels/Runtime/PointInTime.hpp"
+#include "Base/PointInTime.hpp"
 
 namespace quenzel {
 

@@ -6,10 +6,10 @@
 #include <tuple>
 #include <utility>
 
+#include "Base/Number.hpp"
 #include "SharedModels/DetailsDataPipeline/BatteryDrainRate.hpp"
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
 #include "SharedModels/Presentation/SyntheticPID.hpp"
-#include "SharedModels/Runtime/Number.hpp"
 
 namespace quenzel {
 namespace {

@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "Base/TextMap.hpp"
 #include "SharedModels/DetailsDataPipeline/DetailsPipelineOutput.hpp"
 #include "SharedModels/DetailsDataPipeline/WindowTimeline.hpp"
-#include "SharedModels/Presentation/TextMap.hpp"
 
 namespace quenzel {
 

@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "Base/PointInTime.hpp"
 #include "SharedModels/DetailsDataPipeline/DetailsPipelineOutput.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 
 namespace quenzel {
 

@@ -8,9 +8,9 @@
 #include <string>
 #include <utility>
 
+#include "Base/Text.hpp"
 #include "SharedModels/Presentation/ProcessAggregation.hpp"
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "SharedModels/Snapshot/EnergySlice.hpp"
 #include "SharedModels/Snapshot/SnapshotQuality.hpp"
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "SharedModels/Presentation/TextMap.hpp"
-#include "SharedModels/Runtime/CancellationToken.hpp"
+#include "Base/CancellationToken.hpp"
+#include "Base/TextMap.hpp"
 #include "SharedModels/Snapshot/DrainSnapshot.hpp"
 
 namespace quenzel {

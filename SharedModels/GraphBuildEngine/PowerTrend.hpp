@@ -4,8 +4,8 @@
 #include <span>
 #include <vector>
 
+#include "Base/PointInTime.hpp"
 #include "SharedModels/GraphBuildEngine/PreparedSnapshot.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
 
 namespace quenzel {
 

@@ -5,7 +5,7 @@
 #include <span>
 #include <utility>
 
-#include "SharedModels/Runtime/Number.hpp"
+#include "Base/Number.hpp"
 
 namespace quenzel::GraphBuildEngine {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel::AppleProcessDetector {
 namespace {

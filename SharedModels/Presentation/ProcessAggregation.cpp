@@ -9,11 +9,11 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Base/Text.hpp"
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
 #include "SharedModels/Presentation/ProcessTerminationTargetResolver.hpp"
 #include "SharedModels/Presentation/SnapshotAnnotation.hpp"
 #include "SharedModels/Presentation/SyntheticPID.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel::ProcessAttributionPresentationService {
 namespace {

@@ -5,9 +5,9 @@
 #include <string_view>
 #include <vector>
 
+#include "Base/TextMap.hpp"
 #include "SharedModels/Presentation/ProcessNaming.hpp"
 #include "SharedModels/Presentation/ProcessPresentationContext.hpp"
-#include "SharedModels/Presentation/TextMap.hpp"
 
 // Folds rows into the list that a person sees.
 //

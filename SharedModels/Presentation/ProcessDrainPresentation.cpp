@@ -4,8 +4,8 @@
 #include <array>
 #include <vector>
 
+#include "Base/Text.hpp"
 #include "SharedModels/Presentation/AppleProcessDetector.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -4,9 +4,9 @@
 #include <string_view>
 #include <utility>
 
+#include "Base/Text.hpp"
 #include "SharedModels/Presentation/AppleProcessDetector.hpp"
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel::ProcessAttributionPresentationService {
 namespace {

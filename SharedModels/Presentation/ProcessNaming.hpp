@@ -6,8 +6,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "Base/TextMap.hpp"
 #include "SharedModels/Presentation/ProcessIdentity.hpp"
-#include "SharedModels/Presentation/TextMap.hpp"
 
 // The naming passes: from the latest records of the processes to the name under which each is shown, with an
 // application's helpers shown under the application. Pure functions; every string rule runs once a process.

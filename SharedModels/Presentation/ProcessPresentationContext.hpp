@@ -6,9 +6,9 @@
 #include <string>
 #include <unordered_map>
 
+#include "Base/CancellationToken.hpp"
+#include "Base/TextMap.hpp"
 #include "SharedModels/Presentation/ProcessIdentity.hpp"
-#include "SharedModels/Presentation/TextMap.hpp"
-#include "SharedModels/Runtime/CancellationToken.hpp"
 
 namespace quenzel {
 

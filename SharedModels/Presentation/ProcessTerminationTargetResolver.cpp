@@ -10,9 +10,9 @@
 
 #include <fmt/format.h>
 
+#include "Base/FatalError.hpp"
+#include "Base/Text.hpp"
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
-#include "SharedModels/Runtime/FatalError.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel::ProcessTerminationTargetResolver {
 namespace {

@@ -4,8 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "Base/Text.hpp"
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel::ProcessAttributionPresentationService {
 namespace {

@@ -3,13 +3,13 @@
 #include <filesystem>
 #include <system_error>
 
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
 
 namespace quenzel {
 
 bool isDiagnosticSwitchOn(const char* environmentName, const char* flagFile) {
   std::error_code failure;
-  return platform::environmentValue(environmentName) == "1" || std::filesystem::exists(flagFile, failure);
+  return environmentValue(environmentName) == "1" || std::filesystem::exists(flagFile, failure);
 }
 
 }  // namespace quenzel

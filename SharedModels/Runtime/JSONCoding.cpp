@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel {
 namespace {

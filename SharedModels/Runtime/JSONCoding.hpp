@@ -13,7 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "SharedModels/Runtime/PointInTime.hpp"
+#include "Base/PointInTime.hpp"
 
 // The one home of JSON (RFC 8259). A record's keys are its field names; a point in time is a number, the
 // seconds since 2001-01-01T00:00:00Z; an enumeration is its string; an absent optional is left out. What is

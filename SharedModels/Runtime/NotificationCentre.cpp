@@ -11,7 +11,7 @@ NotificationCentre& NotificationCentre::shared() {
 
 std::shared_ptr<void> NotificationCentre::observe(std::string_view name, Observer observer) {
   auto token = std::make_shared<Observer>(std::move(observer));
-  const platform::MutexLock guard(lock_);
+  const MutexLock guard(lock_);
   std::erase_if(registrations_, [](const Registration& entry) { return entry.observer.expired(); });
   registrations_.push_back({std::string(name), token});
   return token;
@@ -20,7 +20,7 @@ std::shared_ptr<void> NotificationCentre::observe(std::string_view name, Observe
 void NotificationCentre::post(std::string_view name, const UserInfo& userInfo) {
   std::vector<std::shared_ptr<Observer>> observers;
   {
-    const platform::MutexLock guard(lock_);
+    const MutexLock guard(lock_);
     for (const Registration& entry : registrations_) {
       auto observer = entry.observer.lock();
       if (observer && entry.name == name) observers.push_back(std::move(observer));

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "Platform/Mutex.hpp"
+#include "Base/Mutex.hpp"
 
 namespace quenzel {
 
@@ -35,7 +35,7 @@ class NotificationCentre {
     std::weak_ptr<Observer> observer;
   };
 
-  platform::Mutex lock_;
+  Mutex lock_;
   std::vector<Registration> registrations_ GUARDED_BY(lock_);
 };
 

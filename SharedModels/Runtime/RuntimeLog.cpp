@@ -6,17 +6,17 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "Base/Environment.hpp"
+#include "Base/Mutex.hpp"
+#include "Base/PointInTime.hpp"
+#include "Base/Text.hpp"
 #include "Platform/AppendFile.hpp"
-#include "Platform/Environment.hpp"
-#include "Platform/Mutex.hpp"
 #include "Platform/QuietWrite.hpp"
 #include "Platform/Settings.hpp"
 #include "Platform/SharedDirectory.hpp"
 #include "Platform/SystemLog.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 #include "SharedModels/Runtime/NotificationCentre.hpp"
-#include "SharedModels/Runtime/PointInTime.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {
@@ -26,9 +26,9 @@ using platform::PropertyDictionary;
 constexpr std::string_view disabledKey = "QZL_LOG_DISABLED";
 
 struct RuntimeLogState {
-  platform::Mutex lock;
+  Mutex lock;
   RuntimeLogLevel minimumLevel GUARDED_BY(lock) =
-      RuntimeLog::initialMinimumLevel(platform::environment(), platform::mainBundle().infoDictionary());
+      RuntimeLog::initialMinimumLevel(environment(), platform::mainBundle().infoDictionary());
   bool notificationsEnabled GUARDED_BY(lock) = false;
 };
 
@@ -59,15 +59,14 @@ void appendToSharedFile(const std::string& line) {
 }
 
 void write(RuntimeLogLevel level, std::string_view component, std::string_view message) {
-  if (RuntimeLog::isDisabled(platform::environmentValue(disabledKey.data()),
-                             platform::mainBundle().infoDictionary())) {
+  if (RuntimeLog::isDisabled(environmentValue(disabledKey.data()), platform::mainBundle().infoDictionary())) {
     return;
   }
   RuntimeLogState& state = sharedState();
   RuntimeLogLevel minimumLevel{};
   bool notificationsEnabled = false;
   {
-    const platform::MutexLock guard(state.lock);
+    const MutexLock guard(state.lock);
     minimumLevel = state.minimumLevel;
     notificationsEnabled = state.notificationsEnabled;
   }
@@ -105,7 +104,7 @@ void RuntimeLog::error(std::string_view component, std::string_view message) {
 void RuntimeLog::configure(std::optional<RuntimeLogLevel> minLevel,
                            std::optional<bool> notificationsEnabled) {
   RuntimeLogState& state = sharedState();
-  const platform::MutexLock guard(state.lock);
+  const MutexLock guard(state.lock);
   if (minLevel) state.minimumLevel = *minLevel;
   if (notificationsEnabled) state.notificationsEnabled = *notificationsEnabled;
 }

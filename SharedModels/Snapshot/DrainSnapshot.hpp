@@ -7,7 +7,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "SharedModels/Runtime/PointInTime.hpp"
+#include "Base/PointInTime.hpp"
 #include "SharedModels/Snapshot/BatteryStatusSample.hpp"
 #include "SharedModels/Snapshot/HiddenWorkloadMapping.hpp"
 

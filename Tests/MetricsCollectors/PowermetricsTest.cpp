@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "Base/Text.hpp"
 #include "MetricsCollectors/PowermetricsCollector.hpp"
 #include "MetricsCollectors/PowermetricsParser.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "Tests/Support/Command.hpp"
 #include "Tests/Support/FakeShell.hpp"
 #include "Tests/Support/LoggedLines.hpp"

@@ -8,8 +8,8 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "Base/ScopedResource.hpp"
 #include "Platform/AppendFile.hpp"
-#include "Platform/FileDescriptor.hpp"
 #include "Platform/HomeDirectory.hpp"
 #include "Platform/InstalledTools.hpp"
 #include "Platform/Linux/LinuxPropertyListFile.hpp"

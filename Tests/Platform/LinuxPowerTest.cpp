@@ -9,10 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Base/ScopedResource.hpp"
 #include "Platform/BatteryRegistry.hpp"
 #include "Platform/EnergyCounterAccess.hpp"
 #include "Platform/EnergyModelChannels.hpp"
-#include "Platform/FileDescriptor.hpp"
 #include "Platform/HardwareModel.hpp"
 #include "Platform/Linux/ModelledHardware.hpp"
 #include "Platform/SMCUserClient.hpp"
@@ -170,7 +170,7 @@ TEST(ModelledHardware, RemembersItsStateBetweenReadings) {
             channels({{"Modelled CPU Energy", 54'000'000'000}, {"DRAM modelled", 5'760'000'000}}));
   EXPECT_EQ(platform::setModelledLowPowerMode(true), std::nullopt);
   const std::string lockFile = tree.folder() / "shared/Quenzel/modelled-hardware.lock";
-  platform::FileDescriptor lock(::open(lockFile.c_str(), O_RDWR | O_CLOEXEC));
+  FileDescriptor lock(::open(lockFile.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);  // as any user can, for ever
   EXPECT_EQ(platform::setModelledLowPowerMode(false), "another program keeps " + lockFile + " locked");
   EXPECT_TRUE(readModelledHardware().lowPowerMode);

@@ -108,9 +108,9 @@ TEST(LinuxBundleInformationDeathTest, ReadsThePropertyListOnce) {
   const std::pair<std::string, const char*> rows[] = {{good, "1 entries, org.x"}, {"/no", "0 entries, none"}};
   for (const auto& row : rows) {
     const auto look = [&] {
-      platform::setEnvironmentValue("QZL_INFO_PLIST", row.first);
+      setEnvironmentValue("QZL_INFO_PLIST", row.first);
       const auto& bundle = platform::mainBundle();
-      platform::setEnvironmentValue("QZL_INFO_PLIST", "/changed/later");
+      setEnvironmentValue("QZL_INFO_PLIST", "/changed/later");
       const auto* const info = platform::mainBundle().infoDictionary();
       std::cerr << (info ? info->size() : 0) << " entries, " << bundle.bundleIdentifier().value_or("none");
       folder.reset();  // nothing else removes the folder of a process that exits here

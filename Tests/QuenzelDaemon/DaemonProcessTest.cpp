@@ -19,7 +19,6 @@ namespace {
 
 using namespace ::testing;
 using namespace quenzel::testing;
-using platform::FileDescriptor;
 
 /// "success / message" of a reply, or why there was none.
 std::string described(const platform::RequestResult& result) {

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "Base/Text.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

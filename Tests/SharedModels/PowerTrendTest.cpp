@@ -5,12 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 #include "SharedModels/DetailsDataPipeline/BatteryDrainRate.hpp"
 #include "SharedModels/GraphBuildEngine/GraphPeriod.hpp"
 #include "SharedModels/GraphBuildEngine/PowerTrendSmoothing.hpp"
 #include "SharedModels/GraphBuildEngine/TrendDownsampling.hpp"
-#include "SharedModels/Runtime/Number.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -6,8 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Base/Text.hpp"
 #include "SharedModels/Presentation/ProcessAttributionPresentationService.hpp"
-#include "SharedModels/Runtime/Text.hpp"
 #include "Tests/Support/SnapshotBuilders.hpp"
 
 namespace quenzel {

@@ -18,11 +18,11 @@ namespace {
 constexpr const char* serviceName = "com.quenzel.metricsd";
 
 /// A socket that is bound or connected to that path.
-platform::FileDescriptor socketAt(const std::string& path, decltype(&::connect) attach) {
+FileDescriptor socketAt(const std::string& path, decltype(&::connect) attach) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
-  platform::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (attach(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     throw std::system_error(errno, std::system_category(), path);
   return socket;
@@ -47,13 +47,11 @@ void DaemonSurroundings::installTool(const std::string& path, const std::string&
   std::filesystem::permissions(file, std::filesystem::perms(0755));
 }
 
-platform::FileDescriptor DaemonSurroundings::connectSocket() const {
-  return socketAt(socketPath(), ::connect);
-}
+FileDescriptor DaemonSurroundings::connectSocket() const { return socketAt(socketPath(), ::connect); }
 
-platform::FileDescriptor DaemonSurroundings::listeningSocket() const {
+FileDescriptor DaemonSurroundings::listeningSocket() const {
   std::filesystem::create_directories(folder_ / "run/quenzel");
-  platform::FileDescriptor socket = socketAt(socketPath(), ::bind);
+  FileDescriptor socket = socketAt(socketPath(), ::bind);
   ::listen(socket.get(), 16);
   return socket;
 }

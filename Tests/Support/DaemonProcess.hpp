@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ScopedResource.hpp"
 #include "Platform/RequestTransport.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
 #include "Tests/Support/TemporaryDirectory.hpp"
@@ -22,8 +22,8 @@ class DaemonSurroundings {
   /// Puts a shell script in the place of the tool at that absolute path.
   void installTool(const std::string& path, const std::string& script) const;
   /// A connection that has said nothing yet.
-  platform::FileDescriptor connectSocket() const;
-  platform::FileDescriptor listeningSocket() const;
+  FileDescriptor connectSocket() const;
+  FileDescriptor listeningSocket() const;
 
  private:
   TemporaryDirectory folder_;

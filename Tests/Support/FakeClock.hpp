@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "SharedModels/Runtime/PointInTime.hpp"
+#include "Base/PointInTime.hpp"
 
 namespace quenzel::testing {
 

@@ -7,8 +7,8 @@
 #include <variant>
 #include <vector>
 
+#include "Base/Mutex.hpp"
 #include "MetricsCollectors/ShellRunning.hpp"
-#include "Platform/Mutex.hpp"
 
 namespace quenzel::testing {
 
@@ -23,7 +23,7 @@ class FakeShell final : public ShellRunning {
 
   /// Adds one reply: a result to return, or an error to throw.
   FakeShell& reply(const std::string& executable, Reply reply) {
-    const platform::MutexLock guard(lock_);
+    const MutexLock guard(lock_);
     replies_[executable].push_back(std::move(reply));
     return *this;
   }
@@ -34,12 +34,12 @@ class FakeShell final : public ShellRunning {
   }
 
   std::vector<Call> calls() const {
-    const platform::MutexLock guard(lock_);
+    const MutexLock guard(lock_);
     return calls_;
   }
 
   ShellResult run(const std::string& executable, const std::vector<std::string>& arguments) const override {
-    const platform::MutexLock guard(lock_);
+    const MutexLock guard(lock_);
     calls_.push_back({executable, arguments});
     std::deque<Reply>& replies = replies_[executable];
     if (replies.empty()) throw ShellRunnerError::failedToLaunch("No reply is set for " + executable + ".");
@@ -50,7 +50,7 @@ class FakeShell final : public ShellRunning {
   }
 
  private:
-  mutable platform::Mutex lock_;
+  mutable Mutex lock_;
   mutable std::map<std::string, std::deque<Reply>> replies_ GUARDED_BY(lock_);
   mutable std::vector<Call> calls_ GUARDED_BY(lock_);
 };

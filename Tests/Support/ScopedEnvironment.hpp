@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
 
 namespace quenzel::testing {
 
@@ -19,15 +19,15 @@ class ScopedEnvironment {
   }
   ~ScopedEnvironment() {
     for (auto former = former_.rbegin(); former != former_.rend(); ++former) {
-      platform::setEnvironmentValue(former->first.c_str(), former->second);
+      setEnvironmentValue(former->first.c_str(), former->second);
     }
   }
   ScopedEnvironment(const ScopedEnvironment&) = delete;
   ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
 
   void set(const std::string& name, const std::optional<std::string>& value) {
-    former_.emplace_back(name, platform::environmentValue(name.c_str()));
-    platform::setEnvironmentValue(name.c_str(), value);
+    former_.emplace_back(name, environmentValue(name.c_str()));
+    setEnvironmentValue(name.c_str(), value);
   }
 
  private:

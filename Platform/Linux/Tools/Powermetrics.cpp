@@ -12,14 +12,16 @@
 #include <getopt.h>
 #include <sys/utsname.h>
 
+#include "Base/ErrorText.hpp"
+#include "Base/MonotonicClock.hpp"
+#include "Base/Number.hpp"
+#include "Base/ScopedResource.hpp"
 #include "Platform/EnergyCounterAccess.hpp"
-#include "Platform/FileDescriptor.hpp"
 #include "Platform/HardwareModel.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
 #include "Platform/Linux/LinuxSettings.hpp"
 #include "Platform/Linux/PowermetricsReport.hpp"
 #include "Platform/Linux/Tools/ToolOutput.hpp"
-#include "Platform/MonotonicClock.hpp"
 
 namespace quenzel::platform {
 namespace {
@@ -157,7 +159,7 @@ class Sampler {
 
   PowermetricsScan scan() {
     PowermetricsScan scan;
-    scan.seconds = platform::monotonicSeconds();
+    scan.seconds = monotonicSeconds();
     scan.processors = processorTimes().value_or(ProcessorTimes{});
     if (options_.power && !modelled_) scan.energy = energy_->sample();
     if (!options_.tasks) return scan;
@@ -205,7 +207,7 @@ int sampleTo(int descriptor, const Options& options) {
     pause(options.intervalMs);
     PowermetricsScan after = sampler.scan();
     text += sampler.report(before, after);
-    if (!writeText(descriptor, text)) return EXIT_FAILURE;
+    if (writeAll(descriptor, text) != 0) return EXIT_FAILURE;
     text.clear();
     before = std::move(after);
   }
@@ -217,8 +219,8 @@ int runWith(const Options& options) {
   if (options.outputFile.empty()) return sampleTo(STDOUT_FILENO, options);
   const FileDescriptor file(
       ::open(options.outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (file.valid()) return sampleTo(file.get(), options);
-  return failed(fmt::format("powermetrics: can't open {}: {}", options.outputFile, std::strerror(errno)));
+  if (file) return sampleTo(file.get(), options);
+  return failed(fmt::format("powermetrics: can't open {}: {}", options.outputFile, errorText(errno)));
 }
 
 int run(int argc, char** argv) {

@@ -14,7 +14,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/FileDescriptor.hpp"
+#include "Base/ErrorText.hpp"
+#include "Base/ScopedResource.hpp"
 #include "Platform/Linux/KernelFiles.hpp"
 #include "Platform/Linux/Tools/ToolOutput.hpp"
 
@@ -61,7 +62,7 @@ std::string textFrom(const FileDescriptor& pipe) {
   }
 }
 
-int cantRun() { return failed(fmt::format("ps: can't run {}: {}", systemPs, std::strerror(errno))); }
+int cantRun() { return failed(fmt::format("ps: can't run {}: {}", systemPs, errorText(errno))); }
 
 int run(int argc, char** argv) {
   std::vector<std::string> arguments(argv, argv + argc);

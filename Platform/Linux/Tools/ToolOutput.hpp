@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -11,24 +10,16 @@
 #include <getopt.h>
 #include <unistd.h>
 
+#include "Base/WriteAll.hpp"
+
 namespace quenzel::platform {
 
 inline constexpr int usageExitStatus = 64;  ///< EX_USAGE of sysexits.h
 
-/// Writes the text to a descriptor. The tool has SIGPIPE ignored, so that a reader who went away shows here
-/// as a failure.
-inline bool writeText(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = ::write(descriptor, text.data(), text.size());
-    if (count < 0 && errno != EINTR) return false;
-    if (count > 0) text.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return true;
-}
-
-/// Writes the text to standard output; the exit status to end with.
+/// Writes the text to standard output; the exit status to end with. The tool has SIGPIPE ignored, so that a
+/// reader who went away shows here as a failure.
 inline int printed(std::string_view text) {
-  return writeText(STDOUT_FILENO, text) ? EXIT_SUCCESS : EXIT_FAILURE;
+  return writeAll(STDOUT_FILENO, text) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 /// The option that getopt_long(3) has just refused: it leaves the letter of a short one, which may stand
@@ -40,8 +31,8 @@ inline std::string refusedOption(char** argv) {
 
 /// Says on standard error why the tool ends, and with which status.
 inline int failed(std::string_view message, int status = EXIT_FAILURE) {
-  writeText(STDERR_FILENO, message);
-  writeText(STDERR_FILENO, "\n");
+  writeAll(STDERR_FILENO, message);
+  writeAll(STDERR_FILENO, "\n");
   return status;
 }
 
@@ -52,8 +43,8 @@ int toolMain(std::string_view name, Run run) {
   try {
     return run();
   } catch (const std::exception& error) {
-    writeText(STDERR_FILENO, name);
-    writeText(STDERR_FILENO, ": ");
+    writeAll(STDERR_FILENO, name);
+    writeAll(STDERR_FILENO, ": ");
     return failed(error.what());
   }
 }

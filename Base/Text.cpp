@@ -1,4 +1,4 @@
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Text.hpp"
 
 #include <algorithm>
 #include <cstdint>

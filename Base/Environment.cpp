@@ -1,14 +1,14 @@
-#include "Platform/Environment.hpp"
+#include "Base/Environment.hpp"
 
 #include <cstdlib>
 
 #include <unistd.h>
 
-#include "Platform/Mutex.hpp"
+#include "Base/Mutex.hpp"
 
 extern char** environ;
 
-namespace quenzel::platform {
+namespace quenzel {
 namespace {
 
 Mutex& environmentLock() {
@@ -49,4 +49,4 @@ std::map<std::string, std::string> environment() {
   return variables;
 }
 
-}  // namespace quenzel::platform
+}  // namespace quenzel

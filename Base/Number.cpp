@@ -1,4 +1,4 @@
-#include "SharedModels/Runtime/Number.hpp"
+#include "Base/Number.hpp"
 
 #include <charconv>
 #include <cstdlib>
@@ -86,21 +86,6 @@ std::optional<double> parseDouble(std::string_view text) {
   char* end = nullptr;
   const double value = ::strtod_l(copy.c_str(), &end, cLocale());
   if (end != copy.c_str() + copy.size()) return std::nullopt;
-  return value;
-}
-
-std::optional<std::int64_t> parseInteger(std::string_view text) {
-  if (!text.empty() && text.size() <= mostPlainDigits) {
-    std::uint64_t number = 0;
-    if (takeDigits(text, number) == text.size()) return static_cast<std::int64_t>(number);
-  }
-  if (!text.empty() && text.front() == '+') {
-    text.remove_prefix(1);
-    if (signLength(text) == 1) return std::nullopt;
-  }
-  std::int64_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
   return value;
 }
 

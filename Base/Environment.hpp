@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace quenzel::platform {
+namespace quenzel {
 
 /// The process environment behind one lock. getenv(3) may run beside itself but not beside setenv(3), and the
 /// system reads switches from the environment on any thread at any time; so every read and every change of
@@ -21,4 +21,4 @@ std::map<std::string, std::string> environment();
 /// The same as "NAME=value" entries in their present order, as execve(2) takes them.
 std::vector<std::string> environmentEntries();
 
-}  // namespace quenzel::platform
+}  // namespace quenzel

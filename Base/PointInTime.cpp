@@ -1,4 +1,4 @@
-#include "SharedModels/Runtime/PointInTime.hpp"
+#include "Base/PointInTime.hpp"
 
 #include <chrono>
 #include <cmath>

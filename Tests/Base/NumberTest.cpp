@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "SharedModels/Runtime/Number.hpp"
-#include "SharedModels/Runtime/Text.hpp"
+#include "Base/Number.hpp"
+#include "Base/Text.hpp"
 
 namespace quenzel {
 namespace {

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <charconv>
+#include <concepts>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 namespace quenzel {
 
@@ -13,8 +16,16 @@ namespace quenzel {
 /// rounded; none for anything more or less than that, leading or trailing blanks included.
 std::optional<double> parseDouble(std::string_view text);
 
-/// The whole text as a decimal integer with an optional sign; none when it is anything else or does not fit.
-std::optional<std::int64_t> parseInteger(std::string_view text);
+/// The whole text as a decimal integer with an optional sign; none when it is anything else or does not fit
+/// T, as no negative number does where T is unsigned.
+template <std::integral T = std::int64_t>
+std::optional<T> parseInteger(std::string_view text) {
+  if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
+  T number{};
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && rest == end ? std::optional<T>(number) : std::nullopt;
+}
 
 /// Takes numbers off the front of a text, each after any blanks and tabs.
 class NumberScanner {

@@ -17,7 +17,7 @@
 #define ACQUIRE(...) QUENZEL_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) QUENZEL_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 
-namespace quenzel::platform {
+namespace quenzel {
 
 class CAPABILITY("mutex") Mutex {
  public:
@@ -40,4 +40,4 @@ class SCOPED_CAPABILITY MutexLock {
   Mutex& mutex_;
 };
 
-}  // namespace quenzel::platform
+}  // namespace quenzel

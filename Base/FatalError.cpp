@@ -1,4 +1,4 @@
-#include "SharedModels/Runtime/FatalError.hpp"
+#include "Base/FatalError.hpp"
 
 #include <cstdio>
 #include <cstdlib>

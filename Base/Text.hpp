@@ -20,6 +20,14 @@ std::string_view trimmedLeft(std::string_view text);
 /// Whether there is nothing else than white space and line breaks.
 bool isBlank(std::string_view text);
 
+/// Without the bytes `blanks`, by default ASCII's blanks, at its ends: for files and tools of the system,
+/// which know no others.
+constexpr std::string_view trimmedASCII(std::string_view text, std::string_view blanks = " \t\n\v\f\r") {
+  const std::size_t first = text.find_first_not_of(blanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) + 1 - first);
+}
+
 /// Whether the text begins with a white-space character.
 bool startsWithWhitespace(std::string_view text);
 
