@@ -88,7 +88,6 @@ ProcessDrain syntheticRow(const std::string& key, const Group& group) {
   ProcessDrain row;
   row.pid = stableSyntheticPID(key);
   row.name = group.name;
-  row.processGroupKey = processGroupKeySource(row, group.name);
   for (const ProcessDrain& member : group.members) addFigures(row, member);
   row.sourceFlags = distinctSourceFlags(group.members);
   return row;

@@ -1,7 +1,7 @@
 #include "SharedModels/Presentation/ProcessDrainPresentation.hpp"
 
 #include <algorithm>
-#include <array>
+#include <iterator>
 #include <vector>
 
 #include "Base/Text.hpp"
@@ -12,8 +12,8 @@ namespace {
 
 constexpr std::string_view appExtension = ".app";
 
-constexpr std::array<std::string_view, 11> topLevelLabels{"com", "org", "net", "io", "dev", "edu",
-                                                          "gov", "app", "ai",  "me", "co"};
+constexpr std::string_view topLevelLabels[] = {"com", "org", "net", "io", "dev", "edu",
+                                               "gov", "app", "ai",  "me", "co"};
 
 /// The pieces between separators, empty ones dropped.
 std::vector<std::string_view> pieces(std::string_view text, char separator) {
@@ -68,7 +68,7 @@ std::optional<std::string_view> reverseDNSLeafIdentifier(std::string_view identi
   const std::vector<std::string_view> labels = pieces(identifier, '.');
   if (labels.size() < 3) return std::nullopt;
   const std::string first = lowercased(labels.front());
-  if (std::find(topLevelLabels.begin(), topLevelLabels.end(), first) == topLevelLabels.end())
+  if (std::find(std::begin(topLevelLabels), std::end(topLevelLabels), first) == std::end(topLevelLabels))
     return std::nullopt;
   const std::string_view leaf = trimmed(labels.back());
   return leaf.empty() ? std::nullopt : std::optional(leaf);

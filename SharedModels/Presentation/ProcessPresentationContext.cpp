@@ -159,7 +159,7 @@ ProcessPresentationContext appendingPresentationContext(const ProcessPresentatio
 
 const ProcessDrain* hostApplicationProcess(const ProcessDrain& process,
                                            const ProcessPresentationContext& context) {
-  if (!process.parentPID || isIndependentAppIn(context, process)) return nullptr;
+  if (isIndependentAppIn(context, process)) return nullptr;
   const auto ancestor = [&](std::int64_t pid) -> const ProcessDrain* {
     const auto found = context.latestProcessByPID.find(pid);
     return found == context.latestProcessByPID.end() ? nullptr : &found->second;

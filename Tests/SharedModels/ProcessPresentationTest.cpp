@@ -30,6 +30,7 @@ TEST(ProcessPresentation, DerivesWhatARowShows) {
       {0, "/\u00C9.app/\u00C9x", none, "\u2003", "\u00C9|/\u00C9.app|30|\u00C9x|app:/\u00E9.app"},
       {0, "/.app/x", "", none, ".app|/.app|30|x|app:/.app"},
       {0, "/", none, none, "/|/|10|/|exec:/"},
+      {0, "/opt/a)", none, none, "a)|/opt/a)|10|a)|exec:/opt/a)"},
       {0, "(xpcproxy)", none, none, "xpcproxy|(xpcproxy)|0|xpcproxy|name:xpcproxy"},
       {-1, "()", none, none, "()|none|0||name:()"},
       {1, "com.example.Agent", "com.x", none, "Agent|com.x|4|com.example.Agent|name:agent"},
@@ -44,10 +45,12 @@ TEST(ProcessPresentation, DerivesWhatARowShows) {
         shown);
   }
   std::string normalized;
-  for (const char* name : {"( )", "( a )", "(", "com.example", "my.app.thing", "com.example.Foo Bar",
+  for (const char* name : {"( )", "( a )", "(", "a)", "com.example", "my.app.thing", "com.example.Foo Bar",
                            "CO..x.y.", "com.a/b.c", ".x.y", "\n"})
     normalized += normalizedDisplayName(name) + "|";
-  EXPECT_EQ(normalized, "( )|a|(|com.example|my.app.thing|com.example.Foo Bar|y|com.a/b.c|.x.y|\n|");
+  EXPECT_EQ(normalized, "( )|a|(|a)|com.example|my.app.thing|com.example.Foo Bar|y|com.a/b.c|.x.y|\n|");
+  for (const std::string_view label : splitWhitespace("com org net io dev edu gov app ai me co"))
+    EXPECT_EQ(normalizedDisplayName(std::string(label) + ".example.shown"), "shown") << label;
   EXPECT_EQ(topLevelAppBundlePath("/Applications/A.app/Contents/Agents/B.app/x"), "/Applications/A.app");
   EXPECT_EQ(topLevelAppBundlePath("/a.apps/app"), none);
 }
@@ -89,6 +92,7 @@ TEST(ProcessPresentation, ShowsHelpersUnderTheApplicationThatHostsThem) {
   EXPECT_EQ(canonical[50], "Foo");
   EXPECT_EQ(canonical[61], "tool") << "a host's name goes before an alias";
   EXPECT_EQ(std::pair(canonical[70], canonical[71]), std::pair("Bar"s, "Bar"s)) << "the nearest application";
+  EXPECT_EQ(annotated.processes[18].processGroupKey, "app:/applications/bar.app") << "hosts itself";
   EXPECT_EQ(annotated.processes[1].displayName, "helper");
   EXPECT_EQ(annotated.processes[1].processGroupKey, "app:/applications/foo.app") << "the host's";
 
@@ -191,46 +195,6 @@ TEST(ProcessPresentation, ExtendingAContextEqualsRebuildingIt) {
   EXPECT_EQ(makeLatestOnlyPresentationContext(std::vector{makeSnapshot(0, 1, {makeProcessDrain(1, "a", 0)})},
                                               cancelled),
             ProcessPresentationContext{});
-}
-
-/// The energy and the power of the rows as they are listed: one that is looked up twice counts twice.
-std::pair<double, double> totals(const std::vector<ProcessDrain>& rows, const TextMap<double>& whByID) {
-  double wattHours = 0, watts = 0;
-  for (const ProcessDrain& row : rows) {
-    wattHours += whByID.at(row.id());
-    watts += std::max(0.0, row.drainW);
-  }
-  return {wattHours, watts};
-}
-
-TEST(ProcessPresentation, FoldingLosesNoEnergyAndNoPower) {
-  std::mt19937 random(11);
-  for (int round = 0; round < 100; ++round) {
-    const std::vector<DrainSnapshot> history = randomHistory(random);
-    const auto context =  // without one the stored names count
-        round % 2 ? makePresentationContext(history) : ProcessPresentationContext{};
-    TextMap<double> whByName, whByID;
-    double allWh = 0, latestW = 0, shownWh = 0;
-    for (const DrainSnapshot& snapshot : history) {
-      for (const auto& [name, watts] : processWattsByDisplayName(snapshot, context))
-        whByName[name] += watts / 8;
-      latestW = 0;
-      for (const ProcessDrain& row : snapshot.processes) {
-        whByID[row.id()] += std::max(0.0, row.drainW) / 8;
-        allWh += std::max(0.0, row.drainW) / 8;
-        latestW += std::max(0.0, row.drainW);
-      }
-    }
-    const auto visible = groupVisibleProcesses(history.back(), context, whByName);
-    std::set<std::string> shown;
-    for (const ProcessDrain& row : visible.processes) shown.insert(lowercased(*row.canonicalName));
-    for (const auto& [name, wattHours] : whByName)
-      shownWh += shown.contains(lowercased(name)) ? wattHours : 0;
-    EXPECT_EQ(totals(visible.processes, visible.processWhByID), std::pair(shownWh, latestW));
-    const auto unique = makeUniqueProcesses(history, whByID, {}, 0.5, {}, context);
-    EXPECT_EQ(totals(unique.processes, unique.processWhByID), std::pair(allWh, allWh / 0.5))
-        << "the power is the average over the sampled hours";
-  }
 }
 
 TEST(ProcessPresentation, GroupsRowsUnderTheNameThatIsShown) {
