@@ -7,7 +7,6 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <unistd.h>
 
 #include "Base/Environment.hpp"
 #include "Base/ErrorText.hpp"
@@ -15,6 +14,7 @@
 #include "Base/PointInTime.hpp"
 #include "Base/Text.hpp"
 #include "Platform/AppendFile.hpp"
+#include "Platform/ThisProcess.hpp"
 #include "SharedModels/Runtime/DiagnosticSwitch.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
 
@@ -123,7 +123,7 @@ void PowermetricsCollector::requireSuccess(const ShellResult& result) {
 
 PowermetricsParseOutput PowermetricsCollector::collectNormalizedSample() const {
   const auto start = std::chrono::steady_clock::now();
-  const ToolCommand tool = command(::geteuid() == 0);
+  const ToolCommand tool = command(platform::effectiveUserID() == 0);
   RuntimeLog::info(component, "Starting powermetrics fetch: " + commandLine(tool));
 
   const ShellResult result = run(tool);

@@ -6,9 +6,8 @@
 #include <string_view>
 #include <system_error>
 
-#include <unistd.h>
-
 #include "Base/Text.hpp"
+#include "Platform/FileStatus.hpp"
 
 namespace quenzel {
 namespace {
@@ -19,7 +18,7 @@ bool isAbsolute(const std::string& path) { return path.starts_with('/'); }
 std::optional<std::string> toolBelow(const std::string& root, const std::string& path) {
   const std::string candidate = root + path;
   std::error_code failure;
-  if (!std::filesystem::is_regular_file(candidate, failure) || ::access(candidate.c_str(), X_OK) != 0) {
+  if (!std::filesystem::is_regular_file(candidate, failure) || !platform::mayExecute(candidate)) {
     return std::nullopt;
   }
   return candidate;

@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "Base/MonotonicClock.hpp"
-#include "Platform/ChildProcessSupport.hpp"
+#include "Platform/SubprocessSupport.hpp"
 
 namespace quenzel::platform {
 namespace {

@@ -13,13 +13,13 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
 #include "Base/Text.hpp"
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "MetricsCollectors/ProcessSampler.hpp"
 #include "Platform/HardwareModel.hpp"
 #include "Platform/RequestTransport.hpp"
+#include "Platform/ThisProcess.hpp"
 #include "QuenzelMonitor/ApplicationQuit.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
@@ -83,7 +83,7 @@ struct QuitOutcome {
 QuitPlan quitPlan(const QuitOptions& options) {
   const DefaultShellRunner shell;
   const std::vector<ProcessSample> running = ProcessSampler(shell).sampleProcessTree(1).allProcesses;
-  QuitPlan plan = planQuit(running, options.name, ::getpid());
+  QuitPlan plan = planQuit(running, options.name, platform::ownPID());
   if (plan.targets.empty())
     throw CommandError(plan.application + " is this command itself or one of its parents");
   if (plan.belongsToSystem && !options.force)

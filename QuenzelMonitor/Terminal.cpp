@@ -3,19 +3,14 @@
 #include <iostream>
 #include <string>
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include "Base/Environment.hpp"
 #include "Base/Text.hpp"
+#include "Platform/TerminalSize.hpp"
 
 namespace quenzel {
 
 std::optional<std::size_t> terminalWidth(const Console& console) {
-  winsize size{};
-  if (&console.out != &std::cout || ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
-    return {};
-  return size.ws_col;
+  return &console.out == &std::cout ? platform::terminalColumns() : std::nullopt;
 }
 
 bool isUTF8Terminal() {

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 #include "Base/MonotonicClock.hpp"
 #include "Storage/SnapshotStoreError.hpp"
@@ -81,9 +80,8 @@ Database::SidecarIdentities Database::sidecarIdentities() const {
   SidecarIdentities identities;
   auto identity = identities.begin();
   for (const char* suffix : {"-wal", "-shm"}) {
-    struct stat status {};
-    if (::lstat((fileLayer_->files().path() + suffix).c_str(), &status) == 0)
-      *identity = {status.st_dev, status.st_ino};
+    if (const auto status = platform::fileStatus(fileLayer_->files().path() + suffix))
+      *identity = status->identity;
     ++identity;
   }
   return identities;

@@ -8,10 +8,9 @@
 #include <string>
 #include <string_view>
 
-#include <sys/types.h>
-
 #include "Base/ScopedResource.hpp"
 #include "Base/TextMap.hpp"
+#include "Platform/FileStatus.hpp"
 #include "Storage/GuardedVFS.hpp"
 #include "Storage/Statement.hpp"
 
@@ -80,13 +79,8 @@ class Database {
   using ConnectionHandle = ScopedResource<sqlite3*, &Database::closeConnection>;
   using StatementHandle = ScopedResource<sqlite3_stmt*, &Database::finalizeStatement>;
 
-  /// The files beside the database, as the system tells them apart; absent ones are empty.
-  struct FileIdentity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    bool operator==(const FileIdentity&) const = default;
-  };
-  using SidecarIdentities = std::array<FileIdentity, 2>;
+  /// The files beside the database, as the system tells them apart.
+  using SidecarIdentities = std::array<std::optional<platform::FileStatus::Identity>, 2>;
 
   struct Interruption {
     std::function<bool()> isEndWanted;

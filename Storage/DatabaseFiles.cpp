@@ -5,31 +5,32 @@
 #include <vector>
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 
+#include "Platform/FileStatus.hpp"
 #include "Storage/SnapshotStoreError.hpp"
 
 namespace quenzel {
 namespace {
 
 namespace fs = std::filesystem;
+using Kind = platform::FileStatus::Kind;
 
 constexpr const char* suffixes[] = {"", "-journal", "-wal", "-shm"};
 
 /// What is wrong with a file; null for a regular one with one hard link, and for none.
-const char* flawOf(const char* path) {
-  struct stat status {};
-  if (::lstat(path, &status) != 0) return nullptr;
-  if (S_ISLNK(status.st_mode)) return "Symbolic links are refused";
-  if (!S_ISREG(status.st_mode)) return "Not a regular file";
-  return status.st_nlink > 1 ? "Files with a second hard link are refused" : nullptr;
+const char* flawOf(const std::string& path) {
+  const auto status = platform::fileStatus(path);
+  if (!status) return nullptr;
+  if (status->kind == Kind::symbolicLink) return "Symbolic links are refused";
+  if (status->kind != Kind::regular) return "Not a regular file";
+  return status->hardLinks > 1 ? "Files with a second hard link are refused" : nullptr;
 }
 
 /// Where a link leads; empty for anything else.
-fs::path targetOf(const fs::path& path, uid_t user) {
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0 || !S_ISLNK(status.st_mode)) return {};
-  if (status.st_uid != 0 && status.st_uid != user)
+fs::path targetOf(const fs::path& path, std::uint32_t userID) {
+  const auto status = platform::fileStatus(path);
+  if (!status || status->kind != Kind::symbolicLink) return {};
+  if (status->ownerID != 0 && status->ownerID != userID)
     throw SnapshotStoreError::withMessage(
         fmt::format("The symbolic link {} of another user is not followed", path.string()));
   std::error_code failure;  // gone meanwhile, and so is nowhere
@@ -37,7 +38,7 @@ fs::path targetOf(const fs::path& path, uid_t user) {
 }
 
 /// The path of a folder with every link replaced by where it leads.
-fs::path resolved(const fs::path& folder, uid_t user) {
+fs::path resolved(const fs::path& folder, std::uint32_t userID) {
   constexpr int mostLinks = 40;  // as of Linux
   std::vector<fs::path> pending;
   const auto push = [&](const fs::path& path) {
@@ -52,7 +53,7 @@ fs::path resolved(const fs::path& folder, uid_t user) {
     if (part == "..") {
       path = path.parent_path();
     } else if (!part.empty() && part != ".") {
-      const fs::path target = targetOf(path / part, user);
+      const fs::path target = targetOf(path / part, userID);
       if (target.empty()) {
         path /= part;
       } else if (++links > mostLinks) {
@@ -67,11 +68,11 @@ fs::path resolved(const fs::path& folder, uid_t user) {
 
 }  // namespace
 
-DatabaseFiles::DatabaseFiles(const std::string& path, uid_t user) {
+DatabaseFiles::DatabaseFiles(const std::string& path, std::uint32_t userID) {
   std::error_code failure;
   const fs::path absolute = fs::absolute(path, failure);
   if (failure) throw SnapshotStoreError::withMessage(failure.message());
-  path_ = resolved(absolute.parent_path(), user) / absolute.filename();
+  path_ = resolved(absolute.parent_path(), userID) / absolute.filename();
 }
 
 bool DatabaseFiles::contains(std::string_view path) const {
@@ -86,12 +87,12 @@ void DatabaseFiles::requirePlainFiles() const {
     const std::string file = path_ + std::string(suffix);
     std::error_code failure;
     if (suffix.empty() && fs::is_directory(fs::symlink_status(file, failure))) continue;
-    const char* const flaw = flawOf(file.c_str());
+    const char* const flaw = flawOf(file);
     if (flaw == nullptr) continue;
     throw SnapshotStoreError::withMessage(suffix.empty() ? flaw : fmt::format("{}: {}", flaw, file));
   }
 }
 
-bool DatabaseFiles::isPlainOrAbsent(const char* path) { return flawOf(path) == nullptr; }
+bool DatabaseFiles::isPlainOrAbsent(const std::string& path) { return flawOf(path) == nullptr; }
 
 }  // namespace quenzel

@@ -1,10 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
-#include <sys/types.h>
-#include <unistd.h>
+#include "Platform/ThisProcess.hpp"
 
 namespace quenzel {
 
@@ -18,7 +18,7 @@ class DatabaseFiles {
   /// Resolves the folder of the path. Symbolic links on the way are followed where they are root's or the
   /// user's own, as /tmp is on macOS: nobody else may decide where a database is made.
   /// @throws SnapshotStoreError for another one's link, and for a path that leads nowhere
-  explicit DatabaseFiles(const std::string& path, uid_t user = ::geteuid());
+  explicit DatabaseFiles(const std::string& path, std::uint32_t userID = platform::effectiveUserID());
 
   /// The absolute path without any symbolic link in its folder, as far as that exists.
   const std::string& path() const { return path_; }
@@ -30,7 +30,7 @@ class DatabaseFiles {
   void requirePlainFiles() const;
 
   /// Whether there is a regular file with one hard link, or nothing.
-  static bool isPlainOrAbsent(const char* path);
+  static bool isPlainOrAbsent(const std::string& path);
 
  private:
   std::string path_;

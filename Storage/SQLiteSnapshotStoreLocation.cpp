@@ -4,8 +4,8 @@
 #include <system_error>
 
 #include <fmt/format.h>
-#include <unistd.h>
 
+#include "Platform/FileStatus.hpp"
 #include "Platform/Settings.hpp"
 
 namespace quenzel {
@@ -18,7 +18,7 @@ bool canBeThere(const std::filesystem::path& file) {
   std::filesystem::path folder = file.parent_path();
   while (!std::filesystem::exists(folder, failure) && folder.has_relative_path())
     folder = folder.parent_path();
-  return std::filesystem::is_directory(folder, failure) && ::access(folder.c_str(), W_OK | X_OK) == 0;
+  return std::filesystem::is_directory(folder, failure) && platform::mayWriteFolder(folder);
 }
 
 }  // namespace

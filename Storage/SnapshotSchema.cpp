@@ -2,20 +2,16 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string_view>
 #include <system_error>
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include "Base/ErrorText.hpp"
 #include "Base/Number.hpp"
-#include "Base/ScopedResource.hpp"
-#include "Platform/SharedDirectory.hpp"
+#include "Platform/SharedFiles.hpp"
 #include "Storage/Database.hpp"
 #include "Storage/SnapshotStoreError.hpp"
 
@@ -223,13 +219,9 @@ void resetSnapshotTables(Database& database) {
 void SnapshotSchema::prepareFile(const std::string& path) {
   createFolders(std::filesystem::path(path).parent_path());
 
-  constexpr mode_t everybody = 0666;
-  const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, everybody));
-  if (file) {
-    ::fchmod(file.get(), everybody);
-  } else if (errno != EEXIST && errno != EISDIR) {  // SQLite has words for a folder
-    throw cannotCreate("file", path, errno);
-  }
+  const int failure = platform::createSharedFile(path);
+  if (failure == 0 || failure == EEXIST || failure == EISDIR) return;  // SQLite has words for a folder
+  throw cannotCreate("file", path, failure);
 }
 
 void SnapshotSchema::configureForWriting(Database& database) {

@@ -24,7 +24,7 @@
 #include "Platform/Linux/ProcessorTimes.hpp"
 #include "Platform/PropertyList.hpp"
 #include "Platform/Settings.hpp"
-#include "Platform/SharedDirectory.hpp"
+#include "Platform/SharedFiles.hpp"
 
 namespace quenzel::platform {
 namespace {

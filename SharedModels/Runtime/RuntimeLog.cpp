@@ -4,7 +4,6 @@
 #include <filesystem>
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include "Base/Environment.hpp"
 #include "Base/Mutex.hpp"
@@ -13,7 +12,7 @@
 #include "Platform/AppendFile.hpp"
 #include "Platform/QuietWrite.hpp"
 #include "Platform/Settings.hpp"
-#include "Platform/SharedDirectory.hpp"
+#include "Platform/SharedFiles.hpp"
 #include "Platform/SystemLog.hpp"
 #include "SharedModels/Runtime/AppConfiguration.hpp"
 #include "SharedModels/Runtime/NotificationCentre.hpp"
@@ -73,7 +72,7 @@ void write(RuntimeLogLevel level, std::string_view component, std::string_view m
   if (level > minimumLevel) return;
 
   const std::string line = RuntimeLog::formattedLine(now().secondsSince1970(), level, component, message);
-  platform::writeQuietly(STDERR_FILENO, line);
+  platform::writeQuietly(platform::standardErrorDescriptor, line);
   writeToSystemLog(level, component, message);
   appendToSharedFile(line);
   if (notificationsEnabled) NotificationCentre::shared().post(runtimeLogDidWrite, {{"line", line}});

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "MetricsCollectors/DefaultProcessTerminator.hpp"
-#include "Platform/ChildProcessSupport.hpp"
+#include "Platform/SubprocessSupport.hpp"
 
 namespace quenzel {
 namespace {

@@ -16,7 +16,7 @@
 #include "Platform/HardwareModel.hpp"
 #include "Platform/Linux/ModelledHardware.hpp"
 #include "Platform/SMCUserClient.hpp"
-#include "Platform/SharedDirectory.hpp"
+#include "Platform/SharedFiles.hpp"
 #include "Tests/Support/SystemTree.hpp"
 
 namespace quenzel::testing {

@@ -13,6 +13,7 @@
 #include "Platform/Linux/ConnectionTable.hpp"
 #include "Platform/Linux/RequestServer.hpp"
 #include "Platform/Linux/RequestStream.hpp"
+#include "Platform/SubprocessSupport.hpp"
 #include "Tests/Support/DaemonProcess.hpp"
 
 namespace quenzel::platform {

@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/ChildProcessSupport.hpp"
+#include "Platform/SubprocessSupport.hpp"
 #include "Tests/Support/Command.hpp"
 #include "Tests/Support/DaemonProcess.hpp"
 

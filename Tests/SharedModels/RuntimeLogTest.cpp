@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "Base/Text.hpp"
-#include "Platform/ChildProcessSupport.hpp"
+#include "Platform/SubprocessSupport.hpp"
 #include "SharedModels/Runtime/NotificationCentre.hpp"
 #include "SharedModels/Runtime/RuntimeLog.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"

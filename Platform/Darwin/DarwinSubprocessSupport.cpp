@@ -1,11 +1,11 @@
-#include "Platform/ChildProcessSupport.hpp"
-
 #include <cstdint>
 
 #include <fcntl.h>
 #include <sys/event.h>
 #include <sys/types.h>
 #include <unistd.h>
+
+#include "Platform/SubprocessSupport.hpp"
 
 namespace quenzel::platform {
 namespace {

@@ -1,8 +1,8 @@
-#include "Platform/ChildProcessSupport.hpp"
-
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include "Platform/SubprocessSupport.hpp"
 
 namespace quenzel::platform {
 

@@ -10,7 +10,7 @@
 
 namespace quenzel::platform {
 
-// What starting a child needs of the particular system; spawnChild() puts it together.
+// What starting a child needs of the particular system; Subprocess puts it together.
 
 /// A pipe as {read end, write end}, both closed on exec from the start; none (with errno set) when
 /// descriptors ran out.
