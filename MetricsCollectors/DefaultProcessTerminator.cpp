@@ -1,7 +1,6 @@
 #include "MetricsCollectors/DefaultProcessTerminator.hpp"
 
 #include <cerrno>
-#include <csignal>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -55,13 +54,13 @@ ProcessTerminationResult DefaultProcessTerminator::terminateProcess(std::int32_t
     if (failure == ESRCH) return Result::success(fmt::format("Process {} is already stopped.", pid));
     return Result::failure(fmt::format("Unable to inspect process {}: {}.", pid, errorText(failure)));
   }
-  if (const int failure = target->send(SIGTERM)) {
+  if (const int failure = target->send(platform::terminationSignal)) {
     if (failure == ESRCH)
       return Result::success(fmt::format("Process {} exited before termination completed.", pid));
     return Result::failure(fmt::format("Unable to terminate process {}: {}.", pid, errorText(failure)));
   }
   if (waitForExit(*target, exitWait)) return Result::success();
-  if (const int failure = target->send(SIGKILL)) {
+  if (const int failure = target->send(platform::killSignal)) {
     if (failure == ESRCH)
       return Result::success(fmt::format("Process {} exited before SIGKILL completed.", pid));
     return Result::failure(fmt::format("Unable to force terminate process {}: {}.", pid, errorText(failure)));

@@ -1,9 +1,14 @@
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <memory>
 
 namespace quenzel::platform {
+
+// The signals that end a process: one that it may catch, and one that it may not.
+inline constexpr int terminationSignal = SIGTERM;
+inline constexpr int killSignal = SIGKILL;
 
 /// One process, held fast from the moment it was named: where the system allows it, a later process or
 /// thread that gets the same PID is never signalled in its place. For one thread at a time.

@@ -1,4 +1,3 @@
-#include <csignal>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -10,6 +9,7 @@
 #include "MetricsCollectors/DefaultProcessTerminator.hpp"
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "Platform/BundleInformation.hpp"
+#include "Platform/IgnoredSignals.hpp"
 #include "Platform/ProcessStart.hpp"
 #include "Platform/RequestTransport.hpp"
 #include "QuenzelDaemon/BatteryMetricsService.hpp"
@@ -57,7 +57,7 @@ void warnOfUnreadableInfoPlist() {
 
 int serve() {
   // A client or a child that closes its end early is an error of that write, not the end of the daemon.
-  std::signal(SIGPIPE, SIG_IGN);
+  platform::ignoreBrokenPipes();
   const DefaultShellRunner shell;
   const DefaultProcessTerminator terminator;
   warnOfUnreadableInfoPlist();

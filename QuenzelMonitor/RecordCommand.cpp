@@ -1,7 +1,6 @@
 #include "QuenzelMonitor/RecordCommand.hpp"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -20,6 +19,7 @@
 #include "Base/Text.hpp"
 #include "MetricsCollectors/DefaultShellRunner.hpp"
 #include "Platform/BundleInformation.hpp"
+#include "Platform/IgnoredSignals.hpp"
 #include "Platform/StopSignals.hpp"
 #include "QuenzelMonitor/Arguments.hpp"
 #include "QuenzelMonitor/HistoryDatabase.hpp"
@@ -135,7 +135,7 @@ bool nothingIsStored(const RecordingTally& tally) {
 int record(SQLiteSnapshotStore& store, const RecordOptions& options, Console& console) {
   const platform::StopSignals stop;
   // A reader of the output that went away shows as a failing write, not as the end.
-  std::signal(SIGPIPE, SIG_IGN);
+  platform::ignoreBrokenPipes();
   const DefaultShellRunner shell;
   SamplingCycle cycle(shell);
   SnapshotRecorderOptions recording{.intervalSeconds = intervalOf(options), .cycleCount = options.count};
