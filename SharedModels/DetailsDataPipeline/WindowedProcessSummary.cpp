@@ -90,8 +90,9 @@ void integrate(const SnapshotList& windowed, const ProcessPresentationContext& c
   for (std::size_t i = 1; i < windowed.size() && !cancellation.isCancelled(); ++i) {
     const DrainSnapshot& earlier = *windowed[i - 1];
     const DrainSnapshot& later = *windowed[i];
-    // No two are of the same moment any more, so that each slice counts.
-    const double hours = sliceHours(later.timestamp - earlier.timestamp);
+    const double seconds = later.timestamp - earlier.timestamp;
+    if (!(seconds > sameMomentSeconds)) continue;
+    const double hours = sliceHours(seconds);
     summary.totalWh += sliceWh(hours, earlier.totalDischargeW, later.totalDischargeW);
     TextMap<double> currentWatts = Presentation::processWattsByDisplayName(later, context);
     accumulateAverageEnergy(previousWatts, currentWatts, hours, summary.groupedWhByName);
