@@ -97,7 +97,6 @@ TEST(BatteryStatusCollector, ReadsTypesAndFallsBackKeyByKey) {
        R"({"currentCapacityMah":1,"voltageMV":1,"remainingWh":0.000001,"dischargeWatts":0.0015})"},
       {"CurrentCapacity=130", R"({"levelPercent":100.0})"},
       {"CurrentCapacity=-3", R"({"levelPercent":0.0})"},
-      {"MaxCapacity=200", R"({"levelPercent":40.5})"},
       {"CurrentCapacity=1,MaxCapacity=many", R"({"levelPercent":100.0})"}};  // without a maximum, of 1
   for (const auto& [change, read] : rows) EXPECT_EQ(encoded(collected(battery(change))), batterySample(read));
   PropertyDictionary properties = battery();

@@ -198,15 +198,6 @@ TEST_F(InputBuilding, LogsNamesForDebugging) {
                   AllOf(StartsWith(prefix + "pm-only preview: pid=100 name=record-100 pmPackageW=1.01 | p"),
                         EndsWith(" | pid=107 name=record-107 pmPackageW=1.01")),
                   HasSubstr("sources")));
-  const auto oneProcess = [&] { build({makeProcessSample(1, "/x")}); };
-  powermetrics_.output->processes.resize(1);
-  EXPECT_THAT(linesLoggedBy(oneProcess),
-              ElementsAre(_, prefix + "pathless merged preview: pid=100 name=record-100",
-                          prefix + "pm-only preview: pid=100 name=record-100 pmPackageW=1.01", _));
-  powermetrics_.output->processes.clear();
-  EXPECT_THAT(
-      linesLoggedBy(oneProcess),
-      ElementsAre(prefix + "processSamples=1, merged=1, mergedPathless=0, pmOnly=0", HasSubstr("sources")));
 }
 
 }  // namespace

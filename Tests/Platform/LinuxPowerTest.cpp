@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Base/ScopedResource.hpp"
@@ -16,7 +15,6 @@
 #include "Platform/HardwareModel.hpp"
 #include "Platform/Linux/ModelledHardware.hpp"
 #include "Platform/SMCUserClient.hpp"
-#include "Platform/SharedFiles.hpp"
 #include "Tests/Support/SystemTree.hpp"
 
 namespace quenzel::testing {
@@ -119,18 +117,6 @@ TEST(ModelledPower, DrawsFromTheBatteryWhatTheLoadNeeds) {
   EXPECT_EQ(advancedState(later, {"boot", 4600.2, 120, 9020}), later);  // too soon for new figures
 }
 
-TEST(ModelledPower, ChargesWhenTheBatteryRunsOut) {
-  const ModelledHardwareState fresh = advancedState(std::nullopt, {"boot", 0, 0, 0});
-  const ModelledHardwareState empty = advancedState(fresh, {"boot", 36'000, 1000, 1000});  // 10 h at 20.6 W
-  EXPECT_NEAR(empty.remainingWh, 0.05 * fullWh, 1e-9);
-  EXPECT_TRUE(empty.charging);
-  const ModelledHardwareState half = advancedState(empty, {"boot", 37'800, 2000, 2000});
-  EXPECT_NEAR(half.remainingWh, 0.05 * fullWh + 15, 1e-9);
-  EXPECT_EQ(platform::modelledBattery(half).state, platform::BatteryState::charging);
-  EXPECT_GT(*platform::modelledBattery(half).currentMa, 0);
-  EXPECT_FALSE(advancedState(half, {"boot", 50'000, 2000, 3000}).charging);
-}
-
 TEST(ModelledHardware, IsThereOnlyWhereAskedForAndMissing) {
   SystemTree tree;
   for (const auto& [setting, there] : {std::pair{"true", false}, std::pair{"1", true}}) {
@@ -145,17 +131,6 @@ TEST(ModelledHardware, IsThereOnlyWhereAskedForAndMissing) {
   EXPECT_FALSE(platform::modelledHardware().any());
   tree.folder().write("sys/firmware/acpi/platform_profile", "balanced\n");
   EXPECT_EQ(platform::modelledHardware(), ModelledHardware{});
-}
-
-TEST(SharedDirectory, IsOpenToAllWhoeverCreatesIt) {
-  const TemporaryDirectory folder;
-  const mode_t umaskBefore = ::umask(077);
-  EXPECT_TRUE(platform::createSharedDataDirectory(folder / "above/shared"));
-  ::umask(umaskBefore);
-  EXPECT_EQ(modeOf(folder / "above/shared"), 0777u);
-  EXPECT_TRUE(platform::createSharedDataDirectory(folder / "above"));
-  EXPECT_EQ(modeOf(folder / "above"), 0700u) << "not as its owner left it";
-  EXPECT_FALSE(platform::createSharedDataDirectory(folder.write("file", "")));
 }
 
 TEST(ModelledHardware, RemembersItsStateBetweenReadings) {
@@ -271,11 +246,6 @@ const Row rows[] = {
      "InstantAmperage=-500,Voltage=12000,CycleCount=120,Temperature=2500,DeviceName=first,AvgTimeToEmpty=360,"
      "TimeRemaining=360,ExternalConnected=false,IsCharging=false,FullyCharged=false",
      "Power Source State=Battery Power,Time to Empty=360"},
-    // Two batteries that tell nothing but their levels.
-    {{{"BAT0", "type=Battery,status=Full,capacity=40"}, {"BAT1", "type=Battery,status=Full,capacity=61"}},
-     "CurrentCapacity=50,AppleRawCurrentCapacity=unknown,AppleRawMaxCapacity=unknown,ExternalConnected=true,"
-     "IsCharging=false,FullyCharged=true",
-     "Power Source State=AC Power,Is Charged=true"},
     // Neither a level nor what can be true: half of the charge is not half of both batteries'.
     {{{"BAT0",
        "type=Battery,status=Unknown,charge_now=3000000,charge_full=1000000000001,temp=9223372036854775807"},
@@ -306,13 +276,9 @@ TEST(LinuxBattery, SpeaksTheRegistrysKeysAndUnits) {
 }
 
 TEST(LinuxBattery, KeepsTheSignThatTheStatusTells) {
-  const std::tuple<const char*, const char*, std::int64_t> signs[] = {{"Discharging", "-1400000", -1400},
-                                                                      {"Charging", "-900000", 900},
-                                                                      {"Not charging", "-49000", 0},
-                                                                      {"Not charging", "-50000", -50},
-                                                                      {"Full", "49000", 0},
-                                                                      {"Full", "60000", 60},
-                                                                      {"Unknown", "-7000", -7}};
+  const std::tuple<const char*, const char*, std::int64_t> signs[] = {
+      {"Discharging", "-1400000", -1400}, {"Charging", "-900000", 900}, {"Not charging", "-49000", 0},
+      {"Not charging", "-50000", -50},    {"Full", "60000", 60},        {"Unknown", "-7000", -7}};
   for (const auto& [status, current, amperage] : signs) {
     const SystemTree tree;
     tree.powerSupply("BAT0", attributes(chargeBattery));

@@ -1,6 +1,5 @@
 #include <csignal>
 #include <memory>
-#include <thread>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -95,19 +94,6 @@ TEST(RequestStream, EndsWithAClientThatLeavesOrGoesBeyondABound) {
   send(client, std::string(4096, 'x'));
   EXPECT_EQ(RequestStream(server.get(), 60s).nextLine(), std::nullopt);
   EXPECT_EQ(RequestStream(server.get(), 10ms).nextLine(), std::nullopt) << "no time-out";
-}
-
-TEST(RequestStream, LetsAClientBeSilentBetweenMessagesButNotInOne) {
-  const auto [client, server] = socketPair();
-  RequestStream stream(server.get(), 10ms);
-  const std::string message = header(4, 0) + "body";
-  std::thread late([&message, descriptor = &client] {
-    std::this_thread::sleep_for(30ms);  // three times as long as a message may take
-    send(*descriptor, message + message.substr(0, 19));
-  });
-  EXPECT_THAT(stream.nextMessage(), Optional(message));
-  EXPECT_EQ(stream.nextMessage(), std::nullopt);
-  late.join();
 }
 
 TEST(ConnectionTable, ClosesTheLongestIdleConnectionOfWhoHoldsMost) {

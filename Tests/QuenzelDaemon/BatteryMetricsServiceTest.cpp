@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include "QuenzelDaemon/BatteryMetricsService.hpp"
-#include "Storage/SharedSnapshotSidecarPermissions.hpp"
 #include "Tests/Support/FakeShell.hpp"
 #include "Tests/Support/LoggedLines.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"
@@ -123,17 +122,6 @@ TEST_F(BatteryMetricsServiceTest, StartOpensTheSharedDatabaseToEveryone) {
   // In a folder that everyone may write, a link may lead to a file that is nobody else's business.
   EXPECT_EQ(modeOf(stranger), 0600u);
   EXPECT_EQ(modeOf(linked), 0600u);
-}
-
-TEST_F(BatteryMetricsServiceTest, SidecarPermissionsEndAtTheSharedDirectory) {
-  const testing::TemporaryDirectory elsewhere;
-  const std::string database = elsewhere.write("Quenzel/battery_history.sqlite", "");
-  ::chmod(database.c_str(), 0600);
-  std::filesystem::create_directory_symlink(elsewhere / "Quenzel", folder_ / "Quenzel");
-  const std::string sameLetters = folder_.path().string() + "x/battery_history.sqlite";  // in another folder
-  for (const auto& path : {database, sameLetters, std::string(), folder_ / "Quenzel/battery_history.sqlite"})
-    ensureSharedSnapshotSidecarPermissions(path);
-  EXPECT_EQ(modeOf(database), 0600u);
 }
 
 }  // namespace

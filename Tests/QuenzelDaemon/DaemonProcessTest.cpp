@@ -93,14 +93,6 @@ TEST_F(DaemonProcessTest, AnswersAnyDBusClient) {
                                   HasSubstr("[INFO] [Daemon] ping received.\n")));
 }
 
-TEST_F(DaemonProcessTest, SetsLowPowerModeThroughPmset) {
-  const DaemonProcess daemon(surroundings_);
-  const auto client = daemon.connect();
-  surroundings_.installTool("/usr/bin/pmset", "echo 'lowpowermode 1'; test $1 = -g || test $3 = 1");
-  EXPECT_EQ(described(client->setLowPowerMode(true)), "true / (none)");
-  EXPECT_EQ(described(client->setLowPowerMode(false)), "false / pmset returned status 1");
-}
-
 TEST_F(DaemonProcessTest, NobodyDisturbsAnybodyElse) {
   const DaemonProcess daemon(surroundings_);
   const auto quick = daemon.connect();

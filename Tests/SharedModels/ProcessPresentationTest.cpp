@@ -149,22 +149,18 @@ TEST(ProcessPresentation, KeepsTheNameOfANumberThatIsUsedAgain) {
 
 /// Histories with numbers used again, renamed executables, changing parents and stored names.
 std::vector<DrainSnapshot> randomHistory(std::mt19937& random) {
-  static const auto names = splitWhitespace(
-      "/Applications/Foo.app/Contents/MacOS/Foo /Applications/Bar.app/x/Foo /usr/bin/tool foo FOO (tool) "
-      "com.example.Agent /opt/bar");
+  static const auto names =
+      splitWhitespace("/A/Foo.app/x/Foo /A/Bar.app/x/Foo foo FOO (tool) com.example.Agent");
   const auto pick = [&](int count) { return static_cast<int>(random() % static_cast<unsigned>(count)); };
-  std::vector<DrainSnapshot> history;
-  for (int time = pick(8); time >= 0; --time) {
-    DrainSnapshot snapshot = makeSnapshot(100 - time, 20);
+  std::vector<DrainSnapshot> history(static_cast<std::size_t>(1 + pick(8)));
+  for (DrainSnapshot& snapshot : history) {
     for (int rows = pick(12); rows > 0; --rows) {
-      ProcessDrain row = makeProcessDrain(pick(7), std::string(names[random() % 8]), pick(5) - 1);
+      ProcessDrain& row =
+          snapshot.processes.emplace_back(makeProcessDrain(pick(7), std::string(names[random() % 6]), 1));
       if (pick(2)) row.parentPID = pick(7);
       if (pick(4) == 0) row.bundleID = pick(2) ? "com.apple.x" : "org.x";
-      if (pick(5) == 0) row.displayName = pick(2) ? "foo" : "Shown";
-      if (pick(3) == 0) row.canonicalName = pick(2) ? "FOO" : "Kept";
-      snapshot.processes.push_back(row);
+      if (pick(5) == 0) row.displayName = row.canonicalName = pick(2) ? "foo" : "Shown";
     }
-    history.push_back(snapshot);
   }
   return history;
 }

@@ -199,20 +199,18 @@ TEST(SnapshotPublicationPolicyTest, LooksAtTheTotalAlone) {
 }
 
 TEST(SnapshotPublicationPolicyTest, DecisionsHaveTheirCodesAndReasons) {
-  using Reason = std::optional<std::string_view>;
-  const std::tuple<SnapshotPublicationDecision, std::string_view, Reason> rows[] = {
-      {publishable, "publishable", std::nullopt},
-      {insufficientTotalPower, "insufficientTotalPower", "total power was not high enough to publish"},
-      {missingAttributedProcesses, "missingAttributedProcesses",
-       "powermetrics reported attributed power but no processes were publishable"},
-      {missingProcessDrain, "missingProcessDrain",
-       "powermetrics reported attributed power but process drain summed to zero"},
-  };
-  for (const auto& [decision, code, reason] : rows) {
-    EXPECT_EQ(rawValue(decision), code);
-    EXPECT_EQ(snapshotPublicationDecision(code), decision);
-    EXPECT_EQ(rejectionReason(decision), reason) << code;
-    EXPECT_EQ(isPublishable(decision), !reason) << code;
+  const std::string code[] = {"publishable", "insufficientTotalPower", "missingAttributedProcesses",
+                              "missingProcessDrain"};
+  const std::string reason[] = {"", "total power was not high enough to publish",
+                                "powermetrics reported attributed power but no processes were publishable",
+                                "powermetrics reported attributed power but process drain summed to zero"};
+  for (const auto decision :
+       {publishable, insufficientTotalPower, missingAttributedProcesses, missingProcessDrain}) {
+    const auto index = static_cast<std::size_t>(decision);
+    EXPECT_EQ(rawValue(decision), code[index]);
+    EXPECT_EQ(snapshotPublicationDecision(code[index]), decision);
+    EXPECT_EQ(rejectionReason(decision).value_or(""), reason[index]);
+    EXPECT_EQ(isPublishable(decision), decision == publishable);
   }
   EXPECT_EQ(snapshotPublicationDecision("Publishable"), std::nullopt);
 }

@@ -6,6 +6,7 @@
 
 #include "SharedModels/Presentation/AppleProcessDetector.hpp"
 #include "SharedModels/Presentation/ProcessTerminationTargetResolver.hpp"
+#include "Tests/Support/Fingerprint.hpp"
 
 namespace quenzel {
 namespace {
@@ -44,9 +45,7 @@ TEST(AppleProcessDetector, KnowsEveryNameAsItStands) {
   for (const std::string_view name : std::set<std::string_view>(names.begin(), names.end()))
     sorted.append(name) += '\n';
   EXPECT_EQ(names.size(), 188U);
-  std::uint64_t hash = 0xCBF29CE484222325U;  // FNV-1a, 64 bits
-  for (const char byte : sorted) hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3U;
-  EXPECT_EQ(hash, 0xE8132131AAEC8BE9U) << sorted;
+  EXPECT_EQ(testing::fingerprint(sorted), 0xE8132131AAEC8BE9U) << sorted;
 }
 
 TEST(TerminationTargetResolver, EndsTheApplicationBeforeItsHelpers) {

@@ -29,7 +29,6 @@ TEST(WindowedProcessSummaryTest, CleansAndCutsTheHistory) {
       {"near a dropped one only", {at(1), at(1.25, 10, 4), at(1.75, 10, 4)}, 60, {at(1), at(1.75, 10, 4)}},
       {"cutoff", {at(30), at(10), at(20)}, 10, {at(20), at(30)}},
       {"no window", {at(10), at(20)}, 0, {at(20)}},
-      {"negative", {at(10), at(20)}, -5, {at(20)}},
       {"not a number", {at(10), at(20)}, std::nan(""), {at(20)}}};
   for (const auto& [what, sourceRaw, windowSeconds, windowed] : rows)
     EXPECT_EQ(windowedSnapshots(sourceRaw, at(-7), windowSeconds), windowed) << what;

@@ -29,12 +29,8 @@ namespace {
 
 using enum SnapshotInsertOutcome;
 using Mode = SQLiteSnapshotStore::Mode;
-using testing::CommandResult;
-using ::testing::ContainsRegex;
-using testing::modeOf;
-using testing::runCommand;
-using testing::ScopedEnvironment;
-using testing::TemporaryDirectory;
+using namespace ::testing;
+using namespace testing;
 using Snapshots = std::vector<DrainSnapshot>;
 
 constexpr double start = 1'700'000'000;
