@@ -2,7 +2,7 @@
 
 #include "Platform/IgnoredSignals.hpp"
 #include "Platform/ProcessStart.hpp"
-#include "QuenzelMonitor/CommandLine.hpp"
+#include "QuenzelMonitor/Commands/CommandLine.hpp"
 
 int main(int argumentCount, char** arguments) {
   quenzel::platform::prepareProcess();

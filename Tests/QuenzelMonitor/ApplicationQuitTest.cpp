@@ -7,8 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "QuenzelMonitor/ApplicationQuit.hpp"
-#include "QuenzelMonitor/Console.hpp"
+#include "Engine/ApplicationQuit.hpp"
 #include "Tests/QuenzelMonitor/RunQuenzel.hpp"
 #include "Tests/Support/DaemonProcess.hpp"
 
@@ -39,7 +38,7 @@ std::string planned(const std::vector<ProcessSample>& running, const char* name)
     for (const auto& [pid, target] : plan.targets) text += fmt::format(" {} {}", pid, target);
     for (const std::int64_t pid : plan.protectedPIDs) text += fmt::format(" but {}", pid);
     return text;
-  } catch (const CommandError& error) {
+  } catch (const ApplicationQuitError& error) {
     return error.what();
   }
 }

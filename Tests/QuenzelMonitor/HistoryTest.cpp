@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "QuenzelMonitor/HistoryReport.hpp"
-#include "QuenzelMonitor/TerminalChart.hpp"
+#include "QuenzelMonitor/Views/HistoryReport.hpp"
+#include "QuenzelMonitor/Views/TerminalChart.hpp"
 #include "SharedModels/Snapshot/ModelledFigures.hpp"
 #include "Tests/QuenzelMonitor/RunQuenzel.hpp"
 #include "Tests/Support/ScopedTimeZone.hpp"

@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "QuenzelMonitor/Console.hpp"
-#include "QuenzelMonitor/SampleReport.hpp"
+#include "QuenzelMonitor/Views/SampleReport.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 #include "Tests/QuenzelMonitor/RunQuenzel.hpp"
 #include "Tests/Support/ScopedEnvironment.hpp"

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "QuenzelMonitor/LastingMessage.hpp"
-#include "QuenzelMonitor/SnapshotRecorder.hpp"
+#include "Engine/SnapshotRecorder.hpp"
+#include "QuenzelMonitor/Commands/LastingMessage.hpp"
 #include "SharedModels/Runtime/JSONCoding.hpp"
 #include "Storage/SQLiteSnapshotStore.hpp"
 #include "Tests/Support/Command.hpp"

@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "QuenzelMonitor/CommandLine.hpp"
+#include "QuenzelMonitor/Commands/CommandLine.hpp"
 
 namespace quenzel::testing {
 

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "Engine/Attribution.hpp"
 #include "Platform/PropertyList.hpp"
-#include "QuenzelMonitor/Attribution.hpp"
-#include "QuenzelMonitor/SampleReport.hpp"
+#include "QuenzelMonitor/Views/SampleReport.hpp"
 #include "Tests/Support/FakeShell.hpp"
 #include "Tests/Support/LoggedLines.hpp"
 #include "Tests/Support/SystemTree.hpp"
